@@ -1,0 +1,52 @@
+# tessel_add_test(<name> [SOURCES] <source>... [LIBRARIES <target>...] [TIMEOUT <seconds>])
+#
+# Makes one GoogleTest executable of a folder. Each of its cases becomes a test "<name>.<suite>.<case>" with a time
+# limit of its own.
+function(tessel_add_test name)
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT" "SOURCES;LIBRARIES")
+    list(APPEND arg_SOURCES ${arg_UNPARSED_ARGUMENTS})
+    if(NOT arg_SOURCES)
+        message(WARNING "No sources are listed for the tests of ${name} yet")
+        return()
+    endif()
+    if(NOT arg_TIMEOUT)
+        set(arg_TIMEOUT 120)
+    endif()
+
+    set(target tessel_${name}_test)
+    add_executable(${target} ${arg_SOURCES})
+    target_link_libraries(${target} PRIVATE tessel_test_support GTest::gmock_main ${arg_LIBRARIES})
+    tessel_configure_target(${target})
+    tessel_relax_warnings_for_tests(${target})
+    gtest_discover_tests(${target}
+        TEST_PREFIX "${name}."
+        DISCOVERY_TIMEOUT 60
+        PROPERTIES TIMEOUT ${arg_TIMEOUT})
+endfunction()
+
+# tessel_add_script_test(<name> <script> [<argument>...])
+#
+# Adds a test that runs a shell script of the calling folder and passes when the script exits with 0. The script
+# finds in its environment TESSEL_PROGRAM, the path of the program built here, and TESSEL_SOURCE_DIR, the root of
+# the sources. The test's name is "<folder>.<name>".
+function(tessel_add_script_test name script)
+    find_program(TESSEL_BASH bash REQUIRED)
+    mark_as_advanced(TESSEL_BASH)
+
+    get_filename_component(folder "${CMAKE_CURRENT_SOURCE_DIR}" NAME)
+    set(test "${folder}.${name}")
+    add_test(NAME "${test}"
+        COMMAND "${TESSEL_BASH}" "${CMAKE_CURRENT_SOURCE_DIR}/${script}" ${ARGN})
+    set_tests_properties("${test}" PROPERTIES
+        TIMEOUT 300
+        ENVIRONMENT "TESSEL_PROGRAM=$<TARGET_FILE:tessel-cli>;TESSEL_SOURCE_DIR=${PROJECT_SOURCE_DIR}")
+endfunction()
+
+# tessel_relax_warnings_for_tests(<target>)
+#
+# Takes back the one pedantic warning that GoogleTest's own macros cause where they are used.
+function(tessel_relax_warnings_for_tests target)
+    if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+        target_compile_options(${target} PRIVATE -Wno-gnu-zero-variadic-macro-arguments)
+    endif()
+endfunction()
