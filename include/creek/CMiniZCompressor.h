@@ -1,0 +1,33 @@
+#pragma once
+
+#include "lum/CBase.h"
+#include "lum/ISimpleCompressor.h"
+
+#include <memory>
+
+/// Deflate through the fastest engine at hand.
+namespace creek {
+
+/// Makes and reads zlib streams (RFC 1950 around RFC 1951). Keeps its engine's state between calls;
+/// one thread at a time.
+class TESSEL_EXPORT CMiniZCompressor : public lum::CBase, public lum::ISimpleCompressor {
+public:
+    /// `level`: 1 is fastest, 9 smallest.
+    /// Throws: lum::CInvalidArgError for any other level.
+    explicit CMiniZCompressor(int level);
+    ~CMiniZCompressor() override;
+
+    lum::String getInternalDesc() override;
+    int getCompressedSizeUpperBound(int sourceSize) const override;
+    int compressSingleStep(const void* source, int sourceSize, void* dest, int destCapacity) override;
+    int decompressSingleStep(const void* source, int sourceSize, void* dest, int destCapacity) override;
+
+private:
+    CMiniZCompressor(const CMiniZCompressor&) = delete;
+    CMiniZCompressor& operator=(const CMiniZCompressor&) = delete;
+
+    struct Engine;
+    std::unique_ptr<Engine> m_engine;
+};
+
+} // namespace creek

@@ -1,0 +1,55 @@
+#pragma once
+
+#include "lum/CProps.h"
+
+#include <exception>
+#include <memory>
+
+namespace lum {
+
+/// Base of every error that the library throws: a message for people, a code, named values and,
+/// where one error led to another, its cause.
+///
+/// The classes, codes and parameter names are stable; the library's own texts are part of its
+/// interface as well. A CError of exactly this class with code -1 whose message begins with
+/// "Internal error" tells of a wrong use or a fault of the program, not of the disk.
+class TESSEL_EXPORT CError : public std::exception {
+public:
+    /// `cause` is copied and may be null.
+    explicit CError(const String& message, const String& secondText = String(), int code = -1,
+                    const CProps& props = CProps(), const CError* cause = nullptr);
+    CError(const CError&) = default;
+    CError& operator=(const CError&) = default;
+    ~CError() override;
+
+    const String& getMessage() const noexcept { return m_message; }
+    const String& getSecondText() const noexcept { return m_secondText; }
+    int getCode() const noexcept { return m_code; }
+    const CProps& getProps() const noexcept { return m_props; }
+    /// The error that led to this one; null when there is none.
+    const CError* getCause() const noexcept { return m_cause.get(); }
+
+    /// The message as UTF-8. Valid as long as the error.
+    const char* what() const noexcept override { return m_what->c_str(); }
+
+    /// The class's name without its namespace, for messages.
+    virtual const char* getClassName() const noexcept;
+    /// A copy of the same class.
+    virtual std::unique_ptr<CError> clone() const;
+    /// Throws a copy of the same class.
+    [[noreturn]] virtual void rethrow() const;
+
+private:
+    String m_message;
+    String m_secondText;
+    int m_code;
+    CProps m_props;
+    std::shared_ptr<const CError> m_cause;
+    std::shared_ptr<const std::string> m_what;
+};
+
+/// One line for people: message, code where there is one, parameters and causes. Works for any
+/// exception; for one that is no CError it is its what().
+TESSEL_EXPORT String describeError(const std::exception& error);
+
+} // namespace lum

@@ -1,0 +1,23 @@
+#pragma once
+
+#include "lum/CError.h"
+
+namespace lum {
+
+/// An argument that a function cannot accept. `source` names the class and method.
+class TESSEL_EXPORT CInvalidArgError : public CError {
+public:
+    CInvalidArgError(const String& source, const String& message, const CProps& props = CProps());
+    ~CInvalidArgError() override;
+
+    const String& getSource() const noexcept { return m_source; }
+
+    const char* getClassName() const noexcept override;
+    std::unique_ptr<CError> clone() const override;
+    [[noreturn]] void rethrow() const override;
+
+private:
+    String m_source;
+};
+
+} // namespace lum

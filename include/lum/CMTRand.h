@@ -1,0 +1,33 @@
+#pragma once
+
+#include "lum/CBase.h"
+#include "lum/IMutex.h"
+#include "lum/types.h"
+
+#include <random>
+
+namespace lum {
+
+/// Mersenne Twister (MT19937). Its whole state, 624 words, comes from the operating system's entropy,
+/// at construction and again before each randData, so that no bytes it gave out tell of others.
+class TESSEL_EXPORT CMTRand : public CBase {
+public:
+    /// Throws: CError when the system has no entropy to give.
+    CMTRand();
+
+    uint32 rand32();
+    /// Fills `bytes` with n random bytes from a fresh state. Good for keys, salts and IVs.
+    /// Throws: CError when the system has no entropy to give; `bytes` is then unchanged.
+    void randData(void* bytes, int n);
+
+    /// The generator of the process. Touched only while getGlobalInstanceMutex() is held.
+    static CMTRand* getGlobal();
+    static IMutex* getGlobalInstanceMutex();
+
+private:
+    void reseed();
+
+    std::mt19937 m_twister;
+};
+
+} // namespace lum

@@ -1,0 +1,25 @@
+#pragma once
+
+#include "lum/CBase.h"
+#include "lum/IFileSystem.h"
+
+namespace lum {
+
+/// The files of this computer, named by "file" URIs (RFC 8089) or by relative references, which start
+/// at the current folder. Safe to use from several threads.
+class TESSEL_EXPORT CNativeFileSystem : public CBase, public IFileSystem {
+public:
+    /// With `waitForMedium` false, flush() hands the data to the system and does not wait until the
+    /// medium has it: faster, and nothing is lost unless the whole machine stops.
+    explicit CNativeFileSystem(bool waitForMedium = true);
+
+    P<IIOStream> openFile(const CURI& uri, IIOStream::Access access) override;
+    bool fileExists(const CURI& uri) override;
+    void deleteFile(const CURI& uri, bool ignoreMissing) override;
+    bool isFileOfStream(const CURI& uri, IIOStream& stream) override;
+
+private:
+    bool m_waitForMedium;
+};
+
+} // namespace lum

@@ -1,0 +1,75 @@
+#pragma once
+
+#include "lum/CBase.h"
+#include "lum/IAlignedInStream.h"
+#include "lum/IIOStream.h"
+#include "lum/CError.h"
+#include "lum/TBuffer.h"
+
+#include <memory>
+
+namespace lum {
+
+/// Saves calls to the stream below it: small reads are served from a buffer, which is read ahead when
+/// they follow each other; small writes next to each other are joined. Transfers of 32 KiB and more
+/// pass straight through. At most 256 KiB of memory.
+///
+/// Writes reach the stream below in the order in which they were made, joined ones as one. Reads, the
+/// length and the position always tell of the writes before them. A joined write that fails stays
+/// pending and is tried again; whichever write failed, the next flush() throws its error.
+///
+/// The destructor writes what is pending and reports a failure (onExceptionInDestructorIgnored).
+class TESSEL_EXPORT COptimizingIOStream : public CBase, public IIOStream, public IAlignedInStream {
+public:
+    /// Takes over the use of `stream`: nobody else reads, writes or moves it meanwhile.
+    explicit COptimizingIOStream(IIOStream* stream);
+    ~COptimizingIOStream() override;
+
+    int64 getLength() const override;
+    int64 getPosition() const override;
+    CURI getURI() override;
+    void seek(int64 position) override;
+    P<IStreamLock> lockRange(int64 start, int64 length, LockType type) override;
+    void close() override;
+
+    void read(void* buffer, int count) override;
+    int readLax(void* buffer, int count) override;
+    int readAvailable(void* buffer, int count) override;
+    bool waitReadable(int timeoutMs) const override;
+    bool isEndOfStream() const override;
+    int isEndOfStream_NonBlocking() const override;
+
+    void write(const void* data, int size, IWriteBarrier* barrier = nullptr) override;
+    void writeKeepBuffer(const TConstBufferSlice<unsigned char>& data,
+                         IWriteBarrier* barrier = nullptr) override;
+    P<IWriteBarrier> createWriteBarrier(IWriteBarrier* parent) override;
+    void flush() override;
+    void setLength(int64 length) override;
+
+    int getPositionAlignment() const override;
+    int getBufferAlignment() const override;
+    int getBestPerformanceAlignment() const override;
+
+private:
+    COptimizingIOStream(const COptimizingIOStream&) = delete;
+    COptimizingIOStream& operator=(const COptimizingIOStream&) = delete;
+
+    void verifyOpen() const;
+    void writePending();
+    void rememberFailure(const CError& error);
+
+    P<IIOStream> m_stream;
+    CURI m_uri;
+    int64 m_position = 0;
+    int64 m_endOfLastRead = -1;
+    /// Bytes of the file at m_readStart, as they are below.
+    TBuffer<unsigned char> m_readBuffer;
+    int64 m_readStart = 0;
+    /// Bytes that belong at m_pendingStart and are not below yet.
+    TBuffer<unsigned char> m_pending;
+    int64 m_pendingStart = 0;
+    /// The first failure of a write since the last flush.
+    std::unique_ptr<CError> m_writeFailure;
+};
+
+} // namespace lum

@@ -1,0 +1,17 @@
+#pragma once
+
+#include "lum/IInStream.h"
+#include "lum/IOutStream.h"
+
+namespace lum {
+
+/// A stream that is read and written.
+class TESSEL_EXPORT IIOStream : public virtual IInStream, public virtual IOutStream {
+public:
+    enum Access {
+        Access_Read = 1,      ///< read only; the file must exist
+        Access_ReadWrite = 3, ///< read and write; a missing file is created
+    };
+};
+
+} // namespace lum

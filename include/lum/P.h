@@ -1,0 +1,72 @@
+#pragma once
+
+#include "lum/IBase.h"
+
+#include <cstddef>
+#include <type_traits>
+#include <utility>
+
+namespace lum {
+
+/// Counting pointer to an object that derives from IBase.
+///
+///   P<CThing> a(new CThing);       // first reference: a owns the new object
+///   P<CThing> b = a;               // one holder more
+///   P<IThing> c = std::move(b);    // taken over, converted; b is null
+///   CThing* raw = a.get();         // borrowed: valid while somebody holds the object
+///   void keep(CThing* p) { m_p = p; }   // a raw pointer argument that is kept is taken into a P<>
+///
+/// Never write P<>(this) in a constructor: the count is still 0, and letting go would destroy the
+/// object before it is finished. For the same reason an object on the stack is never taken into a P<>.
+template <class T> class P {
+public:
+    P() noexcept = default;
+    P(std::nullptr_t) noexcept {}
+    P(T* object) noexcept : m_object(object) {
+        if (m_object)
+            m_object->addRef();
+    }
+    P(const P& other) noexcept : P(other.m_object) {}
+    P(P&& other) noexcept : m_object(std::exchange(other.m_object, nullptr)) {}
+    template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
+    P(const P<U>& other) noexcept : P(static_cast<T*>(other.get())) {}
+    ~P() {
+        if (m_object)
+            m_object->release();
+    }
+
+    P& operator=(const P& other) noexcept {
+        P(other).swap(*this);
+        return *this;
+    }
+    P& operator=(P&& other) noexcept {
+        P(std::move(other)).swap(*this);
+        return *this;
+    }
+
+    void swap(P& other) noexcept { std::swap(m_object, other.m_object); }
+
+    T* get() const noexcept { return m_object; }
+    T* operator->() const noexcept { return m_object; }
+    T& operator*() const noexcept { return *m_object; }
+    explicit operator bool() const noexcept { return m_object != nullptr; }
+
+    friend bool operator==(const P& a, const P& b) noexcept { return a.m_object == b.m_object; }
+    friend bool operator==(const P& a, std::nullptr_t) noexcept { return a.m_object == nullptr; }
+
+private:
+    T* m_object = nullptr;
+};
+
+/// A holder of `object` as a T, or null when it is none (or is null itself).
+/// Throws: CError when the object's class refuses the cast (CBase::checkCastAllowed).
+template <class T, class U> P<T> castTo(const P<U>& object) {
+    T* const target = dynamic_cast<T*>(object.get());
+    if (!target)
+        return nullptr;
+    if constexpr (requires { target->checkCastAllowed(typeid(T)); })
+        target->checkCastAllowed(typeid(T));
+    return target;
+}
+
+} // namespace lum

@@ -1,0 +1,88 @@
+#pragma once
+
+#include "lum/export.h"
+#include "lum/types.h"
+
+#include <compare>
+#include <string>
+#include <string_view>
+
+namespace lum {
+
+/// Text as wide characters: UTF-32 where wchar_t has 32 bits, UTF-16 where it has 16. Lengths and
+/// positions count wide characters.
+class TESSEL_EXPORT String {
+public:
+    String() noexcept = default;
+    /// `length` bytes of Latin-1: each byte becomes the character with the same code.
+    String(const char* latin1, int length);
+    /// Text that ends before its first zero; null gives the empty string.
+    String(const wchar_t* text);
+    /// Latin-1 text that ends before its first zero; null gives the empty string.
+    String(const char* latin1);
+    explicit String(std::wstring text) noexcept : m_text(std::move(text)) {}
+
+    /// Decodes UTF-8 (RFC 3629).
+    /// Throws: CError on overlong forms, surrogates, values above 0x10FFFF and cut or stray bytes,
+    /// with the parameter "position" (byte offset of the first bad sequence).
+    static String fromUTF8(const void* bytes, int64 length);
+    static String fromUTF8(std::string_view bytes);
+
+    /// The text in UTF-8.
+    /// Throws: CError when the text holds a surrogate that is no pair, or a value above 0x10FFFF.
+    std::string toUTF8() const;
+    /// Like toUTF8, but puts U+FFFD in place of what cannot be encoded. For messages.
+    std::string toUTF8Lossy() const;
+
+    static const String& getEmptyString() noexcept;
+
+    bool isEmpty() const noexcept { return m_text.empty(); }
+    int getLength() const noexcept { return static_cast<int>(m_text.size()); }
+    wchar_t operator[](int position) const noexcept { return m_text[static_cast<std::size_t>(position)]; }
+    const wchar_t* getText() const noexcept { return m_text.c_str(); }
+    const std::wstring& getWideString() const noexcept { return m_text; }
+
+    /// The first n characters, or all when there are fewer; empty for n below 1.
+    String Left(int n) const;
+    /// `count` characters from `start` on (-1 = to the end), cut to what there is.
+    String Mid(int start, int count = -1) const;
+    /// Lower case for ASCII and Latin-1 letters; other characters stay. Independent of the locale.
+    String Lower() const;
+    /// Replaces every `from`, left to right without overlap, and returns how many there were. An
+    /// empty `from` is found nowhere.
+    int Replace(const String& from, const String& to);
+    /// Removes white space (blank, tab, line feed, vertical tab, form feed, carriage return) from
+    /// both ends, or from the left end.
+    void trim();
+    void trimLeft();
+    /// These two give a changed copy.
+    String trimmed() const;
+    String trimmedLeft() const;
+
+    bool StartsWith(const String& text) const noexcept;
+    bool EndsWith(const String& text) const noexcept;
+    bool Contains(const String& text) const noexcept { return Find(text) >= 0; }
+    /// Position of the first `text` (or character) at or behind `start`; -1 when there is none.
+    int Find(const String& text, int start = 0) const noexcept;
+    int Find(wchar_t c, int start = 0) const noexcept;
+    /// Position of the last such character; -1 when there is none.
+    int ReverseFind(wchar_t c) const noexcept;
+
+    String& operator+=(const String& text);
+    String& operator+=(const char* latin1);
+    String& operator+=(wchar_t c);
+
+    friend String operator+(String a, const String& b) {
+        a += b;
+        return a;
+    }
+    friend bool operator==(const String& a, const String& b) noexcept { return a.m_text == b.m_text; }
+    friend std::strong_ordering operator<=>(const String& a, const String& b) noexcept {
+        return a.m_text <=> b.m_text;
+    }
+
+private:
+    std::wstring m_text;
+};
+
+} // namespace lum
