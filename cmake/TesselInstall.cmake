@@ -9,8 +9,7 @@ install(TARGETS tessel
     EXPORT tessel-targets
     RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}"
     LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
-    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}"
-    INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}")
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/"
     DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
     FILES_MATCHING PATTERN "*.h")
@@ -41,6 +40,7 @@ install(
 
 file(RELATIVE_PATH tessel_pc_prefix
     "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
+string(REGEX REPLACE "/$" "" tessel_pc_prefix "${tessel_pc_prefix}")
 configure_file(
     "${PROJECT_SOURCE_DIR}/cmake/tessel.pc.in"
     "${PROJECT_BINARY_DIR}/tessel.pc"
