@@ -1,0 +1,158 @@
+#pragma once
+
+#include "lum/IOutStream.h"
+#include "tessel/CVMDKDescriptorEntry.h"
+#include "tessel/CVMDKExtentInfo.h"
+
+namespace tessel {
+
+/// The text that describes a disk: settings as name=value lines, extent lines, comments and whatever
+/// else stands there, in order. Lines that are not touched stay as they are.
+///
+/// Names are looked up without regard to case; of several entries of one name the first counts. Copies
+/// are deep. Used by one thread at a time.
+class TESSEL_EXPORT CVMDKDescriptor : public CBase {
+public:
+    /// A setting.
+    class TESSEL_EXPORT CNameValueEntry : public CVMDKDescriptorEntry {
+    public:
+        /// `value` without the quotes in which it is written when `quoted` is set.
+        CNameValueEntry(const String& name, const String& value, bool quoted);
+
+        const String& getName() const noexcept { return m_name; }
+        const String& getValue() const noexcept { return m_value; }
+        void setValue(const String& value) { m_value = value; }
+        bool getQuoted() const noexcept { return m_quoted; }
+
+        /// Blanks stand around the "=" of names that begin with "ddb.".
+        String toString() const override;
+        P<CVMDKDescriptorEntry> cloneDescriptorEntry() const override;
+
+    private:
+        String m_name;
+        String m_value;
+        bool m_quoted;
+    };
+
+    /// A line that is kept as it is.
+    class TESSEL_EXPORT CGenericEntry : public CVMDKDescriptorEntry {
+    public:
+        explicit CGenericEntry(const String& line);
+
+        String toString() const override;
+        P<CVMDKDescriptorEntry> cloneDescriptorEntry() const override;
+
+    private:
+        String m_line;
+    };
+
+    /// No lines.
+    CVMDKDescriptor();
+    /// Parses text that ends at the first zero byte or the end of the buffer. Any content can be
+    /// parsed. The text is UTF-8 unless its "encoding" says otherwise; an encoding that is unknown, or
+    /// bytes that are no UTF-8, make it Latin-1, with a warning.
+    explicit CVMDKDescriptor(const TBuffer<unsigned char>& data);
+    CVMDKDescriptor(const CVMDKDescriptor& other);
+    CVMDKDescriptor& operator=(const CVMDKDescriptor& other);
+
+    /// True, with the value of the setting; or false, with the empty string.
+    bool tryGetValue(const String& name, String& value) const;
+    /// Throws: CError "VMDK descriptor value '…' not found."
+    String getValue(const String& name) const;
+    bool hasValue(const String& name) const;
+    /// Gives an existing setting another value: its spelling, quotes and place stay. A new one is
+    /// inserted behind the settings that stand before the extent lines (`insertInHeader`), or at the
+    /// end.
+    /// Throws: CInvalidArgError when name or value holds a line feed, carriage return or NUL.
+    void setValue(const String& name, const String& value, bool quoted, bool insertInHeader);
+    /// Declares the encoding that store() writes.
+    void setEncodingUTF8();
+    /// Takes out the setting of this name (the first); false when there is none.
+    bool removeValue(const String& name);
+
+    /// Inserts an extent line behind the first run of extent lines, or at the end without one. The
+    /// entry is kept.
+    void addExtentEntry(CVMDKExtentInfo* extent);
+    /// Appends the extent lines, in order, to `extents`.
+    void getExtentEntries(TArray<P<CVMDKExtentInfo>>& extents) const;
+    /// Appends the lines that are neither settings nor extents, in order, to `lines`.
+    void getGenericLines(TArray<String>& lines) const;
+    /// Inserts a line as it is; place as with setValue. Throws: CInvalidArgError as setValue.
+    void addGenericLine(const String& line, bool insertInHeader);
+
+    /// All lines, each ended by a line feed.
+    String toString() const;
+    /// Writes the descriptor, with its encoding declared, in exactly `size` bytes, filled up with bytes
+    /// from the start of `padding`.
+    /// Throws: CError when the text is longer than that, or `padding` shorter than what is to be filled;
+    /// nothing is written then, but the encoding may already be declared. The stream's errors.
+    void store(IOutStream& out, int size, const TBuffer<unsigned char>& padding);
+
+    // Settings by name. A getter without "otherwise" throws as getValue when the setting is missing.
+    // Numbers that cannot be read count as 0 unless noted.
+
+    int getVersion() const;
+    void setVersion(int version);
+    /// "CID": changes with the disk's contents.
+    unsigned int getContentID() const;
+    void setContentID(unsigned int id);
+    /// "parentCID", the content ID of the parent when this child was made; otherwise 0xFFFFFFFF.
+    /// Throws: CError for text that is no hexadecimal number.
+    unsigned int getParentContentID() const;
+    void setParentContentID(unsigned int id);
+    String getCreateType() const;
+    void setCreateType(const String& type);
+    /// The file reference of the parent.
+    String getParentFileNameHint() const;
+    bool tryGetParentFileNameHint(String& hint) const;
+    void setParentFileNameHint(const String& hint);
+    String getAdapterType() const;
+    void setAdapterType(const String& type);
+    int64 getGeometryCylinders() const;
+    void setGeometryCylinders(int64 cylinders);
+    int64 getGeometryHeads() const;
+    void setGeometryHeads(int64 heads);
+    int64 getGeometrySectors() const;
+    void setGeometrySectors(int64 sectors);
+
+    // The library's own settings.
+
+    /// Whether missing extent files are made on first write; otherwise false.
+    bool getLumCreateExtentFilesOnDemand() const;
+    void setLumCreateExtentFilesOnDemand(bool onDemand);
+    /// "aes256cbc" for encrypted disks; otherwise empty.
+    String getLumEncryptionAlgorithm() const;
+    void setLumEncryptionAlgorithm(const String& algorithm);
+    String getLumEncryptionKeyHashAlgorithm() const;
+    void setLumEncryptionKeyHashAlgorithm(const String& algorithm);
+    String getLumEncryptionKeyDerivationAlgorithm() const;
+    void setLumEncryptionKeyDerivationAlgorithm(const String& algorithm);
+    // Bytes, written in hexadecimal. The getters throw CError for text that is none.
+    TBuffer<unsigned char> getLumEncryptionIV() const;
+    void setLumEncryptionIV(const TBuffer<unsigned char>& iv);
+    TBuffer<unsigned char> getLumEncryptedEncryptionKey() const;
+    void setLumEncryptedEncryptionKey(const TBuffer<unsigned char>& key);
+    TBuffer<unsigned char> getLumEncryptionKeyHash() const;
+    void setLumEncryptionKeyHash(const TBuffer<unsigned char>& hash);
+    TBuffer<unsigned char> getLumEncryptionKeyDerivationSalt() const;
+    void setLumEncryptionKeyDerivationSalt(const TBuffer<unsigned char>& salt);
+
+protected:
+    /// The first setting of this name, or null.
+    P<CNameValueEntry> findValueEntry(const String& name) const;
+
+private:
+    void parse(const String& text);
+    void insertEntry(CVMDKDescriptorEntry* entry, bool insertInHeader);
+    int findEndOfFirstExtentRun() const;
+    TBuffer<unsigned char> getBytes(const String& name) const;
+    void setBytes(const String& name, const TBuffer<unsigned char>& bytes);
+
+    TArray<P<CVMDKDescriptorEntry>> m_entries;
+    /// Where new settings of the header go.
+    int m_headerInsertionIndex = 0;
+    /// Position behind the first run of extent lines, kept while only lines are added; -1: not known.
+    int m_extentRunEnd = -1;
+};
+
+} // namespace tessel

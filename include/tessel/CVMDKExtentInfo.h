@@ -1,0 +1,41 @@
+#pragma once
+
+#include "tessel/CVMDKDescriptorEntry.h"
+
+namespace tessel {
+
+/// A descriptor line that names one extent of the disk:
+///
+///   RW 4192256 SPARSE "disk-s00001.vmdk"
+///
+/// access, size in sectors, type, file reference, and an optional offset. Immutable.
+class TESSEL_EXPORT CVMDKExtentInfo : public CVMDKDescriptorEntry {
+public:
+    /// `offset` -1 is none.
+    CVMDKExtentInfo(const String& access, int64 sizeSectors, const String& type, const String& filename,
+                    int64 offset);
+
+    /// The extent that a line describes; null when it is no extent line. Never fails: a size or offset
+    /// that is no number counts as 0.
+    static P<CVMDKExtentInfo> tryParseDescriptorLine(const String& line);
+
+    const String& getAccess() const noexcept { return m_access; }
+    int64 getSizeSectors() const noexcept { return m_sizeSectors; }
+    const String& getType() const noexcept { return m_type; }
+    /// The file reference between the quotes, as written.
+    const String& getFilename() const noexcept { return m_filename; }
+    /// The number behind the file reference; -1 when the line has none.
+    int64 getOffset() const noexcept { return m_offset; }
+
+    String toString() const override;
+    P<CVMDKDescriptorEntry> cloneDescriptorEntry() const override;
+
+private:
+    String m_access;
+    int64 m_sizeSectors;
+    String m_type;
+    String m_filename;
+    int64 m_offset;
+};
+
+} // namespace tessel

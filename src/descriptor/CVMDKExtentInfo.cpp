@@ -1,0 +1,55 @@
+#include "tessel/CVMDKExtentInfo.h"
+
+#include "lum/TextFunctions.h"
+
+namespace tessel {
+
+namespace {
+
+/// Splits off the text before the first blank, and removes the white space behind that blank; false
+/// without one.
+bool takeWord(String& rest, String& word) {
+    const int blank = rest.Find(L' ');
+    if (blank < 0)
+        return false;
+    word = rest.Left(blank);
+    rest = rest.Mid(blank + 1);
+    rest.trimLeft();
+    return true;
+}
+
+} // namespace
+
+CVMDKExtentInfo::CVMDKExtentInfo(const String& access, int64 sizeSectors, const String& type,
+                                 const String& filename, int64 offset)
+    : m_access(access), m_sizeSectors(sizeSectors), m_type(type), m_filename(filename), m_offset(offset) {}
+
+P<CVMDKExtentInfo> CVMDKExtentInfo::tryParseDescriptorLine(const String& line) {
+    String rest = line;
+    String access;
+    String size;
+    String type;
+    if (!takeWord(rest, access) || !takeWord(rest, size) || !takeWord(rest, type))
+        return nullptr;
+    if (!rest.StartsWith("\""))
+        return nullptr;
+    const int closingQuote = rest.Find(L'"', 1);
+    if (closingQuote < 0)
+        return nullptr;
+    const String offset = rest.Mid(closingQuote + 1).trimmed();
+    return new CVMDKExtentInfo(access, parseInt64(size, false), type, rest.Mid(1, closingQuote - 1),
+                               offset.isEmpty() ? -1 : parseInt64(offset, false));
+}
+
+String CVMDKExtentInfo::toString() const {
+    String line = m_access + " " + toDecimal(m_sizeSectors) + " " + m_type + " \"" + m_filename + "\"";
+    if (m_offset != -1)
+        line += " " + toDecimal(m_offset);
+    return line;
+}
+
+P<CVMDKDescriptorEntry> CVMDKExtentInfo::cloneDescriptorEntry() const {
+    return new CVMDKExtentInfo(m_access, m_sizeSectors, m_type, m_filename, m_offset);
+}
+
+} // namespace tessel
