@@ -1,9 +1,9 @@
 #pragma once
 
 #include "lum/CBase.h"
+#include "lum/CError.h"
 #include "lum/IAlignedInStream.h"
 #include "lum/IIOStream.h"
-#include "lum/CError.h"
 #include "lum/TBuffer.h"
 
 #include <memory>

@@ -15,8 +15,7 @@ public:
     CProps& add(const String& name, const String& value);
     CProps& add(const String& name, const char* value) { return add(name, String(value)); }
     template <std::integral T>
-        requires(!std::same_as<T, bool>)
-    CProps& add(const String& name, T value) {
+    requires(!std::same_as<T, bool>) CProps& add(const String& name, T value) {
         return add(name, toDecimal(value));
     }
 

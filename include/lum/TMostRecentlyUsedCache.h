@@ -11,7 +11,8 @@ namespace lum {
 
 /// A map that keeps at most a number of entries: the ones used last. K needs a less-than, V is counted.
 /// Look-up and insertion are logarithmic, the order of use costs constant time.
-template <class K, class V> class TMostRecentlyUsedCache : public CBase {
+template <class K, class V>
+class TMostRecentlyUsedCache : public CBase {
 public:
     /// `limit`: how many entries enforcement leaves; below 0 counts as 0.
     /// `removed`, if given, receives every value that enforcement, removal or clearing takes out; it
@@ -83,7 +84,8 @@ public:
 
     /// Calls `visit(key, value&)` for every entry in key order; the order of use stays. The cache may
     /// not be changed meanwhile.
-    template <class Visitor> void forEach(Visitor visit) const {
+    template <class Visitor>
+    void forEach(Visitor visit) const {
         for (const auto& [key, entry] : m_entries)
             visit(key, *entry.value);
     }

@@ -7,7 +7,8 @@
 namespace lum {
 
 /// A path of one kind of system, kept as it was written. A value type: copies share nothing.
-template <class Traits> class TPathImpl {
+template <class Traits>
+class TPathImpl {
 public:
     TPathImpl() = default;
     /// Throws: CBadPathError when `text` is no path of this kind.

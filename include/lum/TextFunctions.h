@@ -26,8 +26,7 @@ TESSEL_EXPORT String toHexString(unsigned int value);
 
 /// The number in decimal digits, with "-" in front when it is negative.
 template <std::integral T>
-    requires(!std::same_as<T, bool>)
-String toDecimal(T value) {
+requires(!std::same_as<T, bool>) String toDecimal(T value) {
     return String(std::to_string(value).c_str());
 }
 

@@ -15,8 +15,11 @@ using uint32 = std::uint32_t;
 using uint64 = std::uint64_t;
 
 /// The containers of the interfaces are the standard library's; the names tell their use.
-template <class T> using TArray = std::vector<T>;
-template <class T> using TList = std::list<T>;
-template <class K, class V> using TMap = std::map<K, V>;
+template <class T>
+using TArray = std::vector<T>;
+template <class T>
+using TList = std::list<T>;
+template <class K, class V>
+using TMap = std::map<K, V>;
 
 } // namespace lum

@@ -1,0 +1,91 @@
+#pragma once
+
+#include "tessel/CVMDKGrainTable.h"
+#include "tessel/CVMDKGrainTableCache.h"
+
+namespace tessel {
+
+/// Finds position and slot size of every grain of one sparse extent: the grain directory, its redundant
+/// copy, the slot size directory of compressed extents, and the tables they name, through a cache. The
+/// directories themselves never change.
+class TESSEL_EXPORT CVMDKGrainDirectory : public CBase {
+public:
+    /// Bounds on what a header may ask for.
+    static constexpr int64 maxGrainSizeSectors = 32768;
+    static constexpr int maxEntriesPerTable = 4096;
+
+    /// Reads the directories. Positions are sectors; a redundant position below 1 is none. A marker of
+    /// the slot size directory is looked for behind the last table, and only below `overheadSectors`
+    /// (-1: anywhere), since what stands at the overhead is a grain.
+    /// Throws: CIOError 5 that names the number ("uri" and the number's name) for numbers that no extent
+    /// can have or that do not fit the file, before anything is allocated; CError ("uri") for a
+    /// compressed extent without a slot size directory; the stream's errors.
+    CVMDKGrainDirectory(IIOStream* stream, IIOStream::Access access, int64 directoryPosSectors,
+                        int64 redundantDirectoryPosSectors, int64 capacitySectors, int64 grainSizeSectors,
+                        int entriesPerTable, bool compressed, CVMDKGrainTableCache* cache,
+                        int64 overheadSectors = -1);
+    /// Writes the changed tables and takes all out of the cache. Failures go to
+    /// onExceptionInDestructorIgnored.
+    ~CVMDKGrainDirectory() override;
+
+    /// Grains, and grain tables, of an extent.
+    static int64 calcExtentGrainCount(int64 capacitySectors, int64 grainSizeSectors);
+    static int64 calcExtentGrainTableCount(int64 capacitySectors, int64 grainSizeSectors,
+                                           int entriesPerTable);
+
+    /// The table of an index. Tables are read 32 at a time.
+    /// Throws: CInvalidArgError ("uri") for an index outside the directory; CIOError 5 ("uri",
+    /// "tableIndex", "tablePosition") for a table that was never allocated or lies behind the end of the
+    /// file (its redundant copy too, where it would be written); the stream's errors.
+    P<CVMDKGrainTable> getGrainTable(int64 tableIndex);
+
+    /// Slot position and slot size of a grain in sectors, both 0 for a grain without a slot, so too for
+    /// all grains of a table that was never allocated. Throws: as getGrainTable and the table.
+    void getGrainInfo(int64 grainIndex, int64& grainPosSectors, int64& slotSizeSectors);
+    /// Changes them, in memory. Throws: as getGrainTable and the table.
+    void setGrainInfo(int64 grainIndex, int64 grainPosSectors, int64 slotSizeSectors);
+
+    /// True when the grain has a table, so that it can be given a slot.
+    bool isTableAllocated(int64 grainIndex) const noexcept;
+
+    bool getHaveSlotSizeInfo() const noexcept { return !m_slotSizeDirectory.isEmpty(); }
+    int64 getGrainCount() const noexcept { return m_grainCount; }
+    int64 getTableCount() const noexcept { return m_tableCount; }
+    int getEntriesPerTable() const noexcept { return m_entriesPerTable; }
+
+    /// Writes the changed tables. The stream is not flushed.
+    void flushChangesToStream();
+
+private:
+    CVMDKGrainDirectory(const CVMDKGrainDirectory&) = delete;
+    CVMDKGrainDirectory& operator=(const CVMDKGrainDirectory&) = delete;
+
+    void verifyNumbers() const;
+    void findSlotSizeDirectory(int64 overheadSectors);
+    void readDirectory(int64 posSectors, TBuffer<uint32>& directory);
+    void verifyTableIndex(int64 tableIndex) const;
+    void verifyTablePosition(int64 tableIndex, int64 posSectors, int64 sizeBytes, int64 streamLength) const;
+    bool writesRedundantTable(int64 tableIndex) const noexcept;
+    bool canLoadTable(int64 tableIndex, int64 streamLength) const noexcept;
+    P<CVMDKGrainTable> loadTable(int64 tableIndex);
+    void makeRoomForBatch(int64 first, int64 end);
+    String uriText() const;
+
+    P<IIOStream> m_stream;
+    P<CVMDKGrainTableCache> m_cache;
+    IIOStream::Access m_access;
+    int64 m_directoryPosSectors;
+    int64 m_redundantDirectoryPosSectors;
+    int64 m_slotSizeDirectoryPosSectors = 0;
+    int64 m_grainSizeSectors;
+    int m_entriesPerTable;
+    bool m_compressed;
+    int64 m_grainCount = 0;
+    int64 m_tableCount = 0;
+    TBuffer<uint32> m_directory;
+    TBuffer<uint32> m_redundantDirectory;
+    TBuffer<uint32> m_slotSizeDirectory;
+    int64 m_capacitySectors;
+};
+
+} // namespace tessel

@@ -1,0 +1,417 @@
+#include "tessel/CVMDKSparseExtentFile.h"
+
+#include "lum/CBufferStream.h"
+#include "lum/CIOError.h"
+#include "lum/CInvalidArgError.h"
+#include "lum/Logging.h"
+#include "lum/Numbers.h"
+#include "sigil/CDigestType_SHA256.h"
+#include "tessel/VMDKMarker.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace tessel {
+
+namespace {
+
+/// Numbers that the header's encryption extension uses.
+constexpr int encryptionAlgorithmAES256CBC = 1;
+constexpr int keyHashAlgorithmSHA256 = 1;
+
+constexpr uint64 directoryAtEnd = 0xFFFFFFFFFFFFFFFF;
+constexpr uint64 maxSectors = static_cast<uint64>(INT64_MAX / vmdkSectorSize);
+
+/// Footer marker, footer, end-of-stream marker.
+constexpr int64 trailSize = 3 * vmdkSectorSize;
+
+} // namespace
+
+CVMDKSparseExtentFile::CVMDKSparseExtentFile(IIOStream* stream, IIOStream::Access access,
+                                             int64 startGrainIndex, int compressionSetting,
+                                             CVMDKGrainTableCache* cache, IVMDKDataProvider* fallback,
+                                             CVMDKContentIDUpdater* updater, sigil::ICipher* cipher,
+                                             const TCryptBuffer<unsigned char>& key,
+                                             const TBuffer<unsigned char>& iv)
+    : m_stream(stream),
+      m_access(access),
+      m_grainTableCache(cache),
+      m_startGrainIndex(startGrainIndex),
+      m_fallbackDataProvider(fallback),
+      m_contentIDUpdater(updater),
+      m_header(new CVMDKSparseExtentHeader),
+      m_compressionSetting(compressionSetting),
+      m_cipher(cipher),
+      m_encryptionKey(key),
+      m_encryptionIV(iv) {
+    CDataInStream in(stream);
+    m_header->load(in);
+    verifyEncryption();
+    verifyFormat();
+    m_capacitySectors = static_cast<int64>(m_header->getCapacitySectors());
+    m_capacityBytes = m_capacitySectors * vmdkSectorSize;
+    m_grainSizeSectors = static_cast<int64>(m_header->getGrainSizeSectors());
+    m_grainSizeBytes = m_grainSizeSectors * vmdkSectorSize;
+    m_compressed = (m_header->getFlags() & CVMDKSparseExtentHeader::Flag_Compressed) != 0;
+    m_grainDirectory = new CVMDKGrainDirectory(
+        stream, access, static_cast<int64>(m_header->getGrainDirectoryOffsetSectors()),
+        static_cast<int64>(m_header->getRedundantGrainDirectoryOffsetSectors()), m_capacitySectors,
+        m_grainSizeSectors, static_cast<int>(m_header->getGrainTableEntryCount()), m_compressed, cache,
+        static_cast<int64>(m_header->getOverheadSectors()));
+    m_grainAllocator =
+        new CVMDKGrainAllocator(stream, access, m_grainSizeSectors, m_compressed ? 1 : m_grainSizeSectors,
+                                m_grainDirectory.get(), buildTrail());
+    m_grain = new CVMDKGrain(stream, access, m_grainSizeSectors, m_grainAllocator.get(), m_compressed,
+                             compressionSetting, fallback, cipher, key, iv);
+}
+
+CVMDKSparseExtentFile::~CVMDKSparseExtentFile() {
+    try {
+        flushChanges();
+    } catch (const std::exception& error) {
+        onExceptionInDestructorIgnored("tessel::CVMDKSparseExtentFile", error, true);
+    }
+}
+
+CProps CVMDKSparseExtentFile::uriProps() const {
+    return CProps().add("uri", m_stream->getURI().toString(true));
+}
+
+// --- What must be true of a file before it is used ---
+
+void CVMDKSparseExtentFile::verifyEncryption() const {
+    static const char* const source = "CVMDKSparseExtentFile constructor";
+    if (!m_header->getEncryptionExtensionEnabled() || m_header->getEncryptionAlgorithm() == 0) {
+        if (m_cipher)
+            throw CInvalidArgError(
+                source, "VMDK extent file is NOT encrypted but a cipher object was specified.", uriProps());
+        return;
+    }
+    if (!m_cipher)
+        throw CInvalidArgError(source, "VMDK extent file is encrypted but no cipher object was specified.",
+                               uriProps());
+    if (m_cipher->getID() != "aes256cbc")
+        throw CInvalidArgError(source, "Cipher object has an unsupported ID: " + m_cipher->getID(),
+                               uriProps());
+    if (m_encryptionKey.getUsed() != m_cipher->getKeySizeBytes())
+        throw CInvalidArgError(source, "Specified encryption key has an incorrect size for the cipher",
+                               uriProps()
+                                   .add("expectedKeySize", m_cipher->getKeySizeBytes())
+                                   .add("keySize", m_encryptionKey.getUsed())
+                                   .add("cipherID", m_cipher->getID()));
+    if (m_header->getEncryptionAlgorithm() != encryptionAlgorithmAES256CBC)
+        throw CError("Unsupported encryption algorithm used by VMDK extent file: " +
+                         toDecimal(m_header->getEncryptionAlgorithm()),
+                     String(), -1, uriProps());
+    if (m_header->getEncryptionKeyHashAlgorithm() != keyHashAlgorithmSHA256)
+        throw CError("Unsupported key hash algorithm used in VMDK: " +
+                         toDecimal(m_header->getEncryptionKeyHashAlgorithm()),
+                     String(), -1, uriProps());
+    verifyKey();
+}
+
+void CVMDKSparseExtentFile::verifyKey() const {
+    const P<sigil::IDigest> digest = sigil::CDigestType_SHA256().createDigest();
+    digest->update(m_encryptionKey.getData(), static_cast<int>(m_encryptionKey.getUsed()));
+    digest->finish();
+    const TBuffer<unsigned char>& expected = m_header->getEncryptionKeyHash();
+    if (digest->getSizeBytes() != expected.getUsed() ||
+        std::memcmp(digest->getBytes(), expected.getData(), static_cast<std::size_t>(expected.getUsed())) !=
+            0)
+        throw CError("Specified VMDK extent file encryption key is not correct.", String(), -1, uriProps());
+}
+
+void CVMDKSparseExtentFile::verifyNumber(const char* name, uint64 value, uint64 smallest,
+                                         uint64 largest) const {
+    if (value < smallest || value > largest)
+        throw CIOError(CIOError::Code_BadFormat,
+                       String("VMDK sparse header has an invalid ") + name + ": " + toDecimal(value) +
+                           " (allowed: " + toDecimal(smallest) + " to " + toDecimal(largest) + ").",
+                       uriProps().add(name, value));
+}
+
+void CVMDKSparseExtentFile::verifyFormat() const {
+    using Header = CVMDKSparseExtentHeader;
+    if (m_header->getVersion() < 1 || m_header->getVersion() > 3)
+        throw CIOError(CIOError::Code_UnsupportedVersion,
+                       "VMDK file has an unsupported version: " + toDecimal(m_header->getVersion()),
+                       uriProps());
+    const bool compressed = (m_header->getFlags() & Header::Flag_Compressed) != 0;
+    const bool metaMarkers = (m_header->getFlags() & Header::Flag_MetaMarkers) != 0;
+    if (compressed != metaMarkers)
+        throw CIOError(CIOError::Code_BadFormat,
+                       "VMDK flags 'compressed' and 'metaMarkers' are different (compressed: " +
+                           toText(compressed) + ", metaMarkers: " + toText(metaMarkers) + ").",
+                       uriProps());
+    if (m_header->getGrainDirectoryOffsetSectors() == directoryAtEnd)
+        throw CIOError(CIOError::Code_BadFormat,
+                       "VMDK file uses an unsupported variant of the 'stream optimized' format.", uriProps());
+    if ((m_header->getFlags() & Header::Flag_ZeroGrainEntry) != 0)
+        throw CIOError(CIOError::Code_BadFormat,
+                       "VMDK file uses unsupported zeroed-grain table entries (flags: 0x" +
+                           toHexString(m_header->getFlags()) + ").",
+                       uriProps().add("flags", m_header->getFlags()));
+    // The directory checks these numbers closer; here they must only fit signed arithmetic.
+    verifyNumber("capacity", m_header->getCapacitySectors(), 0, maxSectors);
+    verifyNumber("grainSize", m_header->getGrainSizeSectors(), 1, CVMDKGrainDirectory::maxGrainSizeSectors);
+    verifyNumber("grainTableEntryCount", m_header->getGrainTableEntryCount(), 1,
+                 CVMDKGrainDirectory::maxEntriesPerTable);
+    verifyNumber("grainDirectoryOffset", m_header->getGrainDirectoryOffsetSectors(), 1, maxSectors);
+    verifyNumber("redundantGrainDirectoryOffset", m_header->getRedundantGrainDirectoryOffsetSectors(), 0,
+                 maxSectors);
+    verifyNumber("overhead", m_header->getOverheadSectors(), 0, maxSectors);
+}
+
+void CVMDKSparseExtentFile::verifyFitsDisk(int64 grainSizeSectors, bool compressed, int64 sizeSectors) const {
+    if (m_grainSizeSectors == grainSizeSectors && m_compressed == compressed &&
+        m_capacitySectors >= sizeSectors)
+        return;
+    throw CIOError(
+        CIOError::Code_BadFormat,
+        "VMDK extent file does not belong to this disk (grain size: " + toDecimal(m_grainSizeSectors) +
+            " sectors, expected: " + toDecimal(grainSizeSectors) + "; compressed: " + toText(m_compressed) +
+            ", expected: " + toText(compressed) + "; capacity: " + toDecimal(m_capacitySectors) +
+            " sectors, expected at least: " + toDecimal(sizeSectors) + ").",
+        uriProps()
+            .add("grainSize", m_grainSizeSectors)
+            .add("compressed", toText(m_compressed))
+            .add("capacity", m_capacitySectors));
+}
+
+TBuffer<unsigned char> CVMDKSparseExtentFile::buildTrail() {
+    TBuffer<unsigned char> trail;
+    if (!m_compressed)
+        return trail;
+    const TBuffer<unsigned char> zeros(trailSize);
+    const P<CBufferStream> stream(new CBufferStream(&trail, 1.0));
+    CDataOutStream out(stream.get());
+    writeVMDKMarker(out, MarkerFooter, 1, zeros);
+    m_header->store(out);
+    writeVMDKMarker(out, MarkerEndOfStream, 0, zeros);
+    return trail;
+}
+
+// --- Position ---
+
+void CVMDKSparseExtentFile::setFallbackDataProvider(IVMDKDataProvider* fallbackDataProvider) {
+    m_fallbackDataProvider = fallbackDataProvider;
+    m_grain->setFallbackDataProvider(fallbackDataProvider);
+}
+
+CURI CVMDKSparseExtentFile::getURI() {
+    return m_stream->getURI();
+}
+
+void CVMDKSparseExtentFile::seek(int64 position) {
+    if (position < 0 || position > m_capacityBytes)
+        throw CInvalidArgError("CVMDKSparseExtentFile::seek", "Invalid position: " + toDecimal(position),
+                               uriProps());
+    const int64 grainIndex = position / m_grainSizeBytes;
+    if (grainIndex != m_currentGrainIndex || !m_grain->isOpen()) {
+        // Before anything is looked up: writing the open grain may give a grain a slot.
+        m_grain->flushChangesToStream();
+        int64 grainPosSectors = 0;
+        int64 slotSizeSectors = 0;
+        m_grainDirectory->getGrainInfo(grainIndex, grainPosSectors, slotSizeSectors);
+        m_currentGrainIndex = -1;
+        m_grain->open(grainIndex, m_startGrainIndex + grainIndex, grainPosSectors, slotSizeSectors);
+        m_currentGrainIndex = grainIndex;
+    }
+    m_grain->seek(position % m_grainSizeBytes);
+    m_position = position;
+}
+
+int64 CVMDKSparseExtentFile::beginIOOp(int64 size) {
+    // The grain may be open on another than the position's: a whole-grain transfer leaves it at its end.
+    const auto bytesLeft = [this]() -> int64 {
+        const bool isCurrent = m_grain->isOpen() && m_currentGrainIndex == m_position / m_grainSizeBytes;
+        return isCurrent ? m_grain->getBytesLeft() : 0;
+    };
+    if (bytesLeft() == 0)
+        seek(m_position);
+    const int64 left = bytesLeft();
+    if (left <= 0)
+        throw CError("Internal error. After seeking to grain at position " + toDecimal(m_position) +
+                         " there are still no bytes left in the grain.",
+                     String(), -1, uriProps());
+    return std::min(size, left);
+}
+
+// --- Bytes ---
+
+void CVMDKSparseExtentFile::read(void* buffer, int size) {
+    if (size > m_capacityBytes - m_position)
+        throw CIOError(CIOError::Code_UnexpectedEnd,
+                       "Unexpected end of data reading from VMDK sparse extent file.",
+                       uriProps().add("position", m_position).add("bytesToRead", size));
+    auto* target = static_cast<unsigned char*>(buffer);
+    while (size > 0) {
+        const auto piece = static_cast<int>(beginIOOp(size));
+        m_grain->read(target, piece);
+        target += piece;
+        size -= piece;
+        m_position += piece;
+    }
+}
+
+void CVMDKSparseExtentFile::write(const void* buffer, int size) {
+    if (size > m_capacityBytes - m_position)
+        throw CIOError(CIOError::Code_WriteBeyondEnd, "Write exceeded VMDK extent size.",
+                       uriProps().add("position", m_position).add("bytesToWrite", size));
+    onAboutToChange();
+    const auto* source = static_cast<const unsigned char*>(buffer);
+    while (size > 0) {
+        const auto piece = static_cast<int>(beginIOOp(size));
+        m_grain->write(source, piece);
+        source += piece;
+        size -= piece;
+        m_position += piece;
+    }
+}
+
+void CVMDKSparseExtentFile::flushChanges() {
+    if (m_access == IIOStream::Access_Read)
+        return;
+    if (m_grain->isOpen())
+        m_grain->flushChangesToStream();
+    m_grainAllocator->flushChangesToStream();
+    m_stream->flush();
+    m_grainDirectory->flushChangesToStream();
+    m_stream->flush();
+}
+
+void CVMDKSparseExtentFile::onAboutToChange() {
+    if (!m_contentIDUpdater)
+        throw CError("Internal error: VMDK sparse extent file is about to be changed, but it does not have a "
+                     "content ID updater.",
+                     String(), -1, uriProps());
+    verifyHaveWriteAccess();
+    m_contentIDUpdater->onDiskAboutToChange(*this);
+}
+
+void CVMDKSparseExtentFile::verifyHaveWriteAccess() {
+    if (m_access != IIOStream::Access_ReadWrite)
+        throw CError("Internal error: VMDK sparse extent file is about to be changed, but it was not opened "
+                     "for writing.",
+                     String(), -1, uriProps());
+}
+
+// --- Grains ---
+
+P<CVMDKDataPreparer> CVMDKSparseExtentFile::createDataPreparer() {
+    return new CVMDKDataPreparer(m_grainSizeSectors, m_compressed, m_compressionSetting);
+}
+
+void CVMDKSparseExtentFile::verifyPreparedTransfer(const char* verb) {
+    if (m_grainSizeBytes > m_capacityBytes - m_position)
+        throw CIOError(CIOError::Code_WriteBeyondEnd,
+                       String("Prepared grain ") + verb + " exceeds VMDK extent size.",
+                       uriProps()
+                           .add("position", m_position)
+                           .add("grainSize", m_grainSizeBytes)
+                           .add("extentSize", m_capacityBytes));
+    if (m_position % m_grainSizeBytes != 0)
+        throw CIOError(CIOError::Code_NotOnGrainBoundary,
+                       String("Prepared grain ") + verb +
+                           " in VMDK extent file can only be done on a grain boundary.",
+                       uriProps().add("position", m_position).add("grainSize", m_grainSizeBytes));
+}
+
+void CVMDKSparseExtentFile::beginPreparedTransfer(const char* method) {
+    const int64 piece = beginIOOp(m_grainSizeBytes);
+    if (piece != m_grainSizeBytes)
+        throw CError(String("Internal error: CVMDKSparseExtentFile::beginIOOp in CVMDKSparseExtentFile::") +
+                         method + " returned less than the grain size.",
+                     String(), -1,
+                     uriProps()
+                         .add("position", m_position)
+                         .add("grainSize", m_grainSizeBytes)
+                         .add("toWrite", piece)
+                         .add("extentSize", m_capacityBytes));
+}
+
+void CVMDKSparseExtentFile::readPreparedGrainData(TBuffer<unsigned char>& data) {
+    verifyPreparedTransfer("read");
+    beginPreparedTransfer("tryReadPreparedGrainData");
+    m_grain->readPreparedGrainData(data);
+    m_position += m_grainSizeBytes;
+}
+
+void CVMDKSparseExtentFile::writePreparedGrainData(const TBuffer<unsigned char>& data) {
+    verifyPreparedTransfer("write");
+    onAboutToChange();
+    beginPreparedTransfer("writePreparedGrainData");
+    m_grain->writePreparedGrainData(data);
+    m_position += m_grainSizeBytes;
+}
+
+int64 CVMDKSparseExtentFile::makeGrainIndependentOfParent(int64 grainIndex) {
+    verifyHaveWriteAccess();
+    int64 position = 0;
+    if (grainIndex < 0 || !tryMultiply(grainIndex, m_grainSizeBytes, position))
+        position = -1; // seek refuses it
+    seek(position);
+    const int64 result = m_grain->makeIndependentOfParent();
+    m_position += m_grainSizeBytes;
+    return result;
+}
+
+bool CVMDKSparseExtentFile::isGrainWritten() {
+    beginIOOp(1);
+    return m_grain->isGrainWritten();
+}
+
+bool CVMDKSparseExtentFile::isGrainWrittenAndIndependentOfParent() {
+    beginIOOp(1);
+    return m_grain->isGrainWrittenAndIndependentOfParent();
+}
+
+int64 CVMDKSparseExtentFile::findSlotRun(int64 grainIndex, bool& hasSlot) {
+    m_grain->flushChangesToStream();
+    const int entriesPerTable = m_grainDirectory->getEntriesPerTable();
+    const int64 tableEnd = (grainIndex / entriesPerTable + 1) * entriesPerTable;
+    const int64 end = std::min(tableEnd, m_grainDirectory->getGrainCount());
+    const auto grainHasSlot = [this](int64 index) {
+        int64 grainPosSectors = 0;
+        int64 slotSizeSectors = 0;
+        m_grainDirectory->getGrainInfo(index, grainPosSectors, slotSizeSectors);
+        return grainPosSectors > 0;
+    };
+    hasSlot = grainHasSlot(grainIndex);
+    int64 next = grainIndex + 1;
+    while (next < end && grainHasSlot(next) == hasSlot)
+        ++next;
+    return next - grainIndex;
+}
+
+P<CVMDKSpaceInfo> CVMDKSparseExtentFile::gatherSpaceInfo() {
+    flushChanges();
+    int64 payloadSize = 0;
+    int64 payloadSizeInFile = 0;
+    for (int64 i = 0; i < m_grainDirectory->getGrainCount(); ++i) {
+        int64 grainPosSectors = 0;
+        int64 slotSizeSectors = 0;
+        m_grainDirectory->getGrainInfo(i, grainPosSectors, slotSizeSectors);
+        if (grainPosSectors <= 0)
+            continue;
+        payloadSize += m_grainSizeBytes;
+        payloadSizeInFile += m_compressed ? slotSizeSectors * vmdkSectorSize : m_grainSizeBytes;
+    }
+    const int64 headerSize = static_cast<int64>(m_header->getOverheadSectors()) * vmdkSectorSize;
+    int64 deadSpace = m_stream->getLength() - headerSize - payloadSizeInFile;
+    if (deadSpace < 0) {
+        logWarning("Calculated negative dead space value for VMDK extent file '" + getURI().toString(true) +
+                   "' (deadSpace: " + toDecimal(deadSpace) + ", headerSize: " + toDecimal(headerSize) +
+                   ", payloadSize: " + toDecimal(payloadSize) +
+                   ", payloadSizeInFile: " + toDecimal(payloadSizeInFile) + ")");
+        deadSpace = 0;
+    }
+    const P<CVMDKSpaceInfo> info(new CVMDKSpaceInfo);
+    info->setPayloadSize(payloadSize);
+    info->setPayloadSizeInFile(payloadSizeInFile);
+    info->setHeaderSize(headerSize);
+    info->setDeadSpaceSize(deadSpace);
+    return info;
+}
+
+} // namespace tessel

@@ -1,0 +1,141 @@
+#include "tessel/CVMDKGrainAllocator.h"
+
+#include "lum/CIOError.h"
+#include "lum/CInvalidArgError.h"
+#include "lum/Logging.h"
+
+#include <algorithm>
+
+namespace tessel {
+
+namespace {
+
+/// Grain table entries are 32 bits, slot size table entries 16.
+constexpr int64 maxFileSectors = int64{1} << 32;
+constexpr int64 maxRecordedSlotSize = 0xFFFF;
+
+} // namespace
+
+CVMDKGrainAllocator::CVMDKGrainAllocator(IIOStream* stream, IIOStream::Access access, int64 grainSizeSectors,
+                                         int64 slotAlignmentSectors, CVMDKGrainDirectory* directory,
+                                         const TBuffer<unsigned char>& expectedTrailData)
+    : m_stream(stream),
+      m_access(access),
+      m_directory(directory),
+      m_grainSizeBytes(grainSizeSectors * vmdkSectorSize),
+      m_slotAlignmentBytes(slotAlignmentSectors * vmdkSectorSize),
+      m_trail(expectedTrailData) {
+    const int64 size = stream->getLength();
+    m_dataEnd = size;
+    if (m_trail.isEmpty())
+        return;
+    if (fileEndsWith(m_trail, size)) {
+        m_dataEnd = size - m_trail.getUsed();
+        return;
+    }
+    logWarning("VMDK trail data is not what we expected. Assuming that it is not trail data - we won't "
+               "overwrite it.");
+    m_trailDirty = access != IIOStream::Access_Read;
+}
+
+CVMDKGrainAllocator::~CVMDKGrainAllocator() {
+    try {
+        flushChangesToStream();
+    } catch (const std::exception& error) {
+        onExceptionInDestructorIgnored("tessel::CVMDKGrainAllocator", error, true);
+    }
+}
+
+bool CVMDKGrainAllocator::fileEndsWith(const TBuffer<unsigned char>& trail, int64 size) {
+    if (size < trail.getUsed())
+        return false;
+    const int64 oldPosition = m_stream->getPosition();
+    TBuffer<unsigned char> end(trail.getUsed());
+    m_stream->seek(size - end.getUsed());
+    m_stream->read(end.getData(), static_cast<int>(end.getUsed()));
+    m_stream->seek(oldPosition);
+    return end == trail;
+}
+
+int64 CVMDKGrainAllocator::allocNewGrain(int64 grainIndex, const void* data, int dataSize,
+                                         int slotSizeSectors) {
+    return allocNewGrainImpl(grainIndex, data, dataSize, nullptr, slotSizeSectors);
+}
+
+int64 CVMDKGrainAllocator::allocNewGrainKeepBuffer(int64 grainIndex,
+                                                   const TConstBufferSlice<unsigned char>& data,
+                                                   int slotSizeSectors) {
+    return allocNewGrainImpl(grainIndex, data.getData(), data.getLength(), &data, slotSizeSectors);
+}
+
+void CVMDKGrainAllocator::verifyCanAllocate(int64 grainIndex, int64 slotPosition, int slotSizeSectors) {
+    const int64 slotSector = slotPosition / vmdkSectorSize;
+    const bool positionFits = slotSector + slotSizeSectors <= maxFileSectors;
+    const bool sizeFits = !m_directory->getHaveSlotSizeInfo() || slotSizeSectors <= maxRecordedSlotSize;
+    if (!positionFits || !sizeFits) {
+        const String problem = positionFits
+                                   ? "its slot is larger than " + toDecimal(maxRecordedSlotSize) + " sectors"
+                                   : String("the extent file would grow beyond 2 TiB");
+        throw CIOError(CIOError::Code_WriteBeyondEnd,
+                       "VMDK grain cannot be stored: " + problem + " (position: " + toDecimal(slotPosition) +
+                           ", slot size: " + toDecimal(slotSizeSectors) + " sectors).",
+                       CProps()
+                           .add("uri", m_stream->getURI().toString(true))
+                           .add("position", slotPosition)
+                           .add("slotSize", slotSizeSectors));
+    }
+    if (!m_directory->isTableAllocated(grainIndex))
+        m_directory->getGrainTable(grainIndex / m_directory->getEntriesPerTable()); // throws the reason
+}
+
+void CVMDKGrainAllocator::writeZeros(int64 count) {
+    if (m_zeros.isEmpty())
+        m_zeros.setUsed(std::max(2 * m_grainSizeBytes, m_slotAlignmentBytes));
+    while (count > 0) {
+        const int64 piece = std::min(count, m_zeros.getUsed());
+        m_stream->write(m_zeros.getData(), static_cast<int>(piece), nullptr);
+        m_dataEnd += piece;
+        count -= piece;
+    }
+}
+
+int64 CVMDKGrainAllocator::allocNewGrainImpl(int64 grainIndex, const void* data, int64 dataSize,
+                                             const TConstBufferSlice<unsigned char>* slice,
+                                             int slotSizeSectors) {
+    const int64 slotBytes = slotSizeSectors * vmdkSectorSize;
+    if (slotBytes < dataSize)
+        throw CInvalidArgError(
+            "CVMDKGrainAllocator::allocNewGrain",
+            "Slot size is smaller than grain data size (slot size: " + toDecimal(slotBytes) +
+                " bytes, grain data size: " + toDecimal(dataSize) + " bytes)");
+    if (m_access == IIOStream::Access_Read)
+        throw CError("Internal error: CVMDKGrainAllocator::allocNewGrain was called, but the grain allocator "
+                     "was not opened for writing.");
+    const int64 excess = m_dataEnd % m_slotAlignmentBytes;
+    const int64 gap = excess == 0 ? 0 : m_slotAlignmentBytes - excess;
+    const int64 slotPosition = m_dataEnd + gap;
+    verifyCanAllocate(grainIndex, slotPosition, slotSizeSectors);
+
+    m_stream->seek(m_dataEnd);
+    // What is written from here on lies where the trail was.
+    m_trailDirty = true;
+    writeZeros(gap);
+    if (slice)
+        m_stream->writeKeepBuffer(*slice, nullptr);
+    else
+        m_stream->write(data, static_cast<int>(dataSize), nullptr);
+    m_dataEnd = slotPosition + dataSize;
+    writeZeros(slotBytes - dataSize);
+    m_directory->setGrainInfo(grainIndex, slotPosition / vmdkSectorSize, slotSizeSectors);
+    return slotPosition / vmdkSectorSize;
+}
+
+void CVMDKGrainAllocator::flushChangesToStream() {
+    if (!m_trailDirty || m_trail.isEmpty())
+        return;
+    m_stream->seek(m_dataEnd);
+    m_stream->write(m_trail.getData(), static_cast<int>(m_trail.getUsed()), nullptr);
+    m_trailDirty = false;
+}
+
+} // namespace tessel

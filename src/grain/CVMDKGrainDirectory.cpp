@@ -1,0 +1,274 @@
+#include "tessel/CVMDKGrainDirectory.h"
+
+#include "grain/TableStreams.h"
+#include "lum/CIOError.h"
+#include "lum/CInvalidArgError.h"
+#include "lum/Logging.h"
+#include "lum/Numbers.h"
+#include "tessel/VMDKMarker.h"
+
+#include <algorithm>
+
+namespace tessel {
+
+namespace {
+
+/// How many tables one miss of the cache reads. A power of 2.
+constexpr int64 batchSize = 32;
+
+constexpr int64 entryBytes = 4;
+constexpr int64 slotSizeBytes = 2;
+
+/// The largest extent whose size in bytes fits a signed 64-bit number.
+constexpr int64 maxCapacitySectors = INT64_MAX / vmdkSectorSize;
+
+} // namespace
+
+CVMDKGrainDirectory::CVMDKGrainDirectory(IIOStream* stream, IIOStream::Access access,
+                                         int64 directoryPosSectors, int64 redundantDirectoryPosSectors,
+                                         int64 capacitySectors, int64 grainSizeSectors, int entriesPerTable,
+                                         bool compressed, CVMDKGrainTableCache* cache, int64 overheadSectors)
+    : m_stream(stream),
+      m_cache(cache),
+      m_access(access),
+      m_directoryPosSectors(directoryPosSectors),
+      m_redundantDirectoryPosSectors(redundantDirectoryPosSectors),
+      m_grainSizeSectors(grainSizeSectors),
+      m_entriesPerTable(entriesPerTable),
+      m_compressed(compressed),
+      m_capacitySectors(capacitySectors) {
+    verifyNumbers();
+    m_grainCount = calcExtentGrainCount(capacitySectors, grainSizeSectors);
+    m_tableCount = calcExtentGrainTableCount(capacitySectors, grainSizeSectors, entriesPerTable);
+    readDirectory(m_directoryPosSectors, m_directory);
+    if (m_redundantDirectoryPosSectors > 0)
+        readDirectory(m_redundantDirectoryPosSectors, m_redundantDirectory);
+    findSlotSizeDirectory(overheadSectors);
+    if (m_slotSizeDirectoryPosSectors > 0)
+        readDirectory(m_slotSizeDirectoryPosSectors, m_slotSizeDirectory);
+    else if (m_compressed)
+        throw CError("Slot size directory not found in compressed VMDK.", String(), -1,
+                     CProps().add("uri", uriText()));
+}
+
+CVMDKGrainDirectory::~CVMDKGrainDirectory() {
+    // Two blocks: tables that cannot be written must leave the cache all the same, or another directory
+    // at this address would be given them.
+    try {
+        if (m_cache->hasUnflushedTables(this)) {
+            // Nobody saw to the order of this write: the slots must be durable before their entries.
+            m_stream->flush();
+            flushChangesToStream();
+        }
+    } catch (const std::exception& error) {
+        onExceptionInDestructorIgnored("tessel::CVMDKGrainDirectory", error, true);
+    }
+    try {
+        m_cache->removeCachedTablesFromDirectory(this);
+    } catch (const std::exception& error) {
+        onExceptionInDestructorIgnored("tessel::CVMDKGrainDirectory", error, true);
+    }
+}
+
+String CVMDKGrainDirectory::uriText() const {
+    return m_stream->getURI().toString(true);
+}
+
+void CVMDKGrainDirectory::verifyNumbers() const {
+    const auto verify = [this](const char* name, int64 value, int64 smallest, int64 largest) {
+        if (value < smallest || value > largest)
+            throw CIOError(CIOError::Code_BadFormat,
+                           String("VMDK sparse header has an invalid ") + name + ": " + toDecimal(value) +
+                               " (allowed: " + toDecimal(smallest) + " to " + toDecimal(largest) + ").",
+                           CProps().add("uri", uriText()).add(name, value));
+    };
+    verify("grainSize", m_grainSizeSectors, 1, maxGrainSizeSectors);
+    verify("grainTableEntryCount", m_entriesPerTable, 1, maxEntriesPerTable);
+    verify("capacity", m_capacitySectors, 0, maxCapacitySectors);
+
+    // With these in bounds nothing below overflows: at most 2^54 sectors give 2^56 bytes of directory.
+    const int64 tableCount =
+        calcExtentGrainTableCount(m_capacitySectors, m_grainSizeSectors, m_entriesPerTable);
+    const int64 directoryBytes = tableCount * entryBytes;
+    const int64 length = m_stream->getLength();
+    const int64 lastPos = length < directoryBytes ? 0 : (length - directoryBytes) / vmdkSectorSize;
+    if (lastPos < 1 || directoryBytes > INT32_MAX)
+        throw CIOError(CIOError::Code_BadFormat,
+                       "VMDK sparse header has an invalid capacity: " + toDecimal(m_capacitySectors) +
+                           " (its grain directory of " + toDecimal(directoryBytes) +
+                           " bytes does not fit the file of " + toDecimal(length) + " bytes).",
+                       CProps().add("uri", uriText()).add("capacity", m_capacitySectors));
+    verify("grainDirectoryOffset", m_directoryPosSectors, 1, lastPos);
+    if (m_redundantDirectoryPosSectors > 0)
+        verify("redundantGrainDirectoryOffset", m_redundantDirectoryPosSectors, 1, lastPos);
+}
+
+int64 CVMDKGrainDirectory::calcExtentGrainCount(int64 capacitySectors, int64 grainSizeSectors) {
+    return (capacitySectors + grainSizeSectors - 1) / grainSizeSectors;
+}
+
+int64 CVMDKGrainDirectory::calcExtentGrainTableCount(int64 capacitySectors, int64 grainSizeSectors,
+                                                     int entriesPerTable) {
+    return (calcExtentGrainCount(capacitySectors, grainSizeSectors) + entriesPerTable - 1) / entriesPerTable;
+}
+
+void CVMDKGrainDirectory::readDirectory(int64 posSectors, TBuffer<uint32>& directory) {
+    directory.setUsed(m_tableCount);
+    readTable(*m_stream, posSectors, directory);
+}
+
+// The slot size directory has no place of its own in the header: it stands behind the last grain table,
+// announced by a marker.
+void CVMDKGrainDirectory::findSlotSizeDirectory(int64 overheadSectors) {
+    uint32 markerSector = 0;
+    if (m_tableCount >= 1) {
+        markerSector = m_directory[m_tableCount - 1];
+        if (!m_redundantDirectory.isEmpty())
+            markerSector = std::max(markerSector, m_redundantDirectory[m_tableCount - 1]);
+        markerSector += static_cast<uint32>(divideRoundingUp(m_entriesPerTable * entryBytes, vmdkSectorSize));
+    } else {
+        markerSector =
+            static_cast<uint32>(std::max(m_redundantDirectoryPosSectors, m_directoryPosSectors) + 1);
+    }
+    if (overheadSectors >= 0 && markerSector >= overheadSectors)
+        return;
+
+    unsigned char sector[vmdkSectorSize];
+    m_stream->seek(markerSector * vmdkSectorSize);
+    int64 actual = 0;
+    if (m_stream->readLax(sector, vmdkSectorSize) != vmdkSectorSize ||
+        !isVMDKMarker(sector, MarkerSlotSizeDirectory, &actual))
+        return;
+    const int64 expected = divideRoundingUp(m_tableCount * entryBytes, vmdkSectorSize);
+    if (actual != expected)
+        logWarning("Found VMDK marker for lumSlotDirectory, but the slot directory size does not match the "
+                   "expected value (actual: " +
+                   toDecimal(actual) + ", expected: " + toDecimal(expected) + ", uri: '" + uriText() +
+                   "'). Ignoring the slot directory.");
+    else
+        m_slotSizeDirectoryPosSectors = static_cast<int64>(markerSector) + 1;
+}
+
+void CVMDKGrainDirectory::verifyTableIndex(int64 tableIndex) const {
+    if (tableIndex < 0 || tableIndex >= m_tableCount)
+        throw CInvalidArgError("CVMDKGrainDirectory::getGrainTable",
+                               "invalid table index: " + toDecimal(tableIndex),
+                               CProps().add("uri", uriText()));
+}
+
+void CVMDKGrainDirectory::verifyTablePosition(int64 tableIndex, int64 posSectors, int64 sizeBytes,
+                                              int64 streamLength) const {
+    if (posSectors >= 1 && posSectors * vmdkSectorSize <= streamLength - sizeBytes)
+        return;
+    const String problem = posSectors == 0 ? "was never allocated" : "lies behind the end of the file";
+    throw CIOError(
+        CIOError::Code_BadFormat,
+        "VMDK grain table " + toDecimal(tableIndex) + " " + problem + " (sector: " + toDecimal(posSectors) +
+            ").",
+        CProps().add("uri", uriText()).add("tableIndex", tableIndex).add("tablePosition", posSectors));
+}
+
+bool CVMDKGrainDirectory::writesRedundantTable(int64 tableIndex) const noexcept {
+    return m_access == IIOStream::Access_ReadWrite && !m_redundantDirectory.isEmpty() &&
+           m_redundantDirectory[tableIndex] != 0;
+}
+
+bool CVMDKGrainDirectory::canLoadTable(int64 tableIndex, int64 streamLength) const noexcept {
+    const auto fits = [streamLength](int64 posSectors, int64 sizeBytes) {
+        return posSectors >= 1 && posSectors * vmdkSectorSize <= streamLength - sizeBytes;
+    };
+    if (!fits(m_directory[tableIndex], m_entriesPerTable * entryBytes))
+        return false;
+    if (writesRedundantTable(tableIndex) &&
+        !fits(m_redundantDirectory[tableIndex], m_entriesPerTable * entryBytes))
+        return false;
+    const bool slotSizesMissing = m_slotSizeDirectory.isEmpty() || m_slotSizeDirectory[tableIndex] == 0;
+    return slotSizesMissing ? !m_compressed
+                            : fits(m_slotSizeDirectory[tableIndex], m_entriesPerTable * slotSizeBytes);
+}
+
+P<CVMDKGrainTable> CVMDKGrainDirectory::loadTable(int64 tableIndex) {
+    const auto entryOf = [tableIndex](const TBuffer<uint32>& directory) -> int64 {
+        return directory.isEmpty() ? 0 : directory[tableIndex];
+    };
+    return new CVMDKGrainTable(m_stream.get(), m_access, m_grainSizeSectors, m_directory[tableIndex],
+                               entryOf(m_redundantDirectory), entryOf(m_slotSizeDirectory),
+                               m_entriesPerTable);
+}
+
+// Changed tables that are about to be read again, or to leave the cache, are written first: an entry
+// that exists only in memory would be lost to the copy read from the file. What the entries name is made
+// durable before they are.
+void CVMDKGrainDirectory::makeRoomForBatch(int64 first, int64 end) {
+    if (m_access != IIOStream::Access_ReadWrite || !m_cache->hasUnflushedTables(this))
+        return;
+    if (!m_cache->wouldEvict(end - first) && !m_cache->hasCachedTables(this, first, end))
+        return;
+    m_stream->flush();
+    m_cache->flushCachedTablesFromDirectoryToStream(this);
+}
+
+P<CVMDKGrainTable> CVMDKGrainDirectory::getGrainTable(int64 tableIndex) {
+    verifyTableIndex(tableIndex);
+    if (P<CVMDKGrainTable> cached = m_cache->getCachedTable(this, tableIndex))
+        return cached;
+
+    const int64 streamLength = m_stream->getLength();
+    verifyTablePosition(tableIndex, m_directory[tableIndex], m_entriesPerTable * entryBytes, streamLength);
+    if (writesRedundantTable(tableIndex))
+        verifyTablePosition(tableIndex, m_redundantDirectory[tableIndex], m_entriesPerTable * entryBytes,
+                            streamLength);
+    if (m_compressed || (getHaveSlotSizeInfo() && m_slotSizeDirectory[tableIndex] != 0))
+        verifyTablePosition(tableIndex, m_slotSizeDirectory[tableIndex], m_entriesPerTable * slotSizeBytes,
+                            streamLength);
+
+    const int64 first = tableIndex & ~(batchSize - 1);
+    const int64 end = std::min(first + batchSize, m_tableCount);
+    makeRoomForBatch(first, end);
+
+    // All are read before any is stored, so that a failure leaves the cache as it was. Tables that
+    // cannot be read are left out: whoever asks for one of them gets the error.
+    TArray<std::pair<int64, P<CVMDKGrainTable>>> batch;
+    P<CVMDKGrainTable> wanted;
+    for (int64 t = first; t < end; ++t) {
+        if (!canLoadTable(t, streamLength))
+            continue;
+        batch.emplace_back(t, loadTable(t));
+        if (t == tableIndex)
+            wanted = batch.back().second;
+    }
+    for (const auto& [index, table] : batch)
+        m_cache->setCachedTable(this, index, table.get());
+    if (!wanted)
+        throw CError("Internal error: CVMDKGrainDirectory::getGrainTable updated the cache, but did not "
+                     "encounter the requested table (requested index: " +
+                     toDecimal(tableIndex) + ")");
+    return wanted;
+}
+
+bool CVMDKGrainDirectory::isTableAllocated(int64 grainIndex) const noexcept {
+    const int64 tableIndex = grainIndex / m_entriesPerTable;
+    return grainIndex >= 0 && tableIndex < m_tableCount && m_directory[tableIndex] != 0;
+}
+
+void CVMDKGrainDirectory::getGrainInfo(int64 grainIndex, int64& grainPosSectors, int64& slotSizeSectors) {
+    const int64 tableIndex = grainIndex / m_entriesPerTable;
+    verifyTableIndex(tableIndex);
+    if (grainIndex >= 0 && m_directory[tableIndex] == 0) {
+        grainPosSectors = 0;
+        slotSizeSectors = 0;
+        return;
+    }
+    getGrainTable(tableIndex)->getGrainInfo(grainIndex % m_entriesPerTable, grainPosSectors, slotSizeSectors);
+}
+
+void CVMDKGrainDirectory::setGrainInfo(int64 grainIndex, int64 grainPosSectors, int64 slotSizeSectors) {
+    getGrainTable(grainIndex / m_entriesPerTable)
+        ->setGrainInfo(grainIndex % m_entriesPerTable, grainPosSectors, slotSizeSectors);
+}
+
+void CVMDKGrainDirectory::flushChangesToStream() {
+    m_cache->flushCachedTablesFromDirectoryToStream(this);
+}
+
+} // namespace tessel

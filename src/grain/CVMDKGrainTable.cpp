@@ -1,0 +1,96 @@
+#include "tessel/CVMDKGrainTable.h"
+
+#include "grain/TableStreams.h"
+#include "lum/CInvalidArgError.h"
+#include "lum/Logging.h"
+
+namespace tessel {
+
+CVMDKGrainTable::CVMDKGrainTable(IIOStream* stream, IIOStream::Access access, int64 grainSizeSectors,
+                                 int64 posSectors, int64 redundantPosSectors, int64 slotSizeTablePosSectors,
+                                 int entryCount)
+    : m_stream(stream),
+      m_access(access),
+      m_grainSizeSectors(grainSizeSectors),
+      m_posSectors(posSectors),
+      m_redundantPosSectors(redundantPosSectors),
+      m_slotSizeTablePosSectors(slotSizeTablePosSectors),
+      m_entryCount(entryCount),
+      m_entries(entryCount) {
+    readTable(*m_stream, m_posSectors, m_entries);
+    if (m_slotSizeTablePosSectors >= 1) {
+        m_slotSizes.setUsed(entryCount);
+        readTable(*m_stream, m_slotSizeTablePosSectors, m_slotSizes);
+    }
+}
+
+CVMDKGrainTable::~CVMDKGrainTable() {
+    try {
+        if (hasUnflushedChanges()) {
+            // Nobody saw to the order of this write: the slots must be durable before their entries.
+            m_stream->flush();
+            flushChangesToStream();
+        }
+    } catch (const std::exception& error) {
+        onExceptionInDestructorIgnored("tessel::CVMDKGrainTable", error, true);
+    }
+}
+
+void CVMDKGrainTable::verifyIndex(const char* method, int64 grainIndex) const {
+    if (grainIndex < 0 || grainIndex >= m_entryCount)
+        throw CInvalidArgError(method, "Invalid grain index: " + toDecimal(grainIndex),
+                               CProps().add("uri", m_stream->getURI().toString(true)));
+}
+
+void CVMDKGrainTable::getGrainInfo(int64 grainIndex, int64& grainPosSectors, int64& slotSizeSectors) {
+    verifyIndex("CVMDKGrainTable::getGrainInfo", grainIndex);
+    grainPosSectors = m_entries[grainIndex];
+    if (grainPosSectors == 0)
+        slotSizeSectors = 0;
+    else
+        slotSizeSectors = m_slotSizes.isEmpty() ? m_grainSizeSectors : m_slotSizes[grainIndex];
+}
+
+void CVMDKGrainTable::setGrainInfo(int64 grainIndex, int64 grainPosSectors, int64 slotSizeSectors) {
+    static const char* const method = "CVMDKGrainTable::setGrainInfo";
+    verifyIndex(method, grainIndex);
+    if (m_slotSizes.isEmpty() && slotSizeSectors != m_grainSizeSectors)
+        throw CInvalidArgError(method,
+                               "Invalid grain slot size - it must equal the grain size (slot size: " +
+                                   toDecimal(slotSizeSectors) +
+                                   ", grain size: " + toDecimal(m_grainSizeSectors) + ")",
+                               CProps().add("uri", m_stream->getURI().toString(true)));
+    if (slotSizeSectors < 1)
+        throw CInvalidArgError(method, "Invalid grain slot size.",
+                               CProps()
+                                   .add("uri", m_stream->getURI().toString(true))
+                                   .add("slotSizeSectors", slotSizeSectors)
+                                   .add("grainSizeSectors", m_grainSizeSectors)
+                                   .add("posSectors", grainPosSectors));
+    if (m_access != IIOStream::Access_ReadWrite)
+        throw CError("Internal error: CVMDKGrainTable::setGrainInfo was called, but the table was not opened "
+                     "for writing.");
+    if (m_entries[grainIndex] != grainPosSectors) {
+        m_entries[grainIndex] = static_cast<uint32>(grainPosSectors);
+        m_entriesChanged = true;
+    }
+    if (!m_slotSizes.isEmpty() && m_slotSizes[grainIndex] != slotSizeSectors) {
+        m_slotSizes[grainIndex] = static_cast<uint16>(slotSizeSectors);
+        m_slotSizesChanged = true;
+    }
+}
+
+void CVMDKGrainTable::flushChangesToStream() {
+    if (m_entriesChanged) {
+        writeTable(*m_stream, m_posSectors, m_entries);
+        if (m_redundantPosSectors > 0)
+            writeTable(*m_stream, m_redundantPosSectors, m_entries);
+        m_entriesChanged = false;
+    }
+    if (m_slotSizesChanged) {
+        writeTable(*m_stream, m_slotSizeTablePosSectors, m_slotSizes);
+        m_slotSizesChanged = false;
+    }
+}
+
+} // namespace tessel
