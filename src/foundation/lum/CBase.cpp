@@ -4,7 +4,9 @@
 
 namespace lum {
 
-void CBase::addRef() const noexcept { m_refCount.fetch_add(1, std::memory_order_relaxed); }
+void CBase::addRef() const noexcept {
+    m_refCount.fetch_add(1, std::memory_order_relaxed);
+}
 
 void CBase::release() const noexcept {
     // What any holder did to the object happens before its destruction, in whichever thread that is.
@@ -14,10 +16,16 @@ void CBase::release() const noexcept {
 
 void CBase::checkCastAllowed(const std::type_info&) const {}
 
-void* CBase::operator new(std::size_t size) { return ::operator new(size); }
+void* CBase::operator new(std::size_t size) {
+    return ::operator new(size);
+}
 
-void CBase::operator delete(void* memory) noexcept { ::operator delete(memory); }
+void CBase::operator delete(void* memory) noexcept {
+    ::operator delete(memory);
+}
 
-void CBase::deleteThis() const noexcept { delete this; }
+void CBase::deleteThis() const noexcept {
+    delete this;
+}
 
 } // namespace lum

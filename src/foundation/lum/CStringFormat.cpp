@@ -17,7 +17,9 @@ struct CPlace {
     bool isHex = false;
 };
 
-bool isDigit(wchar_t c) noexcept { return c >= L'0' && c <= L'9'; }
+bool isDigit(wchar_t c) noexcept {
+    return c >= L'0' && c <= L'9';
+}
 
 /// Reads the place that begins with the "%" at `start`.
 CPlace readPlace(const String& format, int start) noexcept {
@@ -36,8 +38,8 @@ String formatNumber(const CPlace& place, int64 value) {
     const bool isNegative = value < 0 && !place.isHex;
     const auto bits = static_cast<uint64>(value);
     char digits[20]; // those of 2^64 - 1
-    const auto end = std::to_chars(digits, digits + sizeof digits, isNegative ? 0 - bits : bits,
-                                   place.isHex ? 16 : 10);
+    const auto end =
+        std::to_chars(digits, digits + sizeof digits, isNegative ? 0 - bits : bits, place.isHex ? 16 : 10);
     const String number(digits, static_cast<int>(end.ptr - digits));
     const int padding = std::max(0, place.width - number.getLength() - (isNegative ? 1 : 0));
     const String fill(std::wstring(static_cast<std::size_t>(padding), place.hasZeros ? L'0' : L' '));

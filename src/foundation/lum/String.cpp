@@ -1,8 +1,7 @@
 #include "lum/String.h"
 
-#include "lum/CError.h"
-
 #include "foundation/lum/UTF8.h"
+#include "lum/CError.h"
 
 #include <algorithm>
 #include <cstring>
@@ -29,18 +28,24 @@ int toPosition(std::wstring::size_type found) noexcept {
     return found == std::wstring::npos ? -1 : static_cast<int>(found);
 }
 
-std::size_t notBelowZero(int n) noexcept { return static_cast<std::size_t>(std::max(n, 0)); }
+std::size_t notBelowZero(int n) noexcept {
+    return static_cast<std::size_t>(std::max(n, 0));
+}
 
 } // namespace
 
-String::String(const char* latin1, int length) { appendLatin1(m_text, latin1, notBelowZero(length)); }
+String::String(const char* latin1, int length) {
+    appendLatin1(m_text, latin1, notBelowZero(length));
+}
 
 String::String(const wchar_t* text) {
     if (text)
         m_text = text;
 }
 
-String::String(const char* latin1) { *this += latin1; }
+String::String(const char* latin1) {
+    *this += latin1;
+}
 
 String String::fromUTF8(const void* bytes, int64 length) {
     return fromUTF8(std::string_view(static_cast<const char*>(bytes), static_cast<std::size_t>(length)));
@@ -73,7 +78,9 @@ const String& String::getEmptyString() noexcept {
     return empty;
 }
 
-String String::Left(int n) const { return String(m_text.substr(0, notBelowZero(n))); }
+String String::Left(int n) const {
+    return String(m_text.substr(0, notBelowZero(n)));
+}
 
 String String::Mid(int start, int count) const {
     const std::size_t from = std::min(notBelowZero(start), m_text.size());
@@ -109,7 +116,9 @@ void String::trim() {
     m_text.erase(m_text.find_last_not_of(whiteSpace) + 1);
 }
 
-void String::trimLeft() { m_text.erase(0, m_text.find_first_not_of(whiteSpace)); }
+void String::trimLeft() {
+    m_text.erase(0, m_text.find_first_not_of(whiteSpace));
+}
 
 String String::trimmed() const {
     String result(*this);
@@ -123,9 +132,13 @@ String String::trimmedLeft() const {
     return result;
 }
 
-bool String::StartsWith(const String& text) const noexcept { return m_text.starts_with(text.m_text); }
+bool String::StartsWith(const String& text) const noexcept {
+    return m_text.starts_with(text.m_text);
+}
 
-bool String::EndsWith(const String& text) const noexcept { return m_text.ends_with(text.m_text); }
+bool String::EndsWith(const String& text) const noexcept {
+    return m_text.ends_with(text.m_text);
+}
 
 int String::Find(const String& text, int start) const noexcept {
     return toPosition(m_text.find(text.m_text, notBelowZero(start)));
@@ -135,7 +148,9 @@ int String::Find(wchar_t c, int start) const noexcept {
     return toPosition(m_text.find(c, notBelowZero(start)));
 }
 
-int String::ReverseFind(wchar_t c) const noexcept { return toPosition(m_text.rfind(c)); }
+int String::ReverseFind(wchar_t c) const noexcept {
+    return toPosition(m_text.rfind(c));
+}
 
 String& String::operator+=(const String& text) {
     m_text += text.m_text;

@@ -61,9 +61,13 @@ int64 orZero(const std::optional<int64>& number, const String& text, bool strict
 
 } // namespace
 
-int64 parseInt64(const String& text, bool strict) { return orZero(readDecimal(text), text, strict); }
+int64 parseInt64(const String& text, bool strict) {
+    return orZero(readDecimal(text), text, strict);
+}
 
-int64 parseHexInt64(const String& text, bool strict) { return orZero(readHex(text), text, strict); }
+int64 parseHexInt64(const String& text, bool strict) {
+    return orZero(readHex(text), text, strict);
+}
 
 bool parseBool(const String& text) {
     const String word = text.Lower();
@@ -81,7 +85,9 @@ String toHexString(unsigned int value) {
     return result;
 }
 
-String toText(bool value) { return value ? "true" : "false"; }
+String toText(bool value) {
+    return value ? "true" : "false";
+}
 
 String hexEncode(const TBuffer<unsigned char>& bytes, bool upperCase) {
     const char* const digits = upperCase ? upperDigits : lowerDigits;

@@ -12,7 +12,9 @@ namespace lum::utf8 {
 constexpr char32_t replacementCharacter = 0xFFFD;
 
 /// True for what Unicode can encode: up to 0x10FFFF without the surrogates.
-constexpr bool isScalarValue(char32_t c) noexcept { return c < 0xD800 || (c > 0xDFFF && c <= 0x10FFFF); }
+constexpr bool isScalarValue(char32_t c) noexcept {
+    return c < 0xD800 || (c > 0xDFFF && c <= 0x10FFFF);
+}
 
 /// Reads the character at `position` and moves behind it. False, with `position` as it was, when no
 /// well-formed sequence begins there.
@@ -99,7 +101,8 @@ inline void appendCharacter(std::string& bytes, char32_t character) {
 }
 
 /// Requires: isScalarValue(character).
-template <class Unit> void appendCharacter(std::basic_string<Unit>& text, char32_t character) {
+template <class Unit>
+void appendCharacter(std::basic_string<Unit>& text, char32_t character) {
     if constexpr (sizeof(Unit) == 2) {
         if (character > 0xFFFF) {
             text += static_cast<Unit>(0xD800 + ((character - 0x10000) >> 10));
