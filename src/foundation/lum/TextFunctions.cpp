@@ -1,5 +1,6 @@
 #include "lum/TextFunctions.h"
 
+#include "foundation/lum/HexDigits.h"
 #include "lum/CError.h"
 
 #include <optional>
@@ -7,20 +8,6 @@
 namespace lum {
 
 namespace {
-
-constexpr const char* lowerDigits = "0123456789abcdef";
-constexpr const char* upperDigits = "0123456789ABCDEF";
-
-/// The digit's value; -1 for any other character.
-int hexDigitValue(wchar_t c) noexcept {
-    if (c >= L'0' && c <= L'9')
-        return c - L'0';
-    if (c >= L'a' && c <= L'f')
-        return c - L'a' + 10;
-    if (c >= L'A' && c <= L'F')
-        return c - L'A' + 10;
-    return -1;
-}
 
 std::optional<int64> readDecimal(const String& text) noexcept {
     const bool isNegative = text[0] == L'-';
@@ -81,7 +68,7 @@ bool parseBool(const String& text) {
 String toHexString(unsigned int value) {
     String result;
     for (int shift = 28; shift >= 0; shift -= 4)
-        result += static_cast<wchar_t>(lowerDigits[(value >> shift) & 0xF]);
+        result += static_cast<wchar_t>(lowerHexDigits[(value >> shift) & 0xF]);
     return result;
 }
 
@@ -90,7 +77,7 @@ String toText(bool value) {
 }
 
 String hexEncode(const TBuffer<unsigned char>& bytes, bool upperCase) {
-    const char* const digits = upperCase ? upperDigits : lowerDigits;
+    const char* const digits = upperCase ? upperHexDigits : lowerHexDigits;
     String result;
     for (int64 i = 0; i < bytes.getUsed(); ++i) {
         result += static_cast<wchar_t>(digits[bytes[i] >> 4]);
