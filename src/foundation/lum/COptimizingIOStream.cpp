@@ -84,8 +84,7 @@ void COptimizingIOStream::close() {
         return;
     try {
         writePending();
-    } catch (const CError&) {
-        // It is remembered, and thrown below.
+    } catch (const CError&) { // NOLINT(bugprone-empty-catch): it is remembered, and thrown below
     }
     m_pending = TBuffer<unsigned char>();
     m_readBuffer = TBuffer<unsigned char>();
@@ -297,8 +296,7 @@ void COptimizingIOStream::flush() {
     verifyOpen();
     try {
         writePending();
-    } catch (const CError&) {
-        // It is remembered, and thrown below.
+    } catch (const CError&) { // NOLINT(bugprone-empty-catch): it is remembered, and thrown below
     }
     const std::unique_ptr<CError> failure = std::move(m_writeFailure);
     try {

@@ -4,12 +4,11 @@
 #include "foundation/posix/SystemErrors.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
-
-#include <sys/stat.h>
 
 static_assert(sizeof(off_t) == 8, "files need 64-bit positions");
 

@@ -4,11 +4,10 @@
 #include "foundation/posix/CPosixFile.h"
 #include "foundation/posix/SystemErrors.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-
-#include <sys/stat.h>
 
 namespace lum {
 
