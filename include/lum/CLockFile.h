@@ -5,6 +5,8 @@
 
 namespace lum {
 
+class CFileSystemError;
+
 /// Keeps users of a thing apart by a lock on a file beside it, for as long as the object lives: any
 /// number of readers, or one writer. The system drops the lock when its process dies, so a lock file
 /// that was left behind blocks nobody.
@@ -34,6 +36,8 @@ private:
     CLockFile& operator=(const CLockFile&) = delete;
 
     bool tryLock();
+    P<IIOStream> open();
+    P<IIOStream> openForReading(const CFileSystemError& whyNotForWriting);
     void removeIfUnused();
 
     P<IFileSystem> m_fileSystem;

@@ -18,7 +18,12 @@ namespace lum {
 /// length and the position always tell of the writes before them. A joined write that fails stays
 /// pending and is tried again; whichever write failed, the next flush() throws its error.
 ///
-/// The destructor writes what is pending and reports a failure (onExceptionInDestructorIgnored).
+/// A write that names a barrier passes straight through, behind everything before it. A read that the
+/// system refuses when reading ahead is tried again without.
+///
+/// close() writes what is pending, closes the stream below in any case, and throws what failed since
+/// the last flush(). The destructor does not close the stream below; it writes what is pending and
+/// reports a failure (onExceptionInDestructorIgnored).
 class TESSEL_EXPORT COptimizingIOStream : public CBase, public IIOStream, public IAlignedInStream {
 public:
     /// Takes over the use of `stream`: nobody else reads, writes or moves it meanwhile.
@@ -55,7 +60,18 @@ private:
     COptimizingIOStream& operator=(const COptimizingIOStream&) = delete;
 
     void verifyOpen() const;
+
+    int readMerged(unsigned char* target, int count);
+    int readBelow(unsigned char* target, int count);
+    bool isInReadBuffer(int64 position) const noexcept;
+    int takeFromReadBuffer(int64 position, unsigned char* target, int count) noexcept;
+    void fillReadBuffer(int64 position, int count);
+
+    /// Where the pending bytes end; 0 when there are none.
+    int64 getPendingEnd() const noexcept;
+    void addToPending(const void* data, int size);
     void writePending();
+    void writeBelow(int64 position, const void* data, int size, IWriteBarrier* barrier);
     void rememberFailure(const CError& error);
 
     P<IIOStream> m_stream;

@@ -29,7 +29,8 @@ public:
     static String fromUTF8(std::string_view bytes);
 
     /// The text in UTF-8.
-    /// Throws: CError when the text holds a surrogate that is no pair, or a value above 0x10FFFF.
+    /// Throws: CError when the text holds a surrogate that is no pair, or a value above 0x10FFFF, with
+    /// the parameter "position" (in this text).
     std::string toUTF8() const;
     /// Like toUTF8, but puts U+FFFD in place of what cannot be encoded. For messages.
     std::string toUTF8Lossy() const;
@@ -44,7 +45,8 @@ public:
 
     /// The first n characters, or all when there are fewer; empty for n below 1.
     String Left(int n) const;
-    /// `count` characters from `start` on (-1 = to the end), cut to what there is.
+    /// `count` characters from `start` on (-1 = to the end), cut to what there is. A `start` below 0
+    /// counts as 0.
     String Mid(int start, int count = -1) const;
     /// Lower case for ASCII and Latin-1 letters; other characters stay. Independent of the locale.
     String Lower() const;

@@ -13,8 +13,8 @@ namespace lum {
 /// Throws: CError with `strict` true, with the parameter "text".
 TESSEL_EXPORT int64 parseInt64(const String& text, bool strict);
 
-/// The same for hexadecimal digits of either case, without a prefix; up to 16 digits, of which the
-/// bits are taken as they stand.
+/// The same for hexadecimal digits of either case, without a prefix or a sign; up to 16 digits, of
+/// which the bits are taken as they stand.
 TESSEL_EXPORT int64 parseHexInt64(const String& text, bool strict);
 
 /// True for "true", "yes", "on" and "1" in any case, false for "false", "no", "off", "0" and "".
@@ -37,7 +37,8 @@ TESSEL_EXPORT String toText(bool value);
 TESSEL_EXPORT String hexEncode(const TBuffer<unsigned char>& bytes, bool upperCase);
 
 /// The bytes that `text` spells, two digits of either case each; replaces what `bytes` held.
-/// Throws: CError on an odd number of digits or a character that is none; `bytes` is then empty.
+/// Throws: CError on an odd number of digits or a character that is none, with the parameter
+/// "position" (in `text`); `bytes` is then empty.
 TESSEL_EXPORT void hexDecode(const String& text, TBuffer<unsigned char>& bytes);
 
 } // namespace lum
