@@ -1,6 +1,6 @@
 #pragma once
 
-#include "lum/IBase.h"
+#include "lum/CBase.h"
 
 #include <cstddef>
 #include <type_traits>
@@ -32,6 +32,9 @@ public:
     template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
     P(const P<U>& other)
     noexcept : P(static_cast<T*>(other.get())) {}
+    template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
+    P(P<U>&& other)
+    noexcept : m_object(std::exchange(other.m_object, nullptr)) {}
     ~P() {
         if (m_object)
             m_object->release();
@@ -57,6 +60,9 @@ public:
     friend bool operator==(const P& a, std::nullptr_t) noexcept { return a.m_object == nullptr; }
 
 private:
+    template <class U>
+    friend class P;
+
     T* m_object = nullptr;
 };
 
@@ -67,8 +73,8 @@ P<T> castTo(const P<U>& object) {
     T* const target = dynamic_cast<T*>(object.get());
     if (!target)
         return nullptr;
-    if constexpr (requires { target->checkCastAllowed(typeid(T)); })
-        target->checkCastAllowed(typeid(T));
+    if (const auto* base = dynamic_cast<const CBase*>(object.get()))
+        base->checkCastAllowed(typeid(T));
     return target;
 }
 

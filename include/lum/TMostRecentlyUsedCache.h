@@ -19,6 +19,14 @@ public:
     /// must outlive the cache.
     explicit TMostRecentlyUsedCache(int limit, TList<P<V>>* removed = nullptr)
         : m_limit(std::max(limit, 0)), m_removed(removed) {}
+    TMostRecentlyUsedCache(const TMostRecentlyUsedCache&) = delete;
+    TMostRecentlyUsedCache& operator=(const TMostRecentlyUsedCache&) = delete;
+    /// Lets go of every value, without passing them to `removed`. The cache stands until the last has
+    /// gone: a value's destructor may still look into it.
+    ~TMostRecentlyUsedCache() override {
+        m_removed = nullptr;
+        clear();
+    }
 
     /// The value of a key, or null. A hit becomes the entry used last. Never enforces the limit.
     P<V> get(const K& key) {
@@ -42,6 +50,7 @@ public:
         try {
             m_recency.push_front(place);
         } catch (...) {
+            place->second.value.swap(replaced);
             m_entries.erase(place);
             throw;
         }
