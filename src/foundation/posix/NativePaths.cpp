@@ -40,7 +40,13 @@ String getCurrentWorkDirectoryAsString() {
     if (folder.front() != '/')
         throw CFileSystemError(CFileSystemError::Problem_NotFound,
                                CError("The current folder cannot be reached from the root"));
-    return String::fromUTF8(folder);
+    try {
+        return String::fromUTF8(folder);
+    } catch (const CError& error) {
+        throw CFileSystemError(
+            CFileSystemError::Problem_Other,
+            CError("The name of the current folder is not UTF-8", String(), -1, CProps(), &error));
+    }
 }
 
 CURI nativePathToURI(const String& path) {
