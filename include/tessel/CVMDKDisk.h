@@ -150,6 +150,12 @@ public:
     /// Changes where the parent is looked for, from the next time the disk is opened on. When it cannot be
     /// stored, the old path stands again. Throws: as storeDescriptor.
     void changeParentRelPath(const String& relPath);
+    /// Names another parent and its content ID, both at once; otherwise as changeParentRelPath. Whether
+    /// the new parent holds the same data is for the caller to know.
+    void changeParent(const String& relPath, unsigned int contentID);
+    /// Takes the parent out of the descriptor, both settings at once; otherwise as changeParentRelPath.
+    /// Whatever only the parent holds reads as zeros from the next open on.
+    void removeParent();
 
 protected:
     /// An accessor of the main file, through the open extent's stream where that is the main file.
@@ -179,6 +185,8 @@ private:
     void verifyHaveWriteAccess(const char* method) const;
     P<IVMDKExtentFile> openExtentFile(const CExtentKey& key, const CExtentValue& value);
     void closeExtentFile();
+    template <class Change>
+    void changeDescriptor(const char* method, Change change);
     void verifyPreparedTransfer(const char* verb) const;
     P<IVMDKExtentFile> beginPreparedTransfer(const char* method);
 

@@ -15,6 +15,8 @@ namespace tessel {
 
 namespace {
 
+constexpr unsigned int noContentID = 0xFFFFFFFF;
+
 CProps mainFileProps(const CURI& mainFileURI) {
     return CProps().add("mainFileURI", mainFileURI.toString(true));
 }
@@ -274,16 +276,37 @@ void CVMDKDisk::storeDescriptor() {
     accessor->storeDescriptor(true);
 }
 
-void CVMDKDisk::changeParentRelPath(const String& relPath) {
-    verifyHaveWriteAccess("changeParentRelPath");
+// The descriptor in memory never says what the file does not: a change that cannot be stored is undone.
+template <class Change>
+void CVMDKDisk::changeDescriptor(const char* method, Change change) {
+    verifyHaveWriteAccess(method);
     const CVMDKDescriptor old(*m_descriptor);
-    m_descriptor->setParentFileNameHint(relPath);
     try {
+        change(*m_descriptor);
         storeDescriptor();
     } catch (...) {
         *m_descriptor = old;
         throw;
     }
+}
+
+void CVMDKDisk::changeParentRelPath(const String& relPath) {
+    changeDescriptor("changeParentRelPath",
+                     [&](CVMDKDescriptor& descriptor) { descriptor.setParentFileNameHint(relPath); });
+}
+
+void CVMDKDisk::changeParent(const String& relPath, unsigned int contentID) {
+    changeDescriptor("changeParent", [&](CVMDKDescriptor& descriptor) {
+        descriptor.setParentFileNameHint(relPath);
+        descriptor.setParentContentID(contentID);
+    });
+}
+
+void CVMDKDisk::removeParent() {
+    changeDescriptor("removeParent", [](CVMDKDescriptor& descriptor) {
+        descriptor.removeValue("parentFileNameHint");
+        descriptor.setParentContentID(noContentID);
+    });
 }
 
 } // namespace tessel
