@@ -34,7 +34,7 @@ inline String finishWindowsPath(const String& path, const String& server) {
     if (!server.isEmpty())
         return "\\\\" + server + path;
     if (CWindowsPathTraits::getRootLength(path) == 1) {
-        const String fromDrive = path.Mid(1);
+        String fromDrive = path.Mid(1);
         const int driveLength = CWindowsPathTraits::getRootLength(fromDrive);
         if (driveLength == 3)
             return fromDrive;
