@@ -29,6 +29,10 @@ public:
     int64 allocNewGrainKeepBuffer(int64 grainIndex, const TConstBufferSlice<unsigned char>& data,
                                   int slotSizeSectors) override;
 
+    /// The same for `count` neighbouring whole grains of an uncompressed extent, in neighbouring slots and
+    /// one write; returns the first sector of the first.
+    int64 allocNewGrainRun(int64 firstGrainIndex, const void* data, int count);
+
     /// Writes the trail behind the data end if it is not there.
     void flushChangesToStream() override;
 
@@ -39,7 +43,10 @@ private:
     int64 allocNewGrainImpl(int64 grainIndex, const void* data, int64 dataSize,
                             const TConstBufferSlice<unsigned char>* slice, int slotSizeSectors);
     bool fileEndsWith(const TBuffer<unsigned char>& trail, int64 size);
+    int64 findSlotPosition() const noexcept;
+    void verifyMayAllocate() const;
     void verifyCanAllocate(int64 grainIndex, int64 slotPosition, int slotSizeSectors);
+    void beginSlot(int64 slotPosition);
     void writeZeros(int64 count);
 
     P<IIOStream> m_stream;

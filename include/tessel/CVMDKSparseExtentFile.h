@@ -80,6 +80,10 @@ private:
     void verifyFormat() const;
     void verifyNumber(const char* name, uint64 value, uint64 smallest, uint64 largest) const;
     TBuffer<unsigned char> buildTrail();
+    bool isAtWholePlainGrains(int size) const noexcept;
+    int findSlotSequence(int64 firstGrainIndex, int most, int64& posSectors);
+    int readWholeGrains(void* buffer, int size);
+    int writeWholeGrains(const void* buffer, int size);
     void verifyPreparedTransfer(const char* verb);
     void beginPreparedTransfer(const char* method);
 

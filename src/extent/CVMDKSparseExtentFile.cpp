@@ -246,8 +246,11 @@ void CVMDKSparseExtentFile::read(void* buffer, int size) {
                        uriProps().add("position", m_position).add("bytesToRead", size));
     auto* target = static_cast<unsigned char*>(buffer);
     while (size > 0) {
-        const auto piece = static_cast<int>(beginIOOp(size));
-        m_grain->read(target, piece);
+        int piece = isAtWholePlainGrains(size) ? readWholeGrains(target, size) : 0;
+        if (piece == 0) {
+            piece = static_cast<int>(beginIOOp(size));
+            m_grain->read(target, piece);
+        }
         target += piece;
         size -= piece;
         m_position += piece;
@@ -261,12 +264,86 @@ void CVMDKSparseExtentFile::write(const void* buffer, int size) {
     onAboutToChange();
     const auto* source = static_cast<const unsigned char*>(buffer);
     while (size > 0) {
-        const auto piece = static_cast<int>(beginIOOp(size));
-        m_grain->write(source, piece);
+        int piece = isAtWholePlainGrains(size) ? writeWholeGrains(source, size) : 0;
+        if (piece == 0) {
+            piece = static_cast<int>(beginIOOp(size));
+            m_grain->write(source, piece);
+        }
         source += piece;
         size -= piece;
         m_position += piece;
     }
+}
+
+// Whole grains of plain extents go between the caller's memory and the file without a stop in the grain
+// object, as many at once as lie next to each other.
+
+bool CVMDKSparseExtentFile::isAtWholePlainGrains(int size) const noexcept {
+    return !m_compressed && !m_cipher && m_position % m_grainSizeBytes == 0 && size >= m_grainSizeBytes;
+}
+
+/// How many grains, at most `most`, have slots that follow each other, or have none; `posSectors` is the
+/// first slot's, 0 for none. 0 grains when a slot is not as it must be: opening the grain tells why.
+int CVMDKSparseExtentFile::findSlotSequence(int64 firstGrainIndex, int most, int64& posSectors) {
+    int count = 0;
+    for (; count < most; ++count) {
+        int64 grainPosSectors = 0;
+        int64 slotSizeSectors = 0;
+        m_grainDirectory->getGrainInfo(firstGrainIndex + count, grainPosSectors, slotSizeSectors);
+        if (count == 0)
+            posSectors = grainPosSectors;
+        const int64 expected = posSectors == 0 ? 0 : posSectors + count * m_grainSizeSectors;
+        if (grainPosSectors != expected || (posSectors != 0 && slotSizeSectors < m_grainSizeSectors))
+            break;
+    }
+    return count;
+}
+
+int CVMDKSparseExtentFile::readWholeGrains(void* buffer, int size) {
+    m_grain->flushChangesToStream();
+    int64 posSectors = 0;
+    const int count = findSlotSequence(m_position / m_grainSizeBytes,
+                                       static_cast<int>(size / m_grainSizeBytes), posSectors);
+    const auto bytes = static_cast<int>(count * m_grainSizeBytes);
+    if (count == 0)
+        return 0;
+    m_currentGrainIndex = -1; // the grain object does not follow
+    if (posSectors != 0) {
+        m_stream->seek(posSectors * vmdkSectorSize);
+        m_stream->read(buffer, bytes);
+    } else if (m_fallbackDataProvider) {
+        m_fallbackDataProvider->getData(m_startGrainIndex * m_grainSizeBytes + m_position, buffer, bytes);
+    } else {
+        std::fill_n(static_cast<unsigned char*>(buffer), bytes, 0);
+    }
+    return bytes;
+}
+
+int CVMDKSparseExtentFile::writeWholeGrains(const void* buffer, int size) {
+    m_grain->flushChangesToStream();
+    const int64 grainIndex = m_position / m_grainSizeBytes;
+    int64 posSectors = 0;
+    int count = findSlotSequence(grainIndex, static_cast<int>(size / m_grainSizeBytes), posSectors);
+    if (count == 0)
+        return 0;
+    m_currentGrainIndex = -1; // what the grain object may have loaded is about to change
+    if (posSectors != 0) {
+        m_stream->seek(posSectors * vmdkSectorSize);
+        m_stream->write(buffer, static_cast<int>(count * m_grainSizeBytes), nullptr);
+        return static_cast<int>(count * m_grainSizeBytes);
+    }
+    // As everywhere, zeros in a grain without a slot are not stored.
+    const auto isZeroGrain = [&](int i) {
+        return isZeroMemory(static_cast<const unsigned char*>(buffer) + i * m_grainSizeBytes,
+                            static_cast<std::size_t>(m_grainSizeBytes));
+    };
+    const bool zero = isZeroGrain(0);
+    int same = 1;
+    while (same < count && isZeroGrain(same) == zero)
+        ++same;
+    if (!zero)
+        m_grainAllocator->allocNewGrainRun(grainIndex, buffer, same);
+    return static_cast<int>(same * m_grainSizeBytes);
 }
 
 void CVMDKSparseExtentFile::flushChanges() {

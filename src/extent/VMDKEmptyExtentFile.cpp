@@ -74,6 +74,7 @@ void writeExtent(CDataOutStream& out, const UExtentPlan& plan) {
     const int64 directorySectors = vmdkDirectorySectors(tableCount);
     const P<CVMDKSparseExtentHeader> header(new CVMDKSparseExtentHeader);
     initHeader(*header, plan);
+    stream.setLength(0); // whatever an older file held
     header->store(out);
 
     if (plan.descriptor) {
@@ -103,10 +104,8 @@ void writeExtent(CDataOutStream& out, const UExtentPlan& plan) {
         header->store(out);
         writeVMDKMarker(out, MarkerEndOfStream, 0, plan.zeros);
     }
-    const int64 length = stream.getPosition();
     out.seek(0);
     header->store(out);
-    stream.setLength(length); // whatever an older file had behind
     stream.flush();
 }
 

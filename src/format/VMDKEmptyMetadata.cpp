@@ -2,6 +2,8 @@
 
 #include "tessel/VMDKMarker.h"
 
+#include <algorithm>
+
 namespace tessel {
 
 namespace {
@@ -12,6 +14,19 @@ void padToSector(CDataOutStream& out, const TBuffer<unsigned char>& zeros) {
     const auto excess = static_cast<int>(out.getPosition() % vmdkSectorSize);
     if (excess != 0)
         vmdkWritePadding(out.getStream(), static_cast<int>(vmdkSectorSize) - excess, zeros);
+}
+
+/// Zeros at the stream's position. Beyond the end they are a hole: they take no time and, where the file
+/// system can do that, no room.
+void writeZeros(CDataOutStream& out, int64 count, const TBuffer<unsigned char>& zeros) {
+    const int64 position = out.getPosition();
+    if (position == out.getLength()) {
+        out.getStream().setLength(position + count);
+        out.seek(position + count);
+        return;
+    }
+    for (int64 left = count; left > 0; left -= std::min<int64>(left, INT32_MAX))
+        vmdkWritePadding(out.getStream(), static_cast<int>(std::min<int64>(left, INT32_MAX)), zeros);
 }
 
 /// A directory whose tables follow it, each `tableStride` sectors behind the one before and
@@ -37,10 +52,14 @@ void writeEmptyVMDKGrainDirectoryAndTables(CDataOutStream& out, int64 tableCount
                                            const TBuffer<unsigned char>& zeros, bool withMarkers) {
     const int64 tableOffset = withMarkers ? markerSectors : 0;
     writeDirectory(out, tableCount, tableOffset + vmdkGrainTableSectors, tableOffset, zeros);
+    constexpr int64 tableBytes = vmdkGrainTableSectors * vmdkSectorSize;
+    if (!withMarkers) {
+        writeZeros(out, tableCount * tableBytes, zeros);
+        return;
+    }
     for (int64 i = 0; i < tableCount; ++i) {
-        if (withMarkers)
-            writeVMDKMarker(out, MarkerGrainTable, vmdkGrainTableSectors, zeros);
-        vmdkWritePadding(out.getStream(), static_cast<int>(vmdkGrainTableSectors * vmdkSectorSize), zeros);
+        writeVMDKMarker(out, MarkerGrainTable, vmdkGrainTableSectors, zeros);
+        vmdkWritePadding(out.getStream(), static_cast<int>(tableBytes), zeros);
     }
 }
 

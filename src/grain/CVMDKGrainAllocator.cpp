@@ -3,6 +3,7 @@
 #include "lum/CIOError.h"
 #include "lum/CInvalidArgError.h"
 #include "lum/Logging.h"
+#include "lum/Numbers.h"
 
 #include <algorithm>
 
@@ -99,6 +100,23 @@ void CVMDKGrainAllocator::writeZeros(int64 count) {
     }
 }
 
+void CVMDKGrainAllocator::verifyMayAllocate() const {
+    if (m_access == IIOStream::Access_Read)
+        throw CError("Internal error: CVMDKGrainAllocator::allocNewGrain was called, but the grain allocator "
+                     "was not opened for writing.");
+}
+
+int64 CVMDKGrainAllocator::findSlotPosition() const noexcept {
+    return roundUp(m_dataEnd, m_slotAlignmentBytes);
+}
+
+// What is written from here on lies where the trail was.
+void CVMDKGrainAllocator::beginSlot(int64 slotPosition) {
+    m_stream->seek(m_dataEnd);
+    m_trailDirty = true;
+    writeZeros(slotPosition - m_dataEnd);
+}
+
 int64 CVMDKGrainAllocator::allocNewGrainImpl(int64 grainIndex, const void* data, int64 dataSize,
                                              const TConstBufferSlice<unsigned char>* slice,
                                              int slotSizeSectors) {
@@ -108,18 +126,10 @@ int64 CVMDKGrainAllocator::allocNewGrainImpl(int64 grainIndex, const void* data,
             "CVMDKGrainAllocator::allocNewGrain",
             "Slot size is smaller than grain data size (slot size: " + toDecimal(slotBytes) +
                 " bytes, grain data size: " + toDecimal(dataSize) + " bytes)");
-    if (m_access == IIOStream::Access_Read)
-        throw CError("Internal error: CVMDKGrainAllocator::allocNewGrain was called, but the grain allocator "
-                     "was not opened for writing.");
-    const int64 excess = m_dataEnd % m_slotAlignmentBytes;
-    const int64 gap = excess == 0 ? 0 : m_slotAlignmentBytes - excess;
-    const int64 slotPosition = m_dataEnd + gap;
+    verifyMayAllocate();
+    const int64 slotPosition = findSlotPosition();
     verifyCanAllocate(grainIndex, slotPosition, slotSizeSectors);
-
-    m_stream->seek(m_dataEnd);
-    // What is written from here on lies where the trail was.
-    m_trailDirty = true;
-    writeZeros(gap);
+    beginSlot(slotPosition);
     if (slice)
         m_stream->writeKeepBuffer(*slice, nullptr);
     else
@@ -128,6 +138,22 @@ int64 CVMDKGrainAllocator::allocNewGrainImpl(int64 grainIndex, const void* data,
     writeZeros(slotBytes - dataSize);
     m_directory->setGrainInfo(grainIndex, slotPosition / vmdkSectorSize, slotSizeSectors);
     return slotPosition / vmdkSectorSize;
+}
+
+int64 CVMDKGrainAllocator::allocNewGrainRun(int64 firstGrainIndex, const void* data, int count) {
+    verifyMayAllocate();
+    const int64 slotPosition = findSlotPosition();
+    const int64 grainSizeSectors = m_grainSizeBytes / vmdkSectorSize;
+    for (int i = 0; i < count; ++i)
+        verifyCanAllocate(firstGrainIndex + i, slotPosition + i * m_grainSizeBytes,
+                          static_cast<int>(grainSizeSectors));
+    beginSlot(slotPosition);
+    m_stream->write(data, static_cast<int>(count * m_grainSizeBytes), nullptr);
+    m_dataEnd = slotPosition + count * m_grainSizeBytes;
+    const int64 firstSector = slotPosition / vmdkSectorSize;
+    for (int i = 0; i < count; ++i)
+        m_directory->setGrainInfo(firstGrainIndex + i, firstSector + i * grainSizeSectors, grainSizeSectors);
+    return firstSector;
 }
 
 void CVMDKGrainAllocator::flushChangesToStream() {
