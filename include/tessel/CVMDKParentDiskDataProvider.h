@@ -12,6 +12,7 @@ public:
     /// The deepest chain of disks.
     static constexpr int maxChainLength = 256;
 
+    /// `grainSizeSectors` is the child's; what it asks for in prepared form is checked at each request.
     /// `parentFileReference` is seen from the child's folder. `parentDisk` may be null; one that is given
     /// is taken as already open and checked. `children`: the main files of the disks that have the child
     /// as a parent.
@@ -47,11 +48,8 @@ private:
     P<IFileSystem> m_fileSystem;
     CURI m_childURI;
     unsigned int m_expectedParentContentID;
-    String m_parentFileReference;
-    int64 m_grainSizeSectors;
     int m_compressionSetting;
     P<CVMDKGrainTableCache> m_grainTableCache;
-    int64 m_grainSizeBytes;
     CURI m_parentURI;
     P<CVMDKDisk> m_parentDisk;
     int64 m_parentDiskSize = -1;

@@ -1,0 +1,32 @@
+// Extent lines and the file references in them.
+
+#include "FuzzSupport.h"
+
+using namespace fuzz;
+
+extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t size) {
+    silenceLog();
+    const String text(reinterpret_cast<const char*>(data), static_cast<int>(size));
+    if (const P<CVMDKExtentInfo> extent = CVMDKExtentInfo::tryParseDescriptorLine(text)) {
+        const P<CVMDKExtentInfo> again = CVMDKExtentInfo::tryParseDescriptorLine(extent->toString());
+        if (extent->getOffset() != -1) {
+            REQUIRE(again && again->toString() == extent->toString());
+            REQUIRE(again->getFilename() == extent->getFilename());
+        }
+    }
+    for (const char* base : {"file:///vm/disks", "file:///C:/vm", "file://server/share/vm", "mem:/a", ""}) {
+        mayFail([&] {
+            const CURI uri = vmdkFileReferenceToURI(CURI(String(base)), text);
+            REQUIRE(uri.toNormalized() == uri);
+            REQUIRE(CURI(uri.toString(false)).toNormalized() == uri);
+            uri.toString(true);
+            mayFail([&] {
+                const CURI back = (uri.getParent() << uri.getName()).toNormalized();
+                REQUIRE(back == uri || uri.getName().isEmpty() || uri.getQuery() || uri.getFragment());
+            });
+            mayFail([&] { uriToNativePath(uri); });
+        });
+    }
+    mayFail([&] { String::fromUTF8(data, static_cast<int64>(size)); });
+    return 0;
+}
