@@ -22,7 +22,9 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
             uri.toString(true);
             mayFail([&] {
                 const CURI back = (uri.getParent() << uri.getName()).toNormalized();
-                REQUIRE(back == uri || uri.getName().isEmpty() || uri.getQuery() || uri.getFragment());
+                // Elsewhere an escape may mean something else than its character.
+                const bool isFile = uri.getScheme() == "file" && !uri.getQuery() && !uri.getFragment();
+                REQUIRE(back == uri || uri.getName().isEmpty() || !isFile);
             });
             mayFail([&] { uriToNativePath(uri); });
         });
