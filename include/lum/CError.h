@@ -48,8 +48,10 @@ private:
     std::shared_ptr<const std::string> m_what;
 };
 
-/// One line for people: message, code where there is one, parameters and causes. Works for any
-/// exception; for one that is no CError it is its what().
+/// One line for people: the message (the class's name where it is empty) and in brackets what else the
+/// error holds: source, problem or code where its class has one, second text, parameters and causes.
+/// Line breaks become blanks, other control characters U+FFFD. Works for any exception; for one that is
+/// no CError it is its what().
 TESSEL_EXPORT String describeError(const std::exception& error);
 
 } // namespace lum

@@ -10,14 +10,14 @@ class TESSEL_EXPORT CFileSystemError : public CError {
 public:
     enum Problem {
         Problem_Other = 0,
-        Problem_NotFound = 1,       ///< no such file, or no such folder on the way
+        Problem_NotFound = 1, ///< no such file, or no such folder on the way
         Problem_AlreadyExists = 2,
         Problem_AccessDenied = 3,
-        Problem_Locked = 4,         ///< another holder has it locked in a way that excludes this use
+        Problem_Locked = 4, ///< another holder has it locked in a way that excludes this use
         Problem_NoSpace = 5,
-        Problem_NotSupported = 6,   ///< the operation or the URI's scheme is not supported
+        Problem_NotSupported = 6, ///< the operation or the URI's scheme is not supported
         Problem_ReadOnlyMedium = 7,
-        Problem_NotAFile = 8,       ///< a folder, a pipe or another thing that is no regular file
+        Problem_NotAFile = 8, ///< a folder, a pipe or another thing that is no regular file
     };
 
     CFileSystemError(Problem problem, const CError& error);

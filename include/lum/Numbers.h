@@ -14,7 +14,9 @@ constexpr int64 divideRoundingUp(int64 value, int64 unit) noexcept {
 
 /// The smallest multiple of `unit` that is not below `value`.
 /// Requires: value >= 0, unit > 0, and the result fits 64 bits.
-constexpr int64 roundUp(int64 value, int64 unit) noexcept { return divideRoundingUp(value, unit) * unit; }
+constexpr int64 roundUp(int64 value, int64 unit) noexcept {
+    return divideRoundingUp(value, unit) * unit;
+}
 
 /// a + b and a * b; false, with `result` as it was, when that does not fit a signed 64-bit number.
 constexpr bool tryAdd(int64 a, int64 b, int64& result) noexcept {

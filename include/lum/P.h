@@ -1,6 +1,6 @@
 #pragma once
 
-#include "lum/IBase.h"
+#include "lum/CBase.h"
 
 #include <cstddef>
 #include <type_traits>
@@ -18,7 +18,8 @@ namespace lum {
 ///
 /// Never write P<>(this) in a constructor: the count is still 0, and letting go would destroy the
 /// object before it is finished. For the same reason an object on the stack is never taken into a P<>.
-template <class T> class P {
+template <class T>
+class P {
 public:
     P() noexcept = default;
     P(std::nullptr_t) noexcept {}
@@ -29,7 +30,11 @@ public:
     P(const P& other) noexcept : P(other.m_object) {}
     P(P&& other) noexcept : m_object(std::exchange(other.m_object, nullptr)) {}
     template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
-    P(const P<U>& other) noexcept : P(static_cast<T*>(other.get())) {}
+    P(const P<U>& other)
+    noexcept : P(static_cast<T*>(other.get())) {}
+    template <class U, class = std::enable_if_t<std::is_convertible_v<U*, T*>>>
+    P(P<U>&& other)
+    noexcept : m_object(std::exchange(other.m_object, nullptr)) {}
     ~P() {
         if (m_object)
             m_object->release();
@@ -55,17 +60,21 @@ public:
     friend bool operator==(const P& a, std::nullptr_t) noexcept { return a.m_object == nullptr; }
 
 private:
+    template <class U>
+    friend class P;
+
     T* m_object = nullptr;
 };
 
 /// A holder of `object` as a T, or null when it is none (or is null itself).
 /// Throws: CError when the object's class refuses the cast (CBase::checkCastAllowed).
-template <class T, class U> P<T> castTo(const P<U>& object) {
+template <class T, class U>
+P<T> castTo(const P<U>& object) {
     T* const target = dynamic_cast<T*>(object.get());
     if (!target)
         return nullptr;
-    if constexpr (requires { target->checkCastAllowed(typeid(T)); })
-        target->checkCastAllowed(typeid(T));
+    if (const auto* base = dynamic_cast<const CBase*>(object.get()))
+        base->checkCastAllowed(typeid(T));
     return target;
 }
 

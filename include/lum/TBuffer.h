@@ -16,7 +16,8 @@ namespace lum {
 ///
 /// A buffer that is handed around as P<TBuffer> is made with `new` and taken into a P<> at once; one
 /// that is not may be a member or a local.
-template <class T, class Allocator = std::allocator<T>> class TBuffer : public CBase {
+template <class T, class Allocator = std::allocator<T>>
+class TBuffer : public CBase {
 public:
     TBuffer() = default;
     /// `used` elements of zero.
@@ -95,6 +96,7 @@ private:
 
 /// The same for key material: memory is wiped before it is given back, when the buffer goes as well
 /// as when it grows. Keep such a buffer and every copy of it in this type.
-template <class T> using TCryptBuffer = TBuffer<T, TWipingAllocator<T>>;
+template <class T>
+using TCryptBuffer = TBuffer<T, TWipingAllocator<T>>;
 
 } // namespace lum

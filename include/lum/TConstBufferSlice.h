@@ -5,7 +5,8 @@
 namespace lum {
 
 /// A view of part of a buffer: it owns nothing, and the buffer must outlive it unchanged.
-template <class T> class TConstBufferSlice {
+template <class T>
+class TConstBufferSlice {
 public:
     /// Requires: 0 <= offset, offset + length <= the buffer's used size.
     TConstBufferSlice(const TBuffer<T>& buffer, int64 offset, int64 length) noexcept

@@ -3,7 +3,8 @@
 namespace lum {
 
 /// A reference that may be absent. It owns nothing; what it refers to must outlive it.
-template <class T> class TConstOptRef {
+template <class T>
+class TConstOptRef {
 public:
     constexpr TConstOptRef() noexcept = default;
     constexpr TConstOptRef(const T& object) noexcept : m_object(&object) {}

@@ -11,13 +11,22 @@ namespace lum {
 
 /// A map that keeps at most a number of entries: the ones used last. K needs a less-than, V is counted.
 /// Look-up and insertion are logarithmic, the order of use costs constant time.
-template <class K, class V> class TMostRecentlyUsedCache : public CBase {
+template <class K, class V>
+class TMostRecentlyUsedCache : public CBase {
 public:
     /// `limit`: how many entries enforcement leaves; below 0 counts as 0.
     /// `removed`, if given, receives every value that enforcement, removal or clearing takes out; it
     /// must outlive the cache.
     explicit TMostRecentlyUsedCache(int limit, TList<P<V>>* removed = nullptr)
         : m_limit(std::max(limit, 0)), m_removed(removed) {}
+    TMostRecentlyUsedCache(const TMostRecentlyUsedCache&) = delete;
+    TMostRecentlyUsedCache& operator=(const TMostRecentlyUsedCache&) = delete;
+    /// Lets go of every value, without passing them to `removed`. The cache stands until the last has
+    /// gone: a value's destructor may still look into it.
+    ~TMostRecentlyUsedCache() override {
+        m_removed = nullptr;
+        clear();
+    }
 
     /// The value of a key, or null. A hit becomes the entry used last. Never enforces the limit.
     P<V> get(const K& key) {
@@ -41,6 +50,7 @@ public:
         try {
             m_recency.push_front(place);
         } catch (...) {
+            place->second.value.swap(replaced);
             m_entries.erase(place);
             throw;
         }
@@ -83,7 +93,8 @@ public:
 
     /// Calls `visit(key, value&)` for every entry in key order; the order of use stays. The cache may
     /// not be changed meanwhile.
-    template <class Visitor> void forEach(Visitor visit) const {
+    template <class Visitor>
+    void forEach(Visitor visit) const {
         for (const auto& [key, entry] : m_entries)
             visit(key, *entry.value);
     }

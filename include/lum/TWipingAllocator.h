@@ -11,12 +11,14 @@ namespace lum {
 TESSEL_EXPORT void wipeMemory(void* memory, std::size_t size) noexcept;
 
 /// Allocates like std::allocator and wipes what it gives back.
-template <class T> class TWipingAllocator {
+template <class T>
+class TWipingAllocator {
 public:
     using value_type = T;
 
     TWipingAllocator() noexcept = default;
-    template <class U> TWipingAllocator(const TWipingAllocator<U>&) noexcept {}
+    template <class U>
+    TWipingAllocator(const TWipingAllocator<U>&) noexcept {}
 
     T* allocate(std::size_t n) { return std::allocator<T>().allocate(n); }
     void deallocate(T* memory, std::size_t n) noexcept {

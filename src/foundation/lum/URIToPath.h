@@ -10,11 +10,11 @@ namespace lum {
 
 namespace detail {
 
-/// Writes the path of a URI with the separators of a system, escapes undone.
+/// The names in `text`, a part of `uri`, with their escapes undone and between the system's separators.
 template <class Traits>
-String undoEscapesOfPath(const CURI& uri) {
+String undoEscapes(const String& text, const CURI& uri) {
     std::wstring result;
-    percent::forEachPiece(uri.getPath(), [&](const percent::CPiece& piece) {
+    percent::forEachPiece(text, [&](const percent::CPiece& piece) {
         if (piece.isEscaped && !piece.isCharacter)
             throw CBadPathError(uri.toString(true), "An escape does not belong to a character");
         if (piece.written == L"/")
@@ -34,7 +34,7 @@ inline String finishWindowsPath(const String& path, const String& server) {
     if (!server.isEmpty())
         return "\\\\" + server + path;
     if (CWindowsPathTraits::getRootLength(path) == 1) {
-        const String fromDrive = path.Mid(1);
+        String fromDrive = path.Mid(1);
         const int driveLength = CWindowsPathTraits::getRootLength(fromDrive);
         if (driveLength == 3)
             return fromDrive;
@@ -67,15 +67,15 @@ String uriToPath(const CURI& uri) {
         refuse("Only files can be opened, no URIs with another scheme");
     if (uri.getQuery() || uri.getFragment() || uri.getUserInfo() || uri.getPort() >= 0)
         refuse("A file's URI has no query, fragment, user or port");
-    String server = uri.getHost() ? percent::unescape(*uri.getHost()) : String();
+    String server = uri.getHost() ? *uri.getHost() : String();
     if (server.Lower() == "localhost")
         server = String();
     if (!server.isEmpty() && !isWindows)
         refuse("Files on another computer cannot be opened by its name");
 
-    String path = detail::undoEscapesOfPath<Traits>(uri);
+    String path = detail::undoEscapes<Traits>(uri.getPath(), uri);
     if constexpr (isWindows)
-        path = detail::finishWindowsPath(path, server);
+        path = detail::finishWindowsPath(path, detail::undoEscapes<Traits>(server, uri));
     return TPathImpl<Traits>(path).toString();
 }
 

@@ -12,15 +12,10 @@ namespace lum {
 
 namespace {
 
-CFileSystemError::Problem problemOf(int error) noexcept {
-    switch (error) {
-    case ENOENT:
-        return CFileSystemError::Problem_NotFound;
-    case EACCES:
-        return CFileSystemError::Problem_AccessDenied;
-    default:
-        return CFileSystemError::Problem_Other;
-    }
+[[noreturn]] void throwNoCurrentFolder(int error) {
+    throw CFileSystemError(
+        error == ENOENT ? CFileSystemError::Problem_NotFound : CFileSystemError::Problem_Other,
+        CError("The current folder cannot be told", std::generic_category().message(error).c_str(), error));
 }
 
 } // namespace
@@ -28,19 +23,21 @@ CFileSystemError::Problem problemOf(int error) noexcept {
 String getCurrentWorkDirectoryAsString() {
     std::string folder(256, '\0');
     while (!::getcwd(folder.data(), folder.size())) {
-        const int error = errno;
-        if (error != ERANGE)
-            throw CFileSystemError(problemOf(error),
-                                   CError("The current folder cannot be told",
-                                          std::generic_category().message(error).c_str(), error));
+        if (errno != ERANGE)
+            throwNoCurrentFolder(errno);
         folder.resize(2 * folder.size());
     }
     folder.resize(folder.find('\0'));
     // Outside of the root that the process sees, Linux gives a text that is no path from the root.
     if (folder.front() != '/')
-        throw CFileSystemError(CFileSystemError::Problem_NotFound,
-                               CError("The current folder cannot be reached from the root"));
-    return String::fromUTF8(folder);
+        throwNoCurrentFolder(ENOENT);
+    try {
+        return String::fromUTF8(folder);
+    } catch (const CError& error) {
+        throw CFileSystemError(
+            CFileSystemError::Problem_Other,
+            CError("The name of the current folder is not UTF-8", String(), -1, CProps(), &error));
+    }
 }
 
 CURI nativePathToURI(const String& path) {
