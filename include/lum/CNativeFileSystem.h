@@ -6,7 +6,13 @@
 namespace lum {
 
 /// The files of this computer, named by "file" URIs (RFC 8089) or by relative references, which start
-/// at the current folder. Safe to use from several threads.
+/// at the current folder. Block devices count as files. Safe to use from several threads.
+///
+/// Besides what IFileSystem promises, every call fails with what uriToNativePath fails with: for another
+/// scheme, a host, and names that this system cannot have.
+///
+/// A flush that failed leaves its stream unable to flush: the system may have dropped the data and tells
+/// so only once.
 class TESSEL_EXPORT CNativeFileSystem : public CBase, public IFileSystem {
 public:
     /// With `waitForMedium` false, flush() hands the data to the system and does not wait until the

@@ -4,6 +4,7 @@
 #include "lum/CFileSystemError.h"
 #include "lum/CIOError.h"
 #include "lum/CInvalidArgError.h"
+#include "lum/Numbers.h"
 
 #include <mutex>
 #include <optional>
@@ -146,7 +147,9 @@ public:
     }
 
     P<IStreamLock> lockRange(int64 start, int64 length, LockType type) override {
-        const int64 end = length == 0 ? INT64_MAX : start + length;
+        int64 end = INT64_MAX;
+        if (length > 0)
+            (void)tryAdd(start, length, end);
         if (const auto kind = m_rules->judge(FaultRule::Lock, m_uri, start, end))
             throwFileSystemError(*kind, CFileSystemError::Problem_Locked, "Cannot lock file",
                                  makeProps(m_uri).add("start", start).add("length", length));
@@ -156,7 +159,9 @@ public:
 private:
     std::optional<FaultRule::Kind> judgeTransfer(FaultRule::Operation operation, int count) {
         const int64 position = getPosition();
-        return m_rules->judge(operation, m_uri, position, position + count);
+        int64 end = INT64_MAX;
+        (void)tryAdd(position, count, end);
+        return m_rules->judge(operation, m_uri, position, end);
     }
 
     /// Throws when the read is to fail.

@@ -39,7 +39,7 @@ int CISALEngine::compress(const unsigned char* source, int sourceSize, unsigned 
     m_stream->next_in = const_cast<unsigned char*>(source); // only read
     m_stream->avail_in = static_cast<unsigned int>(sourceSize);
     m_stream->next_out = dest;
-    // With room for more than the bound it would not fall back to storing before that room is used up.
+    // No room beyond the bound: then no release of the engine can go beyond it.
     m_stream->avail_out =
         static_cast<unsigned int>(std::min(static_cast<lum::uint64>(destCapacity), getBound(sourceSize)));
 

@@ -6,7 +6,7 @@
 namespace lum {
 
 // The files of this computer. Each system implements these in a folder of its own (posix). `path` is a
-// native path; `uri` is what errors name.
+// native path, which names no NUL character; `uri` is what errors name.
 
 /// See IFileSystem::openFile and the constructor of CNativeFileSystem.
 P<COpenFile> openNativeFile(const String& path, const CURI& uri, IIOStream::Access access,

@@ -13,16 +13,6 @@ namespace lum {
 
 namespace {
 
-/// The path as the system takes it: bytes, which a NUL would end too early.
-std::string toSystemPath(const String& path, const char* tried, const CURI& uri) {
-    std::string bytes = path.toUTF8();
-    if (bytes.find('\0') != std::string::npos)
-        throw CFileSystemError(
-            CFileSystemError::Problem_NotFound,
-            CError(String(tried) + ": The name holds a NUL character", String(), -1, makeStreamProps(uri)));
-    return bytes;
-}
-
 bool leadsNowhere(int systemError) noexcept {
     return systemError == ENOENT || systemError == ENOTDIR;
 }
@@ -31,12 +21,12 @@ bool leadsNowhere(int systemError) noexcept {
 
 P<COpenFile> openNativeFile(const String& path, const CURI& uri, IIOStream::Access access,
                             bool waitForMedium) {
-    return new CPosixFile(toSystemPath(path, "Cannot open file", uri), uri, access, waitForMedium);
+    return new CPosixFile(path.toUTF8(), uri, access, waitForMedium);
 }
 
 bool nativeFileExists(const String& path, const CURI& uri) {
     constexpr const char* tried = "Cannot look up file";
-    const std::string systemPath = toSystemPath(path, tried, uri);
+    const std::string systemPath = path.toUTF8();
     struct stat status = {};
     // A link that leads nowhere is something, too.
     if (::lstat(systemPath.c_str(), &status) == 0)
@@ -49,7 +39,7 @@ bool nativeFileExists(const String& path, const CURI& uri) {
 
 void deleteNativeFile(const String& path, const CURI& uri, bool ignoreMissing) {
     constexpr const char* tried = "Cannot delete file";
-    const std::string systemPath = toSystemPath(path, tried, uri);
+    const std::string systemPath = path.toUTF8();
     if (::unlink(systemPath.c_str()) == 0)
         return;
     const int error = errno;
@@ -62,7 +52,7 @@ bool isNativeFileAt(const String& path, const CURI& uri, const COpenFile& file) 
     const auto* const posixFile = dynamic_cast<const CPosixFile*>(&file);
     if (!posixFile)
         throwForeignStream("CNativeFileSystem::isFileOfStream", uri);
-    const std::string systemPath = toSystemPath(path, tried, uri);
+    const std::string systemPath = path.toUTF8();
     struct stat status = {};
     if (::stat(systemPath.c_str(), &status) == 0)
         return posixFile->isFileOf(status);
