@@ -17,7 +17,7 @@ function(tessel_add_test name)
     add_executable(${target} ${arg_SOURCES})
     target_link_libraries(${target} PRIVATE tessel_test_support GTest::gmock_main ${arg_LIBRARIES})
     tessel_configure_target(${target})
-    tessel_relax_warnings_for_tests(${target})
+    tessel_configure_tests(${target})
     gtest_discover_tests(${target}
         TEST_PREFIX "${name}."
         DISCOVERY_TIMEOUT 60
@@ -42,10 +42,14 @@ function(tessel_add_script_test name script)
         ENVIRONMENT "TESSEL_PROGRAM=$<TARGET_FILE:tessel-cli>;TESSEL_SOURCE_DIR=${PROJECT_SOURCE_DIR}")
 endfunction()
 
-# tessel_relax_warnings_for_tests(<target>)
+# tessel_configure_tests(<target>)
 #
-# Takes back the one pedantic warning that GoogleTest's own macros cause where they are used.
-function(tessel_relax_warnings_for_tests target)
+# Takes back the one pedantic warning that GoogleTest's own macros cause where they are used, and compiles the tests
+# themselves without optimisation: the library under them keeps its own, and building takes a fifth of the time.
+function(tessel_configure_tests target)
+    if(NOT MSVC)
+        target_compile_options(${target} PRIVATE -O0)
+    endif()
     if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
         target_compile_options(${target} PRIVATE -Wno-gnu-zero-variadic-macro-arguments)
     endif()
