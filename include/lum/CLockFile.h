@@ -27,14 +27,13 @@ public:
     /// problems as IFileSystem::openFile.
     CLockFile(IFileSystem* fileSystem, const CURI& uri, LockType lockType, bool wait, bool deleteOnRelease);
     ~CLockFile() override;
+    CLockFile(const CLockFile&) = delete;
+    CLockFile& operator=(const CLockFile&) = delete;
 
     /// False for a reader who had to go on without a lock.
     bool isLocked() const noexcept { return static_cast<bool>(m_lock); }
 
 private:
-    CLockFile(const CLockFile&) = delete;
-    CLockFile& operator=(const CLockFile&) = delete;
-
     bool tryLock();
     P<IIOStream> open();
     P<IIOStream> openForReading(const CFileSystemError& whyNotForWriting);

@@ -15,6 +15,8 @@ class TESSEL_EXPORT CMemoryFileSystem : public CBase, public IFileSystem {
 public:
     CMemoryFileSystem();
     ~CMemoryFileSystem() override;
+    CMemoryFileSystem(const CMemoryFileSystem&) = delete;
+    CMemoryFileSystem& operator=(const CMemoryFileSystem&) = delete;
 
     P<IIOStream> openFile(const CURI& uri, IIOStream::Access access) override;
     bool fileExists(const CURI& uri) override;
@@ -25,9 +27,6 @@ public:
     TArray<CURI> listFiles() const;
 
 private:
-    CMemoryFileSystem(const CMemoryFileSystem&) = delete;
-    CMemoryFileSystem& operator=(const CMemoryFileSystem&) = delete;
-
     struct Impl;
     std::unique_ptr<Impl> m_impl;
 };

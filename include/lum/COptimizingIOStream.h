@@ -26,9 +26,13 @@ namespace lum {
 /// reports a failure (onExceptionInDestructorIgnored).
 class TESSEL_EXPORT COptimizingIOStream : public CBase, public IIOStream, public IAlignedInStream {
 public:
-    /// Takes over the use of `stream`: nobody else reads, writes or moves it meanwhile.
+    /// Takes over the use of `stream`: nobody else reads, writes or moves it meanwhile. What others write
+    /// to the file by streams of their own may be missed, unless lockRange() keeps them apart: it
+    /// forgets what was read before.
     explicit COptimizingIOStream(IIOStream* stream);
     ~COptimizingIOStream() override;
+    COptimizingIOStream(const COptimizingIOStream&) = delete;
+    COptimizingIOStream& operator=(const COptimizingIOStream&) = delete;
 
     int64 getLength() const override;
     int64 getPosition() const override;
@@ -56,9 +60,6 @@ public:
     int getBestPerformanceAlignment() const override;
 
 private:
-    COptimizingIOStream(const COptimizingIOStream&) = delete;
-    COptimizingIOStream& operator=(const COptimizingIOStream&) = delete;
-
     void verifyOpen() const;
 
     int readMerged(unsigned char* target, int count);

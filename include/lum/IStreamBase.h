@@ -23,11 +23,14 @@ public:
     virtual void seek(int64 position) = 0;
     /// Locks `length` bytes from `start` on for this open file, without waiting. Locks of two open
     /// files exclude each other whichever process holds them; a length of 0 reaches to the end of all
-    /// positions.
-    /// Throws: CFileSystemError: Problem_Locked when another open file excludes it, Problem_NotSupported.
+    /// positions. Ranges locked through one stream may not overlap. A lock ends with its stream.
+    /// Throws: CFileSystemError: Problem_Locked when another open file excludes it or this stream has
+    /// locked part of it, Problem_AccessDenied for an exclusive lock on a stream that only reads,
+    /// Problem_NotSupported.
     virtual P<IStreamLock> lockRange(int64 start, int64 length, LockType type) = 0;
-    /// Writes what is pending and lets go of the file. A second call does nothing; anything else
-    /// afterwards fails with CIOError 10.
+    /// Writes what is pending and lets go of the file, also when it throws. A second call does nothing;
+    /// anything but getURI() afterwards fails with CIOError 10.
+    /// Throws: CIOError 2 or 8, also for an earlier write that failed and was not told by a flush().
     virtual void close() = 0;
 };
 

@@ -86,7 +86,7 @@ protected:
                        const std::function<void()>& action) {
         const auto error = catchError(action);
         ASSERT_TRUE(error);
-        EXPECT_EQ(typeid(*error), typeid(CIOError));
+        EXPECT_TRUE(dynamic_cast<const CIOError*>(error.get()));
         EXPECT_EQ(error->getCode(), code);
         EXPECT_EQ(error->getMessage(), String(message));
         expectProps(*error, props);
@@ -94,8 +94,9 @@ protected:
     void expectInvalidArg(const char* source, const char* message, const std::function<void()>& action) {
         const auto error = catchError(action);
         ASSERT_TRUE(error);
-        ASSERT_EQ(typeid(*error), typeid(CInvalidArgError));
-        EXPECT_EQ(static_cast<const CInvalidArgError&>(*error).getSource(), String(source));
+        const auto* const invalidArg = dynamic_cast<const CInvalidArgError*>(error.get());
+        ASSERT_TRUE(invalidArg);
+        EXPECT_EQ(invalidArg->getSource(), String(source));
         EXPECT_EQ(error->getMessage(), String(message));
         expectProps(*error, {});
     }

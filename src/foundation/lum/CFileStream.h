@@ -14,6 +14,8 @@ class CFileStream : public CBase, public IIOStream {
 public:
     CFileStream(COpenFile* file, Access access);
     ~CFileStream() override;
+    CFileStream(const CFileStream&) = delete;
+    CFileStream& operator=(const CFileStream&) = delete;
 
     /// The file below. Throws: CIOError 10 when it is closed.
     COpenFile& getFile() const;
@@ -40,9 +42,6 @@ public:
     void setLength(int64 length) override;
 
 private:
-    CFileStream(const CFileStream&) = delete;
-    CFileStream& operator=(const CFileStream&) = delete;
-
     void writeToFile(const void* data, int size);
 
     P<COpenFile> m_file;

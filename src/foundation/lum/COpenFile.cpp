@@ -9,10 +9,12 @@
 
 namespace lum {
 
-class COpenFile::CLock : public CBase, public IStreamLock {
+class COpenFile::CLock final : public CBase, public IStreamLock {
 public:
     CLock(COpenFile* file, const Range& range) : m_file(file), m_range(range) {}
     ~CLock() override { unlock(); }
+    CLock(const CLock&) = delete;
+    CLock& operator=(const CLock&) = delete;
 
     void setHeld() noexcept { m_held = true; }
     void unlock() noexcept override {
@@ -22,9 +24,6 @@ public:
     }
 
 private:
-    CLock(const CLock&) = delete;
-    CLock& operator=(const CLock&) = delete;
-
     P<COpenFile> m_file;
     Range m_range;
     bool m_held = false;

@@ -12,6 +12,9 @@ namespace lum {
 /// positions, sizes and lengths are bytes and never negative, and their sums fit 64 bits.
 class COpenFile : public CBase {
 public:
+    COpenFile(const COpenFile&) = delete;
+    COpenFile& operator=(const COpenFile&) = delete;
+
     const CURI& getURI() const noexcept { return m_uri; }
 
     virtual int64 getLength() const = 0;
@@ -37,9 +40,6 @@ protected:
     virtual void closeFile() = 0;
 
 private:
-    COpenFile(const COpenFile&) = delete;
-    COpenFile& operator=(const COpenFile&) = delete;
-
     class CLock;
     struct Range {
         int64 start;

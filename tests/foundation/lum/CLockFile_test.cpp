@@ -9,10 +9,6 @@
 
 #include <gmock/gmock.h>
 
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <chrono>
 #include <random>
@@ -374,39 +370,4 @@ TEST_P(CLockFileTest, ReadersInManyThreadsNeverRefuseEachOther) {
         worker.join();
     EXPECT_EQ(refusals, 0);
     EXPECT_FALSE(fileExists());
-}
-
-TEST(CLockFileProcess, LockOfAProcessThatWasKilledIsGone) {
-    const CTemporaryFolder folder;
-    const CURI uri = folder.getURI("disk.vmdk.lock");
-    const P<IFileSystem> fileSystem(new CNativeFileSystem);
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-
-    const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-        const P<CLockFile> lockFile(new CLockFile(fileSystem.get(), uri, exclusive, false, true));
-        const char byte = 'x';
-        const bool told = ::write(ready[1], &byte, 1) == 1;
-        while (told)
-            ::pause();
-        ::_exit(1);
-    }
-    char byte = 0;
-    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-    EXPECT_FILE_SYSTEM_ERROR(CLockFile(fileSystem.get(), uri, shared, false, true), Problem::Problem_Locked,
-                             "Cannot lock \"" + uri.toString(true) +
-                                 "\": It is locked by another user or process.",
-                             {{"uri", uri.toString(true)}});
-
-    ASSERT_EQ(::kill(child, SIGKILL), 0);
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    ::close(ready[0]);
-    ::close(ready[1]);
-    EXPECT_TRUE(WIFSIGNALED(status));
-    EXPECT_TRUE(fileSystem->fileExists(uri));
-    EXPECT_NO_THROW(CLockFile(fileSystem.get(), uri, exclusive, false, true));
-    EXPECT_FALSE(fileSystem->fileExists(uri));
 }
