@@ -47,8 +47,9 @@ TEST(CError, KeepsItsClass) {
 TEST(CError, CauseKeepsItsClassAndOutlivesTheOriginal) {
     const CError error = makeFullError();
 
-    EXPECT_EQ(typeid(*error.getCause()), typeid(CIOError));
-    EXPECT_EQ(error.getCause()->getCode(), 4);
+    const CError& cause = *error.getCause();
+    EXPECT_EQ(typeid(cause), typeid(CIOError));
+    EXPECT_EQ(cause.getCode(), 4);
 }
 
 TEST(CError, CausesFormAChain) {
