@@ -15,6 +15,8 @@ public:
     /// `level`: 0 stores, 1 is fastest, 9 smallest.
     /// Throws: lum::CInvalidArgError for any other level.
     explicit CZLibCompressor(int level);
+    CZLibCompressor(const CZLibCompressor&) = delete;
+    CZLibCompressor& operator=(const CZLibCompressor&) = delete;
     ~CZLibCompressor() override;
 
     lum::String getInternalDesc() override;
@@ -23,9 +25,6 @@ public:
     int decompressSingleStep(const void* source, int sourceSize, void* dest, int destCapacity) override;
 
 private:
-    CZLibCompressor(const CZLibCompressor&) = delete;
-    CZLibCompressor& operator=(const CZLibCompressor&) = delete;
-
     struct Engine;
     std::unique_ptr<Engine> m_engine;
 };

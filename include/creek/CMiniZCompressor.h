@@ -15,6 +15,8 @@ public:
     /// `level`: 1 is fastest, 9 smallest.
     /// Throws: lum::CInvalidArgError for any other level.
     explicit CMiniZCompressor(int level);
+    CMiniZCompressor(const CMiniZCompressor&) = delete;
+    CMiniZCompressor& operator=(const CMiniZCompressor&) = delete;
     ~CMiniZCompressor() override;
 
     lum::String getInternalDesc() override;
@@ -23,9 +25,6 @@ public:
     int decompressSingleStep(const void* source, int sourceSize, void* dest, int destCapacity) override;
 
 private:
-    CMiniZCompressor(const CMiniZCompressor&) = delete;
-    CMiniZCompressor& operator=(const CMiniZCompressor&) = delete;
-
     struct Engine;
     std::unique_ptr<Engine> m_engine;
 };

@@ -22,15 +22,16 @@ public:
     CError& operator=(const CError&) = default;
     ~CError() override;
 
-    const String& getMessage() const noexcept { return m_message; }
-    const String& getSecondText() const noexcept { return m_secondText; }
-    int getCode() const noexcept { return m_code; }
-    const CProps& getProps() const noexcept { return m_props; }
+    const String& getMessage() const noexcept;
+    const String& getSecondText() const noexcept;
+    int getCode() const noexcept;
+    const CProps& getProps() const noexcept;
     /// The error that led to this one; null when there is none.
-    const CError* getCause() const noexcept { return m_cause.get(); }
+    const CError* getCause() const noexcept;
 
-    /// The message as UTF-8. Valid as long as the error.
-    const char* what() const noexcept override { return m_what->c_str(); }
+    /// The message as UTF-8, with U+FFFD for what cannot be encoded. Valid as long as the error or a
+    /// copy of it.
+    const char* what() const noexcept override;
 
     /// The class's name without its namespace, for messages.
     virtual const char* getClassName() const noexcept;
@@ -40,12 +41,9 @@ public:
     [[noreturn]] virtual void rethrow() const;
 
 private:
-    String m_message;
-    String m_secondText;
-    int m_code;
-    CProps m_props;
-    std::shared_ptr<const CError> m_cause;
-    std::shared_ptr<const std::string> m_what;
+    struct Contents;
+    // Shared by all copies: an exception may be copied when nothing else may fail any more.
+    std::shared_ptr<const Contents> m_contents;
 };
 
 /// One line for people: the message (the class's name where it is empty) and in brackets what else the

@@ -10,14 +10,14 @@ public:
     CInvalidArgError(const String& source, const String& message, const CProps& props = CProps());
     ~CInvalidArgError() override;
 
-    const String& getSource() const noexcept { return m_source; }
+    const String& getSource() const noexcept { return *m_source; }
 
     const char* getClassName() const noexcept override;
     std::unique_ptr<CError> clone() const override;
     [[noreturn]] void rethrow() const override;
 
 private:
-    String m_source;
+    std::shared_ptr<const String> m_source; // shared by all copies
 };
 
 } // namespace lum

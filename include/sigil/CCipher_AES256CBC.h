@@ -12,6 +12,8 @@ namespace sigil {
 class TESSEL_EXPORT CCipher_AES256CBC : public lum::CBase, public ICipher {
 public:
     CCipher_AES256CBC();
+    CCipher_AES256CBC(const CCipher_AES256CBC&) = delete;
+    CCipher_AES256CBC& operator=(const CCipher_AES256CBC&) = delete;
     ~CCipher_AES256CBC() override;
 
     lum::String getID() const override;
@@ -29,9 +31,6 @@ public:
                  bool fillLastBlock) override;
 
 private:
-    CCipher_AES256CBC(const CCipher_AES256CBC&) = delete;
-    CCipher_AES256CBC& operator=(const CCipher_AES256CBC&) = delete;
-
     struct Engine;
     std::unique_ptr<Engine> m_engine;
 };

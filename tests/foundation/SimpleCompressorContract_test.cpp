@@ -56,7 +56,7 @@ INSTANTIATE_TEST_SUITE_P(All, SimpleCompressor, ::testing::ValuesIn(listKinds())
 void expectBadFormat(ISimpleCompressor& compressor, const Bytes& stream, int capacity) {
     const auto error = catchError([&] { decompress(compressor, stream, capacity); });
     ASSERT_TRUE(error);
-    EXPECT_EQ(typeid(*error), typeid(CIOError));
+    EXPECT_STREQ(error->getClassName(), "CIOError");
     EXPECT_EQ(error->getCode(), 5);
 }
 
@@ -275,7 +275,7 @@ TEST_P(SimpleCompressor, RefusesWrongArguments) {
 TEST_P(SimpleCompressor, RefusesABoundThatNoIntCanTell) {
     const auto error = catchError([&] { compressor->getCompressedSizeUpperBound(INT_MAX); });
     ASSERT_TRUE(error);
-    EXPECT_EQ(typeid(*error), typeid(CInvalidArgError));
+    EXPECT_STREQ(error->getClassName(), "CInvalidArgError");
     EXPECT_EQ(error->getMessage(), "The source is too large to be compressed at once.");
     EXPECT_GT(compressor->getCompressedSizeUpperBound(1 << 30), 1 << 30);
 }

@@ -7,16 +7,45 @@
 
 namespace lum {
 
+struct CError::Contents {
+    String message;
+    String secondText;
+    int code;
+    CProps props;
+    std::unique_ptr<const CError> cause;
+    std::string what;
+};
+
 CError::CError(const String& message, const String& secondText, int code, const CProps& props,
                const CError* cause)
-    : m_message(message),
-      m_secondText(secondText),
-      m_code(code),
-      m_props(props),
-      m_cause(cause ? cause->clone() : nullptr),
-      m_what(std::make_shared<const std::string>(message.toUTF8Lossy())) {}
+    : m_contents(std::make_shared<const Contents>(Contents{
+          message, secondText, code, props, cause ? cause->clone() : nullptr, message.toUTF8Lossy()})) {}
 
 CError::~CError() = default;
+
+const String& CError::getMessage() const noexcept {
+    return m_contents->message;
+}
+
+const String& CError::getSecondText() const noexcept {
+    return m_contents->secondText;
+}
+
+int CError::getCode() const noexcept {
+    return m_contents->code;
+}
+
+const CProps& CError::getProps() const noexcept {
+    return m_contents->props;
+}
+
+const CError* CError::getCause() const noexcept {
+    return m_contents->cause.get();
+}
+
+const char* CError::what() const noexcept {
+    return m_contents->what.c_str();
+}
 
 const char* CError::getClassName() const noexcept {
     return "CError";

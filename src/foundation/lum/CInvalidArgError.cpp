@@ -3,7 +3,7 @@
 namespace lum {
 
 CInvalidArgError::CInvalidArgError(const String& source, const String& message, const CProps& props)
-    : CError(message, String(), -1, props), m_source(source) {}
+    : CError(message, String(), -1, props), m_source(std::make_shared<const String>(source)) {}
 
 CInvalidArgError::~CInvalidArgError() = default;
 

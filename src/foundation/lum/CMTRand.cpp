@@ -42,7 +42,7 @@ constexpr int bytesPerState = (std::mt19937::state_size - 1) * 4;
 
 } // namespace
 
-CMTRand::CMTRand() {
+CMTRand::CMTRand() { // NOLINT(cert-msc51-cpp): the state that the twister begins with is replaced at once
     reseed();
 }
 

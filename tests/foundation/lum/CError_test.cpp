@@ -7,6 +7,7 @@
 #include "lum/CInvalidArgError.h"
 
 #include <stdexcept>
+#include <type_traits>
 
 using namespace lum;
 using tessel::test::expectClassIsKept;
@@ -47,8 +48,9 @@ TEST(CError, KeepsItsClass) {
 TEST(CError, CauseKeepsItsClassAndOutlivesTheOriginal) {
     const CError error = makeFullError();
 
-    EXPECT_EQ(typeid(*error.getCause()), typeid(CIOError));
-    EXPECT_EQ(error.getCause()->getCode(), 4);
+    const CError& cause = *error.getCause();
+    EXPECT_EQ(typeid(cause), typeid(CIOError));
+    EXPECT_EQ(cause.getCode(), 4);
 }
 
 TEST(CError, CausesFormAChain) {
@@ -85,6 +87,14 @@ TEST(CError, CopiesShareWhat) {
     const CError error("text");
     const CError copy(error);
     EXPECT_EQ(static_cast<const void*>(copy.what()), static_cast<const void*>(error.what()));
+}
+
+TEST(CError, CopyingCannotFail) {
+    EXPECT_TRUE(std::is_nothrow_copy_constructible_v<CError>);
+    EXPECT_TRUE(std::is_nothrow_copy_constructible_v<CInvalidArgError>);
+    EXPECT_TRUE(std::is_nothrow_copy_constructible_v<CIOError>);
+    EXPECT_TRUE(std::is_nothrow_copy_constructible_v<CFileSystemError>);
+    EXPECT_TRUE(std::is_nothrow_copy_constructible_v<CBadPathError>);
 }
 
 TEST(DescribeError, GivesOnlyTheMessageWhereThereIsNothingElse) {

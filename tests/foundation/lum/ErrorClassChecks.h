@@ -27,12 +27,13 @@ void expectClassIsKept(const E& error, const std::string& className) {
     const lum::CError& base = error;
     EXPECT_EQ(base.getClassName(), className);
 
-    const std::unique_ptr<lum::CError> copy = base.clone();
-    EXPECT_EQ(typeid(*copy), typeid(E));
-    expectSameContents(*copy, error);
+    const std::unique_ptr<lum::CError> holder = base.clone();
+    const lum::CError& copy = *holder;
+    EXPECT_EQ(typeid(copy), typeid(E));
+    expectSameContents(copy, error);
 
     try {
-        copy->rethrow();
+        copy.rethrow();
         FAIL() << "rethrow() came back";
     } catch (const E& caught) {
         EXPECT_EQ(typeid(caught), typeid(E));
