@@ -297,7 +297,7 @@ TEST_F(CVMDKSparseExtentHeaderTest, ShortSectorOfAnyLengthIsTheStreamsError) {
         for (int length = 0; length < 512; ++length) {
             const auto error = catchError([&] { load(slice(sector, 0, length)); });
             ASSERT_TRUE(error) << length;
-            EXPECT_EQ(typeid(*error), typeid(CIOError));
+            EXPECT_TRUE(dynamic_cast<CIOError*>(error.get()));
             EXPECT_EQ(error->getCode(), 4) << length;
             EXPECT_EQ(error->getMessage(), "Unexpected end of data.");
         }
