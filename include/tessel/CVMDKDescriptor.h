@@ -71,7 +71,7 @@ public:
     bool removeValue(const String& name);
 
     /// Inserts an extent line behind the first run of extent lines, or at the end without one. The
-    /// entry is kept.
+    /// entry is kept. Throws: CInvalidArgError as setValue.
     void addExtentEntry(CVMDKExtentInfo* extent);
     /// Appends the extent lines, in order, to `extents`.
     void getExtentEntries(TArray<P<CVMDKExtentInfo>>& extents) const;

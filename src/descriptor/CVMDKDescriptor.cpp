@@ -228,6 +228,7 @@ int CVMDKDescriptor::findEndOfFirstExtentRun() const {
 
 void CVMDKDescriptor::addExtentEntry(CVMDKExtentInfo* extent) {
     const P<CVMDKExtentInfo> kept(extent);
+    verifyOneLine("CVMDKDescriptor::addExtentEntry", extent->toString());
     if (m_extentRunEnd < 0)
         m_extentRunEnd = findEndOfFirstExtentRun();
     m_entries.insert(m_entries.begin() + m_extentRunEnd, kept);

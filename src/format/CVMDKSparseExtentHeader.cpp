@@ -73,15 +73,15 @@ void CVMDKSparseExtentHeader::setEncryptionKeyHash(const TBuffer<unsigned char>&
 
 void CVMDKSparseExtentHeader::load(CDataInStream& in) {
     Record record;
-    in.read(record.data(), fieldMagic.width);
+    const auto readFields = [&](int begin, int end) { in.read(record.data() + begin, end - begin); };
+    readFields(fieldMagic.offset, fieldMagic.end());
     uint32 magic = 0;
     get(record, fieldMagic, magic);
     if (magic != magicNumber && magic != magicNumberEncrypted)
         throw CIOError(CIOError::Code_BadFormat, "Invalid magic number in VMDK sparse header",
                        CProps().add("num", magic));
     m_encryptionExtensionEnabled = magic == magicNumberEncrypted;
-    in.read(record.data() + fieldMagic.width, recordSize - fieldMagic.width);
-
+    readFields(fieldVersion.offset, fieldLineEndTest.end());
     get(record, fieldVersion, m_version);
     get(record, fieldFlags, m_flags);
     get(record, fieldCapacity, m_capacity);
@@ -99,6 +99,8 @@ void CVMDKSparseExtentHeader::load(CDataInStream& in) {
         std::memcmp(record.data() + fieldLineEndTest.offset, lineEndTest, sizeof lineEndTest) != 0)
         throw CIOError(CIOError::Code_BadFormat, "VMDK image is corrupted (probably by having been "
                                                  "transferred in FTP ASCII mode).");
+    // Only now, since altered line ends also change the length of the file.
+    readFields(fieldCompressAlgorithm.offset, recordSize);
     get(record, fieldCompressAlgorithm, m_compressAlgorithm);
 
     if (!m_encryptionExtensionEnabled) {
