@@ -246,11 +246,6 @@ P<CVMDKGrainTable> CVMDKGrainDirectory::getGrainTable(int64 tableIndex) {
     return wanted;
 }
 
-bool CVMDKGrainDirectory::isTableAllocated(int64 grainIndex) const noexcept {
-    const int64 tableIndex = grainIndex / m_entriesPerTable;
-    return grainIndex >= 0 && tableIndex < m_tableCount && m_directory[tableIndex] != 0;
-}
-
 void CVMDKGrainDirectory::getGrainInfo(int64 grainIndex, int64& grainPosSectors, int64& slotSizeSectors) {
     const int64 tableIndex = grainIndex / m_entriesPerTable;
     verifyTableIndex(tableIndex);
