@@ -46,8 +46,8 @@ public:
     void close();
     /// Data, trail, durable; tables, durable.
     void flush();
-    /// close() and open().
-    void reopen(IIOStream::Access access = IIOStream::Access_ReadWrite);
+    /// Ends all faults. The stream tells once more of a write that failed; it does so here.
+    void endFaults() const;
 
     CVMDKGrainTableCache& cache() const { return *m_cache; }
     CVMDKGrainDirectory& directory() const { return *m_directory; }
