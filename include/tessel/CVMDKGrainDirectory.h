@@ -45,9 +45,6 @@ public:
     /// Changes them, in memory. Throws: as getGrainTable and the table.
     void setGrainInfo(int64 grainIndex, int64 grainPosSectors, int64 slotSizeSectors);
 
-    /// True when the grain has a table, so that it can be given a slot.
-    bool isTableAllocated(int64 grainIndex) const noexcept;
-
     bool getHaveSlotSizeInfo() const noexcept { return !m_slotSizeDirectory.isEmpty(); }
     int64 getGrainCount() const noexcept { return m_grainCount; }
     int64 getTableCount() const noexcept { return m_tableCount; }

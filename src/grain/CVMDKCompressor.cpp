@@ -29,13 +29,12 @@ int CVMDKCompressor::getCompressedSizeUpperBound(int sourceSize) const {
 }
 
 int CVMDKCompressor::compressSingleStep(const void* source, int sourceSize, void* dest, int destCapacity) {
+    if (m_level == 0) // the reference compressor already, and nobody to take over
+        return m_main->compressSingleStep(source, sourceSize, dest, destCapacity);
     int size = -1;
     try {
         size = m_main->compressSingleStep(source, sourceSize, dest, destCapacity);
-    } catch (const CError&) {
-        // At level 0 the reference compressor itself failed, and there is nobody to take over.
-        if (m_level == 0)
-            throw;
+    } catch (const CError&) { // NOLINT(bugprone-empty-catch): the reference compressor takes over
     }
     if (size != -1 && (size <= sourceSize || size <= getCompressedSizeUpperBound(sourceSize)))
         return size;

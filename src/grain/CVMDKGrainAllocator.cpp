@@ -85,8 +85,12 @@ void CVMDKGrainAllocator::verifyCanAllocate(int64 grainIndex, int64 slotPosition
                            .add("position", slotPosition)
                            .add("slotSize", slotSizeSectors));
     }
-    if (!m_directory->isTableAllocated(grainIndex))
-        m_directory->getGrainTable(grainIndex / m_directory->getEntriesPerTable()); // throws the reason
+    // A table that cannot be had is met before the slot is written, not behind it.
+    int64 oldPosSectors = 0;
+    int64 oldSlotSizeSectors = 0;
+    const int entriesPerTable = m_directory->getEntriesPerTable();
+    m_directory->getGrainTable(grainIndex / entriesPerTable)
+        ->getGrainInfo(grainIndex % entriesPerTable, oldPosSectors, oldSlotSizeSectors);
 }
 
 void CVMDKGrainAllocator::writeZeros(int64 count) {

@@ -241,11 +241,6 @@ P<CVMDKGrainTable> CVMDKGrainDirectory::getGrainTable(int64 tableIndex) {
     return wanted;
 }
 
-bool CVMDKGrainDirectory::isTableAllocated(int64 grainIndex) const noexcept {
-    const int64 tableIndex = grainIndex / m_entriesPerTable;
-    return grainIndex >= 0 && tableIndex < m_tableCount && m_directory[tableIndex] != 0;
-}
-
 void CVMDKGrainDirectory::getGrainInfo(int64 grainIndex, int64& grainPosSectors, int64& slotSizeSectors) {
     const int64 tableIndex = grainIndex / m_entriesPerTable;
     verifyTableIndex(tableIndex);
@@ -258,8 +253,13 @@ void CVMDKGrainDirectory::getGrainInfo(int64 grainIndex, int64& grainPosSectors,
 }
 
 void CVMDKGrainDirectory::setGrainInfo(int64 grainIndex, int64 grainPosSectors, int64 slotSizeSectors) {
-    getGrainTable(grainIndex / m_entriesPerTable)
-        ->setGrainInfo(grainIndex % m_entriesPerTable, grainPosSectors, slotSizeSectors);
+    const int64 tableIndex = grainIndex / m_entriesPerTable;
+    const P<CVMDKGrainTable> table = getGrainTable(tableIndex);
+    table->setGrainInfo(grainIndex % m_entriesPerTable, grainPosSectors, slotSizeSectors);
+    // A small cache may have let go of the table in the very batch that read it. It would be written by
+    // its destructor then, which can tell nobody of a failure.
+    if (table->hasUnflushedChanges() && m_cache->getCachedTable(this, tableIndex) != table)
+        m_cache->setCachedTable(this, tableIndex, table.get());
 }
 
 void CVMDKGrainDirectory::flushChangesToStream() {
