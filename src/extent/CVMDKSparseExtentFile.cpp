@@ -213,6 +213,10 @@ void CVMDKSparseExtentFile::seek(int64 position) {
         int64 grainPosSectors = 0;
         int64 slotSizeSectors = 0;
         m_grainDirectory->getGrainInfo(grainIndex, grainPosSectors, slotSizeSectors);
+        // Power that went between the writing of a table and of its slot sizes leaves an entry without a
+        // size. The record tells its own length; when it is rewritten, it moves unless it fits a sector.
+        if (m_compressed && grainPosSectors > 0)
+            slotSizeSectors = std::max<int64>(slotSizeSectors, 1);
         m_currentGrainIndex = -1;
         m_grain->open(grainIndex, m_startGrainIndex + grainIndex, grainPosSectors, slotSizeSectors);
         m_currentGrainIndex = grainIndex;
@@ -269,8 +273,9 @@ void CVMDKSparseExtentFile::write(const void* buffer, int size) {
     const auto* source = static_cast<const unsigned char*>(buffer);
     while (size > 0) {
         const auto piece = static_cast<int>(beginIOOp(size));
-        // Told here: a change that can never be stored would keep the grain from being left.
-        if (!m_grainDirectory->isTableAllocated(m_currentGrainIndex))
+        // A missing table is told here: a change that can never be stored would keep the grain from being
+        // left.
+        if (m_grain->getGrainStartPositionSectors() == 0)
             m_grainDirectory->getGrainTable(m_currentGrainIndex / m_grainDirectory->getEntriesPerTable());
         m_grain->write(source, piece);
         source += piece;
