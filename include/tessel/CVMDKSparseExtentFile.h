@@ -39,6 +39,10 @@ public:
     /// `sizeSectors`: it is no extent of the disk that asks.
     void verifyFitsDisk(int64 grainSizeSectors, bool compressed, int64 sizeSectors) const;
 
+    /// As seek(), for an extent that takes another's place: the extent's end needs no grain there.
+    /// Requires: no grain was used yet.
+    void startAt(int64 position);
+
     /// How many grains from `grainIndex` on, up to the end of its grain table, agree in having a slot or
     /// not; `hasSlot` says which. The open grain is flushed before.
     int64 findSlotRun(int64 grainIndex, bool& hasSlot);

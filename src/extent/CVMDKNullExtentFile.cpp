@@ -35,6 +35,9 @@ void CVMDKNullExtentFile::seek(int64 position) {
 }
 
 void CVMDKNullExtentFile::read(void* buffer, int size) {
+    if (size < 0)
+        throw CInvalidArgError("CVMDKNullExtentFile::read",
+                               "Invalid number of bytes to read: " + toDecimal(size), uriProps());
     if (size > m_capacityBytes - m_position)
         throw CIOError(CIOError::Code_UnexpectedEnd,
                        "Unexpected end of data reading from VMDK null extent file.",

@@ -46,6 +46,8 @@ void CVMDKOnDemandExtentFile::updateInnerFileObject(bool useNull) {
         inner = new CVMDKNullExtentFile(m_uri, m_startGrainIndex, m_grainSizeSectors, m_capacitySectors,
                                         m_sectorSize, m_compressed, m_compressionSetting,
                                         m_fallbackDataProvider.get());
+        if (m_inner)
+            inner->seek(m_inner->getPosition());
     } else {
         const P<IIOStream> stream = openExistingVMDKFileStream(m_fileSystem.get(), m_uri, m_access);
         const P<CVMDKSparseExtentFile> sparse(new CVMDKSparseExtentFile(
@@ -54,10 +56,10 @@ void CVMDKOnDemandExtentFile::updateInnerFileObject(bool useNull) {
             m_encryptionIV));
         // Somebody else may have made the file meanwhile.
         sparse->verifyFitsDisk(m_grainSizeSectors, m_compressed, m_capacitySectors);
+        if (m_inner)
+            sparse->startAt(m_inner->getPosition());
         inner = sparse;
     }
-    if (m_inner)
-        inner->seek(m_inner->getPosition());
     m_inner.swap(inner);
     m_isNull = useNull;
 }

@@ -221,6 +221,13 @@ void CVMDKSparseExtentFile::seek(int64 position) {
     m_position = position;
 }
 
+void CVMDKSparseExtentFile::startAt(int64 position) {
+    if (position == m_capacityBytes)
+        m_position = position;
+    else
+        seek(position);
+}
+
 int64 CVMDKSparseExtentFile::beginIOOp(int64 size) {
     // The grain may be open on another than the position's: a whole-grain transfer leaves it at its end.
     const auto bytesLeft = [this]() -> int64 {
@@ -267,6 +274,10 @@ void CVMDKSparseExtentFile::write(const void* buffer, int size) {
         int piece = isAtWholePlainGrains(size) ? writeWholeGrains(source, size) : 0;
         if (piece == 0) {
             piece = static_cast<int>(beginIOOp(size));
+            // A missing table is told here: a change that can never be stored would keep the grain from
+            // being left.
+            if (m_grain->getGrainStartPositionSectors() == 0)
+                m_grainDirectory->getGrainTable(m_currentGrainIndex / m_grainDirectory->getEntriesPerTable());
             m_grain->write(source, piece);
         }
         source += piece;
@@ -423,10 +434,10 @@ void CVMDKSparseExtentFile::writePreparedGrainData(const TBuffer<unsigned char>&
 
 int64 CVMDKSparseExtentFile::makeGrainIndependentOfParent(int64 grainIndex) {
     verifyHaveWriteAccess();
-    int64 position = 0;
-    if (grainIndex < 0 || !tryMultiply(grainIndex, m_grainSizeBytes, position))
-        position = -1; // seek refuses it
-    seek(position);
+    // What no position can name is refused by seek as the position furthest away on its side.
+    const bool fits =
+        grainIndex >= INT64_MIN / m_grainSizeBytes && grainIndex <= INT64_MAX / m_grainSizeBytes;
+    seek(fits ? grainIndex * m_grainSizeBytes : grainIndex < 0 ? INT64_MIN : INT64_MAX);
     const int64 result = m_grain->makeIndependentOfParent();
     m_position += m_grainSizeBytes;
     return result;

@@ -124,7 +124,7 @@ void createEmptyVMDKSparseExtentFile(IFileSystem* fileSystem, const CURI& uri, b
     try {
         CDataOutStream out(stream.get());
         writeExtent(out, plan);
-    } catch (const CError& error) {
+    } catch (const std::exception& error) {
         logError(error,
                  "Error in CVMDKDisk::createEmptySparseExtentFile ('" + uri.toString(true) +
                      "'). Deleting file and letting error through.",
@@ -132,10 +132,10 @@ void createEmptyVMDKSparseExtentFile(IFileSystem* fileSystem, const CURI& uri, b
         try {
             try {
                 stream->close(); // before the file goes; what is still to be written does not matter
-            } catch (const CError&) {
+            } catch (const std::exception&) { // NOLINT(bugprone-empty-catch): see above
             }
             fileSystem->deleteFile(uri, true);
-        } catch (const CError& deleteError) {
+        } catch (const std::exception& deleteError) {
             logError(deleteError, "Error deleting half-finished extent file. Ignoring.", "");
         }
         throw;
