@@ -160,6 +160,11 @@ void CVMDKDisk::buildExtentMap(const CProps& uriProps) {
             throw CIOError(CIOError::Code_BadFormat,
                            "VMDK disk has an unsupported extent type: '" + extent->getType() + "'.",
                            uriProps);
+        if (!extent->isSizeKnown())
+            throw CIOError(CIOError::Code_BadFormat,
+                           "VMDK disk has an extent whose size is no number (file: '" +
+                               extent->getFilename() + "').",
+                           uriProps);
         const int64 size = extent->getSizeSectors();
         if (size < 0 || size > maxSizeSectors - m_sizeSectors)
             throw CIOError(CIOError::Code_BadFormat,
