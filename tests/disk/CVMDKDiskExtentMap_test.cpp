@@ -232,6 +232,10 @@ struct OddExtent {
     const char* capacity;
 };
 
+void PrintTo(const OddExtent& odd, std::ostream* out) {
+    *out << odd.name;
+}
+
 /// Beside a plain extent of grains of 128 sectors; the line says 512 sectors.
 const OddExtent oddExtents[] = {
     {"OfSmallerGrains", 8, 64, false,

@@ -2,13 +2,17 @@
 
 #include "tessel/VMDKEmptyExtentFile.h"
 
+#include <cstring>
+
 namespace tessel::test {
 
 Bytes randomBytes(unsigned seed, int64 size) {
     std::mt19937 random(seed);
     Bytes bytes(static_cast<std::size_t>(size));
-    for (unsigned char& byte : bytes)
-        byte = static_cast<unsigned char>(random());
+    for (std::size_t i = 0; i < bytes.size(); i += sizeof(uint32)) {
+        const auto word = static_cast<uint32>(random());
+        std::memcpy(bytes.data() + i, &word, std::min(sizeof(word), bytes.size() - i));
+    }
     return bytes;
 }
 
