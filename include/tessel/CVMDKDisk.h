@@ -16,10 +16,13 @@ namespace tessel {
 /// A virtual disk: a main file, which holds the descriptor, and the extent files that it names, as one
 /// row of bytes.
 ///
-///   CNativeFileSystem files…                         // held by a P<>
-///   P<CVMDKDisk> disk(new CVMDKDisk(files, uri, IIOStream::Access_ReadWrite, password, -1, nullptr,
-///   nullptr)); disk->seek(position); disk->write(buffer, size); disk->flushChanges(); // durable now, or an
-///   error disk = nullptr;                                  // flushes what is left and releases the lock
+///   P<IFileSystem> files(new CNativeFileSystem);
+///   P<CVMDKDisk> disk(
+///       new CVMDKDisk(files.get(), uri, IIOStream::Access_ReadWrite, password, -1, nullptr, nullptr));
+///   disk->seek(position);
+///   disk->write(buffer, size);
+///   disk->flushChanges(); // durable now, or an error
+///   disk = nullptr;       // flushes what is left and releases the lock
 ///
 /// One extent file is open at a time. A lock file beside the main file keeps writers apart from all
 /// others. The disk is used by one thread at a time, together with the disks that share its grain table
@@ -175,13 +178,16 @@ private:
               const String& password, int compressionLevel, CVMDKGrainTableCache* grainTableCache,
               CVMDKDisk* parentDisk, const TArray<CURI>& children);
 
-    CProps uriProps() const;
-    void verifyCreateType() const;
-    void unlock(const String& password);
-    void verifyNoUnknownExtentLines() const;
-    void buildExtentMap();
+    // Steps of opening. `uriProps`: the main file's URI as it was given, for every error.
+    void verifyCreateType(const CProps& uriProps) const;
+    void unlock(const String& password, const CProps& uriProps);
+    void verifyNoUnknownExtentLines(const CProps& uriProps) const;
+    void buildExtentMap(const CProps& uriProps);
     void probeFirstExtent();
-    void openParent(const String& password, CVMDKDisk* parentDisk, const TArray<CURI>& children);
+    void openParent(const String& password, CVMDKDisk* parentDisk, const TArray<CURI>& children,
+                    const CProps& uriProps);
+
+    [[noreturn]] void throwBadPosition(int64 position) const;
     void verifyHaveWriteAccess(const char* method) const;
     P<IVMDKExtentFile> openExtentFile(const CExtentKey& key, const CExtentValue& value);
     void closeExtentFile();

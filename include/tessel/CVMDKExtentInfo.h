@@ -21,6 +21,8 @@ public:
 
     const String& getAccess() const noexcept { return m_access; }
     int64 getSizeSectors() const noexcept { return m_sizeSectors; }
+    /// False for a parsed line whose size was no number: what lies behind it has no known place.
+    bool isSizeKnown() const noexcept { return m_sizeKnown; }
     const String& getType() const noexcept { return m_type; }
     /// The file reference between the quotes, as written.
     const String& getFilename() const noexcept { return m_filename; }
@@ -33,6 +35,7 @@ public:
 private:
     String m_access;
     int64 m_sizeSectors;
+    bool m_sizeKnown = true;
     String m_type;
     String m_filename;
     int64 m_offset;

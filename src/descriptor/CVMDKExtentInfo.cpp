@@ -1,5 +1,6 @@
 #include "tessel/CVMDKExtentInfo.h"
 
+#include "lum/CError.h"
 #include "lum/TextFunctions.h"
 
 namespace tessel {
@@ -16,6 +17,15 @@ bool takeWord(String& rest, String& word) {
     rest = rest.Mid(blank + 1);
     rest.trimLeft();
     return true;
+}
+
+bool isNumber(const String& text) {
+    try {
+        parseInt64(text, true);
+        return true;
+    } catch (const CError&) {
+        return false;
+    }
 }
 
 } // namespace
@@ -37,8 +47,11 @@ P<CVMDKExtentInfo> CVMDKExtentInfo::tryParseDescriptorLine(const String& line) {
     if (closingQuote < 0)
         return nullptr;
     const String offset = rest.Mid(closingQuote + 1).trimmed();
-    return new CVMDKExtentInfo(access, parseInt64(size, false), type, rest.Mid(1, closingQuote - 1),
-                               offset.isEmpty() ? -1 : parseInt64(offset, false));
+    P<CVMDKExtentInfo> info(new CVMDKExtentInfo(access, parseInt64(size, false), type,
+                                                rest.Mid(1, closingQuote - 1),
+                                                offset.isEmpty() ? -1 : parseInt64(offset, false)));
+    info->m_sizeKnown = isNumber(size);
+    return info;
 }
 
 String CVMDKExtentInfo::toString() const {
@@ -49,7 +62,9 @@ String CVMDKExtentInfo::toString() const {
 }
 
 P<CVMDKDescriptorEntry> CVMDKExtentInfo::cloneDescriptorEntry() const {
-    return new CVMDKExtentInfo(m_access, m_sizeSectors, m_type, m_filename, m_offset);
+    P<CVMDKExtentInfo> info(new CVMDKExtentInfo(m_access, m_sizeSectors, m_type, m_filename, m_offset));
+    info->m_sizeKnown = m_sizeKnown;
+    return info;
 }
 
 } // namespace tessel

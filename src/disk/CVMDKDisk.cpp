@@ -36,11 +36,13 @@ TArray<String> splitWords(const String& line, std::size_t most) {
     return words;
 }
 
+/// With or without a sign, of any size.
 bool isNumber(const String& text) {
-    for (int i = 0; i < text.getLength(); ++i)
-        if (text[i] < L'0' || text[i] > L'9')
+    const String digits = text.StartsWith("-") || text.StartsWith("+") ? text.Mid(1) : text;
+    for (int i = 0; i < digits.getLength(); ++i)
+        if (digits[i] < L'0' || digits[i] > L'9')
             return false;
-    return !text.isEmpty();
+    return !digits.isEmpty();
 }
 
 } // namespace
@@ -75,19 +77,20 @@ CVMDKDisk::CVMDKDisk(IFileSystem* fileSystem, const CURI& mainFileURI, IIOStream
         m_descriptor = accessor->getDescriptor();
         embedded = accessor->getEmbeddedInSparseExtentFile();
     }
+    const CProps uriProps = CProps().add("uri", mainFileURI.toString(true));
     if (!m_descriptor)
-        throw CIOError(CIOError::Code_BadFormat, "No descriptor found in main VMDK file.", uriProps());
-    verifyCreateType();
-    unlock(password);
+        throw CIOError(CIOError::Code_BadFormat, "No descriptor found in main VMDK file.", uriProps);
+    verifyCreateType(uriProps);
+    unlock(password, uriProps);
     m_createExtentFilesOnDemand = m_descriptor->getLumCreateExtentFilesOnDemand();
-    verifyNoUnknownExtentLines();
-    buildExtentMap();
+    verifyNoUnknownExtentLines(uriProps);
+    buildExtentMap(uriProps);
     if (embedded && m_firstExtentFileURI != m_mainFileURI)
         logWarning("The descriptor in VMDK file '" + m_mainFileURI.toString(true) +
                    "' names another file as its first extent: '" + m_firstExtentFileURI.toString(true) +
                    "'. The disk may have been renamed or copied by hand.");
     probeFirstExtent();
-    openParent(password, parentDisk, children);
+    openParent(password, parentDisk, children, uriProps);
     m_contentIDUpdater = new CVMDKContentIDUpdater(fileSystem, m_mainFileURI, m_descriptor.get());
 }
 
@@ -102,10 +105,6 @@ CVMDKDisk::~CVMDKDisk() {
     m_parentDataProvider = nullptr;
 }
 
-CProps CVMDKDisk::uriProps() const {
-    return CProps().add("uri", m_mainFileURI.toString(true));
-}
-
 P<CVMDKDescriptorAccessor> CVMDKDisk::openDescriptorAccessor() {
     P<IIOStream> stream;
     if (m_currentExtentFile && m_currentExtentURI == m_mainFileURI)
@@ -116,18 +115,18 @@ P<CVMDKDescriptorAccessor> CVMDKDisk::openDescriptorAccessor() {
     return new CVMDKDescriptorAccessor(stream.get(), m_access);
 }
 
-void CVMDKDisk::verifyCreateType() const {
+void CVMDKDisk::verifyCreateType(const CProps& uriProps) const {
     const String type = m_descriptor->getCreateType();
     if (type != "twoGbMaxExtentSparse" && type != "streamOptimized" && type != "monolithicSparse")
         throw CIOError(CIOError::Code_BadFormat, "VMDK disk has an unsupported create type: '" + type + "'.",
-                       uriProps());
+                       uriProps);
 }
 
-void CVMDKDisk::unlock(const String& password) {
+void CVMDKDisk::unlock(const String& password, const CProps& uriProps) {
     const String algorithm = m_descriptor->getLumEncryptionAlgorithm();
     if (algorithm.isEmpty())
         return;
-    UDiskKeys keys = unlockDiskKeys(*m_descriptor, password, uriProps());
+    UDiskKeys keys = unlockDiskKeys(*m_descriptor, password, uriProps);
     m_cipher = keys.cipher;
     m_dataKey = std::move(keys.dataKey);
     m_encryptionIV = std::move(keys.iv);
@@ -136,7 +135,7 @@ void CVMDKDisk::unlock(const String& password) {
 
 // An extent line of a kind that is not understood stays in the descriptor as text. To pass over it would
 // shift everything behind it.
-void CVMDKDisk::verifyNoUnknownExtentLines() const {
+void CVMDKDisk::verifyNoUnknownExtentLines(const CProps& uriProps) const {
     TArray<String> lines;
     m_descriptor->getGenericLines(lines);
     for (const String& line : lines) {
@@ -148,11 +147,11 @@ void CVMDKDisk::verifyNoUnknownExtentLines() const {
             throw CIOError(CIOError::Code_BadFormat,
                            "VMDK disk has an unsupported extent type: '" +
                                (words.size() > 2 ? words[2] : String()) + "'.",
-                           uriProps());
+                           uriProps);
     }
 }
 
-void CVMDKDisk::buildExtentMap() {
+void CVMDKDisk::buildExtentMap(const CProps& uriProps) {
     const CURI folder = m_mainFileURI.getParent();
     m_descriptor->getExtentEntries(m_extents);
     constexpr int64 maxSizeSectors = INT64_MAX / vmdkSectorSize;
@@ -160,13 +159,18 @@ void CVMDKDisk::buildExtentMap() {
         if (extent->getType() != "SPARSE")
             throw CIOError(CIOError::Code_BadFormat,
                            "VMDK disk has an unsupported extent type: '" + extent->getType() + "'.",
-                           uriProps());
+                           uriProps);
+        if (!extent->isSizeKnown())
+            throw CIOError(CIOError::Code_BadFormat,
+                           "VMDK disk has an extent whose size is no number (file: '" +
+                               extent->getFilename() + "').",
+                           uriProps);
         const int64 size = extent->getSizeSectors();
         if (size < 0 || size > maxSizeSectors - m_sizeSectors)
             throw CIOError(CIOError::Code_BadFormat,
                            "VMDK disk has an extent of an invalid size: " + toDecimal(size) +
                                " sectors (allowed: 0 to " + toDecimal(maxSizeSectors - m_sizeSectors) + ").",
-                           uriProps().add("sizeSectors", size));
+                           CProps(uriProps).add("sizeSectors", size));
         if (size == 0)
             continue;
         const CURI uri = vmdkFileReferenceToURI(folder, extent->getFilename());
@@ -176,7 +180,7 @@ void CVMDKDisk::buildExtentMap() {
         m_sizeSectors += size;
     }
     if (m_extentMap.empty())
-        throw CIOError(CIOError::Code_BadFormat, "VMDK disk has no extents.", uriProps());
+        throw CIOError(CIOError::Code_BadFormat, "VMDK disk has no extents.", uriProps);
     m_sizeBytes = m_sizeSectors * vmdkSectorSize;
 }
 
@@ -195,7 +199,8 @@ void CVMDKDisk::probeFirstExtent() {
         value.startGrainIndex = divideRoundingUp(key.startSector, m_grainSizeSectors);
 }
 
-void CVMDKDisk::openParent(const String& password, CVMDKDisk* parentDisk, const TArray<CURI>& children) {
+void CVMDKDisk::openParent(const String& password, CVMDKDisk* parentDisk, const TArray<CURI>& children,
+                           const CProps& uriProps) {
     const unsigned int parentContentID = m_descriptor->getParentContentID();
     if (parentContentID == noContentID)
         return;
@@ -207,7 +212,7 @@ void CVMDKDisk::openParent(const String& password, CVMDKDisk* parentDisk, const 
                            "(sector: " +
                                toDecimal(key.startSector) + ", grain size: " + toDecimal(m_grainSizeSectors) +
                                ").",
-                           uriProps().add("startSector", key.startSector));
+                           CProps(uriProps).add("startSector", key.startSector));
     const P<CVMDKParentDiskDataProvider> provider(new CVMDKParentDiskDataProvider(
         m_fileSystem.get(), m_mainFileURI, parentContentID, m_descriptor->getParentFileNameHint(),
         m_grainSizeSectors, password, m_compressionLevel, m_grainTableCache.get(), parentDisk, children));

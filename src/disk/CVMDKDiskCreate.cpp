@@ -143,18 +143,23 @@ TArray<P<CVMDKExtentInfo>> planExtents(const UDiskPlan& plan, const CURI& mainFi
 }
 
 /// A name that a reader of the descriptor would take for another file must not be used.
-void verifyNamesReadBack(const TArray<P<CVMDKExtentInfo>>& extents, const CURI& folder) {
+void verifyNamesReadBack(const CURI& mainFileURI, const TArray<P<CVMDKExtentInfo>>& extents) {
+    if (mainFileURI.getName().isEmpty())
+        throw CInvalidArgError(method, "The URI of the VMDK disk names no file.",
+                               CProps().add("uri", mainFileURI.toString(true)));
+    const CURI folder = mainFileURI.getParent();
+    const String zero(std::wstring(1, L'\0'));
     for (const auto& extent : extents) {
         const String name = extent->getFilename();
         const P<CVMDKExtentInfo> readBack = CVMDKExtentInfo::tryParseDescriptorLine(extent->toString());
-        const bool staysOneLine = !name.Contains("\n") && !name.Contains("\r");
-        if (name.isEmpty() || name.Contains(":") || name.Contains("\\") || !staysOneLine || !readBack ||
+        const bool staysOneLine = !name.Contains("\n") && !name.Contains("\r") && !name.Contains(zero);
+        if (name.Contains(":") || name.Contains("\\") || !staysOneLine || !readBack ||
             readBack->getFilename() != name ||
             vmdkFileReferenceToURI(folder, name) != (folder << name).toNormalized())
             throw CInvalidArgError(method,
                                    "The name '" + name +
                                        "' cannot be used for a VMDK file: it may not hold quotes, colons, "
-                                       "backslashes or line breaks.",
+                                       "slashes, backslashes or line breaks.",
                                    CProps().add("name", name));
     }
 }
@@ -203,6 +208,16 @@ P<CVMDKDescriptor> makeDescriptor(const UDiskPlan& plan, const TArray<P<CVMDKExt
     return descriptor;
 }
 
+/// Known before the old disk is touched. Names have their room; a long path of the parent may not.
+void verifyDescriptorFits(const CVMDKDescriptor& descriptor, int64 sizeBytes) {
+    const auto needed = static_cast<int64>(descriptor.toString().toUTF8().size());
+    if (needed > sizeBytes)
+        throw CInvalidArgError(method,
+                               "The VMDK descriptor has no room for its settings: " + toDecimal(needed) +
+                                   " bytes (at most " + toDecimal(sizeBytes) + ").",
+                               CProps().add("descriptorSize", needed));
+}
+
 void writeDescriptorFile(IFileSystem* fileSystem, const CURI& uri, CVMDKDescriptor& descriptor,
                          int64 sizeBytes, const TBuffer<unsigned char>& zeros) {
     const P<IIOStream> stream = openVMDKFileStream(fileSystem, uri, IIOStream::Access_ReadWrite);
@@ -229,30 +244,31 @@ P<CVMDKDisk> CVMDKDisk::create(IFileSystem* fileSystem, const CURI& mainFileURI,
     const CURI folder = mainFileURI.getParent();
     const UDiskPlan plan = planDisk(sizeBytes, compressed, maxFileSizeBytes, mainFileURI.getName());
     const TArray<P<CVMDKExtentInfo>> extents = planExtents(plan, mainFileURI);
-    verifyNamesReadBack(extents, folder);
+    verifyNamesReadBack(mainFileURI, extents);
     verifyParent(mainFileURI, folder, parentRelPath, extents);
     TBuffer<unsigned char> keyHash;
     const P<CVMDKDescriptor> descriptor = makeDescriptor(plan, extents, password, parentRelPath,
                                                          parentContentID, createExtentFilesOnDemand, keyHash);
     const int64 descriptorBytes = plan.descriptorSectors * vmdkSectorSize;
+    verifyDescriptorFits(*descriptor, descriptorBytes);
     const TBuffer<unsigned char> zeros(std::max(descriptorBytes, grainBytes));
     {
         // Nobody may have the old disk open while its files go.
         const CURI lockURI = folder << (mainFileURI.getName() + ".lock");
         const P<CLockFile> lock(
             new CLockFile(fileSystem, lockURI, CLockFile::LockType_Exclusive, false, true));
+        // All of the old extents, those that are made later included, go before the new descriptor is
+        // there: it must never name what it was not made for.
+        for (const auto& extent : extents)
+            fileSystem->deleteFile(folder << extent->getFilename(), true);
         if (!plan.descriptorEmbedded)
             writeDescriptorFile(fileSystem, mainFileURI, *descriptor, descriptorBytes, zeros);
-        for (std::size_t i = 0; i < extents.size(); ++i) {
-            const CURI uri = folder << extents[i]->getFilename();
-            fileSystem->deleteFile(uri, true);
-            if (i > 0 && createExtentFilesOnDemand)
-                continue;
-            const bool holdsDescriptor = i == 0 && plan.descriptorEmbedded;
-            createEmptyVMDKSparseExtentFile(
-                fileSystem, uri, compressed, extents[i]->getSizeSectors() / grainSectors, grainSectors, zeros,
-                holdsDescriptor ? descriptor.get() : nullptr, plan.descriptorSectors, keyHash);
-        }
+        const std::size_t madeNow = createExtentFilesOnDemand ? 1 : extents.size();
+        for (std::size_t i = 0; i < madeNow; ++i)
+            createEmptyVMDKSparseExtentFile(fileSystem, folder << extents[i]->getFilename(), compressed,
+                                            extents[i]->getSizeSectors() / grainSectors, grainSectors, zeros,
+                                            i == 0 && plan.descriptorEmbedded ? descriptor.get() : nullptr,
+                                            plan.descriptorSectors, keyHash);
     }
     return new CVMDKDisk(fileSystem, mainFileURI, IIOStream::Access_ReadWrite, password, compressionLevel,
                          nullptr, nullptr);

@@ -2,7 +2,6 @@
 
 #include "lum/CIOError.h"
 #include "lum/Logging.h"
-#include "lum/Numbers.h"
 #include "tessel/CVMDKDisk.h"
 #include "tessel/CVMDKOnDemandExtentFile.h"
 #include "tessel/CVMDKParentDiskDataProvider.h"
@@ -93,10 +92,14 @@ void CVMDKDisk::flushChanges() {
 
 // --- Bytes ---
 
+void CVMDKDisk::throwBadPosition(int64 position) const {
+    throw CIOError(CIOError::Code_BadSeek, "Bad seek position in VMDK disk: " + toDecimal(position),
+                   mainFileProps(m_mainFileURI).add("diskSize", m_sizeBytes));
+}
+
 void CVMDKDisk::seek(int64 position) {
     if (position < 0 || position > m_sizeBytes)
-        throw CIOError(CIOError::Code_BadSeek, "Bad seek position in VMDK disk: " + toDecimal(position),
-                       mainFileProps(m_mainFileURI).add("diskSize", m_sizeBytes));
+        throwBadPosition(position);
     m_position = position;
 }
 
@@ -208,10 +211,9 @@ bool CVMDKDisk::isGrainWrittenAndIndependentOfParent() {
 
 int64 CVMDKDisk::makeGrainIndependentOfParent(int64 grainIndex) {
     verifyHaveWriteAccess("makeGrainIndependentOfParent");
-    int64 position = 0;
-    if (grainIndex < 0 || !tryMultiply(grainIndex, m_grainSizeBytes, position))
-        position = grainIndex < 0 ? -1 : INT64_MAX; // seek refuses both
-    seek(position);
+    // Kept within 64 bits: seek refuses whatever is outside the disk.
+    const int64 largestIndex = INT64_MAX / m_grainSizeBytes;
+    seek(std::clamp(grainIndex, -largestIndex, largestIndex) * m_grainSizeBytes);
     const P<IVMDKExtentFile> extent = beginPreparedTransfer("writePreparedGrainData");
     const int64 result = extent->makeGrainIndependentOfParent(grainIndex - extent->getStartGrainIndex());
     m_position += m_grainSizeBytes;
@@ -219,8 +221,10 @@ int64 CVMDKDisk::makeGrainIndependentOfParent(int64 grainIndex) {
 }
 
 UVMDKGrainRun CVMDKDisk::findGrainRun(int64 position) {
+    if (position == m_sizeBytes)
+        throwBadPosition(position);
     const int64 oldPosition = m_position;
-    seek(position == m_sizeBytes ? -1 : position);
+    seek(position);
     UVMDKGrainRun run{position, 0, UVMDKGrainRun::nowhere};
     bool isHere = false;
     try {

@@ -1,11 +1,13 @@
 #include "tessel/CVMDKDiskIOStream.h"
 
+#include "foundation/lum/StreamHelpers.h"
 #include "lum/CDummyWriteBarrier.h"
 #include "lum/CFileSystemError.h"
 #include "lum/CIOError.h"
 #include "lum/Logging.h"
 
 #include <algorithm>
+#include <climits>
 
 namespace tessel {
 
@@ -73,7 +75,9 @@ void CVMDKDiskIOStream::close() {
 }
 
 void CVMDKDiskIOStream::read(void* buffer, int count) {
-    disk().read(buffer, count);
+    CVMDKDisk& source = disk();
+    verifyCount("IInStream::read", m_uri, count);
+    source.read(buffer, count);
 }
 
 int CVMDKDiskIOStream::readLax(void* buffer, int count) {
@@ -100,12 +104,17 @@ int CVMDKDiskIOStream::isEndOfStream_NonBlocking() const {
 }
 
 void CVMDKDiskIOStream::write(const void* data, int size, IWriteBarrier*) {
-    disk().write(data, size);
+    CVMDKDisk& target = disk();
+    verifyCount("IOutStream::write", m_uri, size);
+    target.write(data, size);
 }
 
 void CVMDKDiskIOStream::writeKeepBuffer(const TConstBufferSlice<unsigned char>& data,
                                         IWriteBarrier* barrier) {
-    write(data.getData(), static_cast<int>(data.getLength()), barrier);
+    if (data.getLength() <= INT_MAX)
+        write(data.getData(), static_cast<int>(data.getLength()), barrier);
+    else
+        writeSlice(*this, data, barrier);
 }
 
 P<IWriteBarrier> CVMDKDiskIOStream::createWriteBarrier(IWriteBarrier*) {
