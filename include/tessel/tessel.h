@@ -7,6 +7,7 @@
 #include "lum/CBadPathError.h"
 #include "lum/CBase.h"
 #include "lum/CBufferStream.h"
+#include "lum/CConfinedFileSystem.h"
 #include "lum/CDataInStream.h"
 #include "lum/CDataOutStream.h"
 #include "lum/CDummyWriteBarrier.h"
