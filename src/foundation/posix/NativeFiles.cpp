@@ -68,7 +68,7 @@ String followNativeLinks(const String& path, const CURI& uri) {
     constexpr const char* tried = "Cannot follow links";
     constexpr int mostLinks = 40; // as the system itself
     std::error_code error;
-    fs::path file = fs::absolute(toSystemPath(path, tried, uri), error);
+    fs::path file = fs::absolute(path.toUTF8(), error);
     // A link that leads to nothing yet must be followed too: creating the file would create what it names.
     for (int links = 0; !error && fs::is_symlink(fs::symlink_status(file, error)); ++links) {
         if (links == mostLinks)

@@ -78,12 +78,10 @@ protected:
         makeFile(*m_native, uri("out/secret"));
         m_confined = new CConfinedFileSystem(m_native.get(), uri("in"));
     }
-    std::filesystem::path path(const char* name) const {
-        return std::filesystem::path(uriToNativePath(m_folder.getURI()).toUTF8()) / name;
-    }
-    CURI uri(const char* name) const { return nativePathToURI(String::fromUTF8(path(name).string())); }
+    std::filesystem::path path(const char* name) const { return m_folder.getPath(name); }
+    CURI uri(const char* name) const { return m_folder.getURI(name); }
 
-    CTemporaryFolder m_folder;
+    tessel::test::CTemporaryFolder m_folder;
     P<CNativeFileSystem> m_native{new CNativeFileSystem(false)};
     P<CConfinedFileSystem> m_confined;
 };
