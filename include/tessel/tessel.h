@@ -56,6 +56,7 @@
 #include "lum/types.h"
 #include "sigil/CCipher_AES256CBC.h"
 #include "sigil/CDigestType_SHA256.h"
+#include "sigil/ConstantTime.h"
 #include "sigil/ICipher.h"
 #include "sigil/IDigest.h"
 #include "sigil/KeyDerivation.h"
