@@ -23,6 +23,7 @@ public:
     bool fileExists(const CURI& uri) override;
     void deleteFile(const CURI& uri, bool ignoreMissing) override;
     bool isFileOfStream(const CURI& uri, IIOStream& stream) override;
+    CURI followLinks(const CURI& uri) override;
 
 private:
     bool m_waitForMedium;

@@ -26,6 +26,12 @@ public:
     /// True when `uri` names the very file that `stream`, opened by this file system, is on: not one
     /// that was since put in its place. A lock file is removed without a race by means of this.
     virtual bool isFileOfStream(const CURI& uri, IIOStream& stream) = 0;
+
+    /// Where `uri` leads to: the normal form of its name once every link on the way has been followed, also
+    /// where the file itself is missing. A file system without links has nothing to follow, which is what
+    /// this does unless it is overridden.
+    /// Throws: CFileSystemError with "uri" when that cannot be told.
+    virtual CURI followLinks(const CURI& uri);
 };
 
 } // namespace lum

@@ -5,6 +5,7 @@
 #include "lum/CMutexLock.h"
 #include "sigil/CCipher_AES256CBC.h"
 #include "sigil/CDigestType_SHA256.h"
+#include "sigil/ConstantTime.h"
 #include "sigil/KeyDerivation.h"
 #include "tessel/CVMDKDisk.h"
 
@@ -91,7 +92,10 @@ UDiskKeys unlockDiskKeys(const CVMDKDescriptor& descriptor, const String& passwo
     if (hashAlgorithm != keyHashName)
         throw CError("Unsupported key hash algorithm used in VMDK: " + hashAlgorithm, String(), -1, props);
     keys.keyHash = descriptor.getLumEncryptionKeyHash();
-    if (!(calcKeyHash(keys.dataKey) == keys.keyHash))
+    const TBuffer<unsigned char> actualHash = calcKeyHash(keys.dataKey);
+    if (actualHash.getUsed() != keys.keyHash.getUsed() ||
+        !sigil::isEqualInConstantTime(actualHash.getData(), keys.keyHash.getData(),
+                                      static_cast<std::size_t>(actualHash.getUsed())))
         throw CError("Specified VMDK encryption password is not correct.", String(), -1, props);
     return keys;
 }

@@ -6,10 +6,10 @@
 #include "lum/Logging.h"
 #include "lum/Numbers.h"
 #include "sigil/CDigestType_SHA256.h"
+#include "sigil/ConstantTime.h"
 #include "tessel/VMDKMarker.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace tessel {
 
@@ -116,8 +116,8 @@ void CVMDKSparseExtentFile::verifyKey() const {
     digest->finish();
     const TBuffer<unsigned char>& expected = m_header->getEncryptionKeyHash();
     if (digest->getSizeBytes() != expected.getUsed() ||
-        std::memcmp(digest->getBytes(), expected.getData(), static_cast<std::size_t>(expected.getUsed())) !=
-            0)
+        !sigil::isEqualInConstantTime(digest->getBytes(), expected.getData(),
+                                      static_cast<std::size_t>(expected.getUsed())))
         throw CError("Specified VMDK extent file encryption key is not correct.", String(), -1, uriProps());
 }
 

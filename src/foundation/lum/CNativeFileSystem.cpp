@@ -28,4 +28,8 @@ bool CNativeFileSystem::isFileOfStream(const CURI& uri, IIOStream& stream) {
     return isNativeFileAt(uriToNativePath(uri), uri, fileStream->getFile());
 }
 
+CURI CNativeFileSystem::followLinks(const CURI& uri) {
+    return nativePathToURI(followNativeLinks(uriToNativePath(uri), uri)).toNormalized();
+}
+
 } // namespace lum

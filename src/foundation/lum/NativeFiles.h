@@ -23,4 +23,7 @@ void deleteNativeFile(const String& path, const CURI& uri, bool ignoreMissing);
 /// openNativeFile gave.
 bool isNativeFileAt(const String& path, const CURI& uri, const COpenFile& file);
 
+/// The path from the root that `path` leads to, with every link followed; see IFileSystem::followLinks.
+String followNativeLinks(const String& path, const CURI& uri);
+
 } // namespace lum

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 
 namespace lum {
 
@@ -60,6 +61,27 @@ bool isNativeFileAt(const String& path, const CURI& uri, const COpenFile& file) 
     if (leadsNowhere(error))
         return false;
     throw makeFileSystemError(tried, error, makeStreamProps(uri));
+}
+
+String followNativeLinks(const String& path, const CURI& uri) {
+    namespace fs = std::filesystem;
+    constexpr const char* tried = "Cannot follow links";
+    constexpr int mostLinks = 40; // as the system itself
+    std::error_code error;
+    fs::path file = fs::absolute(path.toUTF8(), error);
+    // A link that leads to nothing yet must be followed too: creating the file would create what it names.
+    for (int links = 0; !error && fs::is_symlink(fs::symlink_status(file, error)); ++links) {
+        if (links == mostLinks)
+            throw makeFileSystemError(tried, ELOOP, makeStreamProps(uri));
+        file = file.parent_path() / fs::read_symlink(file, error);
+    }
+    if (error == std::errc::no_such_file_or_directory || error == std::errc::not_a_directory)
+        error.clear(); // what is missing holds no links
+    if (!error)
+        file = fs::weakly_canonical(file, error);
+    if (error)
+        throw makeFileSystemError(tried, error.value(), makeStreamProps(uri));
+    return String::fromUTF8(file.string());
 }
 
 } // namespace lum

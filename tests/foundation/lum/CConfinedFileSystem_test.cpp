@@ -1,0 +1,124 @@
+#include "lum/CConfinedFileSystem.h"
+
+#include "CTemporaryFolder.h"
+#include "ErrorMatchers.h"
+#include "lum/CFileSystemError.h"
+#include "lum/CMemoryFileSystem.h"
+#include "lum/CNativeFileSystem.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+namespace lum {
+namespace {
+
+void makeFile(IFileSystem& files, const CURI& uri) {
+    files.openFile(uri, IIOStream::Access_ReadWrite)->write("x", 1);
+}
+
+class CConfinedFileSystemTest : public testing::Test {
+protected:
+    CURI uriOf(const char* text) const { return CURI(String(text)); }
+
+    P<CMemoryFileSystem> m_all{new CMemoryFileSystem};
+    P<CConfinedFileSystem> m_confined{new CConfinedFileSystem(m_all.get(), CURI(String("file:///vm/disk")))};
+};
+
+TEST_F(CConfinedFileSystemTest, ReachesFilesInItsFolderAndBelow) {
+    for (const char* uri :
+         {"file:///vm/disk/a.vmdk", "file:///vm/disk/sub/b.vmdk", "file:///vm/disk/x/../c.vmdk"}) {
+        makeFile(*m_confined, uriOf(uri));
+        EXPECT_TRUE(m_all->fileExists(uriOf(uri))) << uri;
+        EXPECT_TRUE(m_confined->fileExists(uriOf(uri))) << uri;
+        EXPECT_TRUE(m_confined->isFileOfStream(uriOf(uri),
+                                               *m_confined->openFile(uriOf(uri), IIOStream::Access_Read)));
+        m_confined->deleteFile(uriOf(uri), false);
+        EXPECT_FALSE(m_all->fileExists(uriOf(uri))) << uri;
+    }
+}
+
+TEST_F(CConfinedFileSystemTest, RefusesWhateverLiesElsewhere) {
+    for (const char* uri :
+         {"file:///etc/passwd", "file:///vm/disk", "file:///vm/disk2/a.vmdk", "file:///vm/a.vmdk",
+          "file:///vm/disk/../a.vmdk", "file:///vm/disk/%2e%2e/a.vmdk", "file://server/vm/disk/a.vmdk",
+          "mem:///vm/disk/a.vmdk", "file:///C:/vm/disk/a.vmdk", "a.vmdk"}) {
+        EXPECT_FALSE(m_confined->isAllowed(uriOf(uri))) << uri;
+        const auto refusal = [&](auto action) {
+            try {
+                action();
+                ADD_FAILURE() << uri;
+            } catch (const CFileSystemError& error) {
+                EXPECT_EQ(error.getProblem(), CFileSystemError::Problem_AccessDenied) << uri;
+                EXPECT_EQ(error.getMessage(), String("The file is outside the folders that may be used."));
+                EXPECT_EQ(error.getProps().getValue("uri"), uriOf(uri).toString(true));
+                EXPECT_EQ(error.getProps().getValue("allowed"), String("file:///vm/disk"));
+            }
+        };
+        refusal([&] { m_confined->openFile(uriOf(uri), IIOStream::Access_ReadWrite); });
+        refusal([&] { m_confined->fileExists(uriOf(uri)); });
+        refusal([&] { m_confined->deleteFile(uriOf(uri), true); });
+        refusal([&] { m_confined->followLinks(uriOf(uri)); });
+    }
+    EXPECT_TRUE(m_all->listFiles().empty());
+}
+
+TEST_F(CConfinedFileSystemTest, ReachesFoldersThatAreAllowedLater) {
+    m_confined->allow(uriOf("file:///parents"));
+    makeFile(*m_confined, uriOf("file:///parents/p.vmdk"));
+    EXPECT_TRUE(m_all->fileExists(uriOf("file:///parents/p.vmdk")));
+    EXPECT_FALSE(m_confined->isAllowed(uriOf("file:///other/p.vmdk")));
+}
+
+class CConfinedNativeFilesTest : public testing::Test {
+protected:
+    void SetUp() override {
+        std::filesystem::create_directory(path("in"));
+        std::filesystem::create_directory(path("out"));
+        makeFile(*m_native, uri("out/secret"));
+        m_confined = new CConfinedFileSystem(m_native.get(), uri("in"));
+    }
+    std::filesystem::path path(const char* name) const { return m_folder.getPath(name); }
+    CURI uri(const char* name) const { return m_folder.getURI(name); }
+
+    tessel::test::CTemporaryFolder m_folder;
+    P<CNativeFileSystem> m_native{new CNativeFileSystem(false)};
+    P<CConfinedFileSystem> m_confined;
+};
+
+TEST_F(CConfinedNativeFilesTest, FollowsLinksBeforeItAllowsAFile) {
+    makeFile(*m_confined, uri("in/real"));
+    std::filesystem::create_symlink("real", path("in/inside"));
+    std::filesystem::create_symlink("../out/secret", path("in/outside"));
+    std::filesystem::create_symlink(path("out"), path("in/folder"));
+    std::filesystem::create_symlink("../out/new", path("in/dangling"));
+    std::filesystem::create_symlink("loop", path("in/loop"));
+    EXPECT_TRUE(m_confined->isAllowed(uri("in/inside")));
+    EXPECT_FALSE(m_confined->isAllowed(uri("in/outside")));
+    EXPECT_FALSE(m_confined->isAllowed(uri("in/folder/secret")));
+    EXPECT_FALSE(m_confined->isAllowed(uri("in/folder/new")));
+    EXPECT_FALSE(m_confined->isAllowed(uri("in/dangling")));
+    EXPECT_THROW(m_confined->isAllowed(uri("in/loop")), CFileSystemError);
+    EXPECT_THROW(m_confined->openFile(uri("in/dangling"), IIOStream::Access_ReadWrite), CFileSystemError);
+    EXPECT_FALSE(std::filesystem::exists(path("out/new")));
+}
+
+TEST_F(CConfinedNativeFilesTest, TakesAFolderThatIsItselfReachedThroughALink) {
+    std::filesystem::create_symlink("in", path("alias"));
+    const P<CConfinedFileSystem> confined(new CConfinedFileSystem(m_native.get(), uri("alias")));
+    makeFile(*confined, uri("alias/a"));
+    EXPECT_TRUE(confined->fileExists(uri("alias/a")));
+    EXPECT_TRUE(confined->isAllowed(uri("in/a")));
+    EXPECT_FALSE(confined->isAllowed(uri("out/secret")));
+}
+
+TEST_F(CConfinedNativeFilesTest, FollowsLinksOfWhatDoesNotExistYet) {
+    EXPECT_EQ(m_native->followLinks(uri("in/missing/file")), m_native->followLinks(uri("in"))
+                                                                 << String("missing") << String("file"));
+    std::filesystem::create_symlink(path("out"), path("in/folder"));
+    EXPECT_EQ(m_native->followLinks(uri("in/folder/missing")), m_native->followLinks(uri("out"))
+                                                                   << String("missing"));
+}
+
+} // namespace
+} // namespace lum
