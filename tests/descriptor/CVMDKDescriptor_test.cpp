@@ -364,10 +364,11 @@ TEST(CVMDKDescriptor, CopyHoldsExtentsOfItsOwn) {
 }
 
 TEST(CVMDKDescriptor, AssignmentReplacesEverything) {
-    const P<CVMDKDescriptor> target = parseDescriptor("x=1\nRW 8 SPARSE \"x\"\n");
+    const P<CVMDKDescriptor> target(new CVMDKDescriptor);
+    target->addExtentEntry(makeExtent("x").get());
     *target = *parseDescriptor("# c\na=1\n# d\n");
-    target->setValue("new", "1", false, true);
     target->addExtentEntry(makeExtent("y").get());
+    target->setValue("new", "1", false, true);
     EXPECT_EQ(textOf(*target), "# c\na=1\nnew=1\n# d\nRW 8 SPARSE \"y\"\n");
 }
 
