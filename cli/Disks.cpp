@@ -7,7 +7,9 @@
 #include "tessel/VMDKFileReference.h"
 
 #include <algorithm>
+#include <array>
 #include <cstring>
+#include <fstream>
 
 namespace tessel::cli {
 
@@ -42,6 +44,19 @@ void walkChain(const std::string& name, Visit visit) {
     }
 }
 
+/// Whether a file begins with neither a sparse extent's header nor text, which a descriptor is.
+bool isSurelyNoDisk(const std::string& name) {
+    std::array<char, 512> bytes{};
+    std::ifstream file(pathFromName(name), std::ios::binary);
+    file.read(bytes.data(), bytes.size());
+    const auto count = file.gcount();
+    if (looksLikeVMDK(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(count)))
+        return false;
+    return std::any_of(bytes.begin(), bytes.begin() + count, [](char c) {
+        return static_cast<unsigned char>(c) < ' ' && c != '\t' && c != '\r' && c != '\n';
+    });
+}
+
 bool leadsTo(const CURI& folder, const String& reference, const CURI& parent) {
     if (reference.Contains("\"") || reference.Contains("\n") || reference.Contains("\r"))
         return false;
@@ -51,9 +66,15 @@ bool leadsTo(const CURI& folder, const String& reference, const CURI& parent) {
 
 } // namespace
 
+void verifyMayBeDisk(const std::string& name) {
+    verifyIsFile(name);
+    if (fs::is_regular_file(pathFromName(name)) && isSurelyNoDisk(name))
+        throw CFailure(name, "This is no VMDK disk: it begins with neither a sparse extent nor a descriptor");
+}
+
 P<CVMDKDisk> openDisk(const std::string& name, IIOStream::Access access, const String& password,
                       IFileSystem* files, int compressionLevel, CVMDKDisk* parent) {
-    verifyIsFile(name);
+    verifyMayBeDisk(name);
     return about(name, [&] {
         return P<CVMDKDisk>(
             new CVMDKDisk(files, uriFromName(name), access, password, compressionLevel, nullptr, parent));
@@ -61,7 +82,7 @@ P<CVMDKDisk> openDisk(const std::string& name, IIOStream::Access access, const S
 }
 
 P<CVMDKDescriptor> readDescriptor(const std::string& name) {
-    verifyIsFile(name);
+    verifyMayBeDisk(name);
     return about(name, [&] { return readDescriptorAt(uriFromName(name)); });
 }
 

@@ -9,6 +9,9 @@
 
 namespace tessel::cli {
 
+/// Throws: CFailure when there is no such file, or it is surely no disk: a raw image, say.
+void verifyMayBeDisk(const std::string& name);
+
 /// Opens a disk. Throws: CFailure, which names it.
 P<CVMDKDisk> openDisk(const std::string& name, IIOStream::Access access, const String& password,
                       IFileSystem* files, int compressionLevel = -1, CVMDKDisk* parent = nullptr);

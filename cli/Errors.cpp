@@ -10,16 +10,6 @@ namespace tessel::cli {
 
 namespace {
 
-const std::string fileScheme = "file://";
-
-/// A "file" URI in the form for people, as the path that it means.
-std::string toPathText(const String& value) {
-    std::string text = value.toUTF8Lossy();
-    if (text.compare(0, fileScheme.size(), fileScheme) == 0)
-        text.erase(0, fileScheme.size());
-    return text;
-}
-
 /// True when a parameter only repeats what the line says already.
 bool isRepetition(const String& name, const std::string& value, const std::string& ownPath) {
     if (name == "uri" || name == "mainFileURI" || name == "mainURI" || name == "childURI")
@@ -41,7 +31,7 @@ std::string nameOfParameter(const String& name) {
 
 std::string ownPathOf(const std::string& file) {
     try {
-        return toPathText(uriFromName(file).toNormalized().toString(true));
+        return showPaths(uriFromName(file).toNormalized().toString(true));
     } catch (const std::exception&) {
         return file; // a name that is none cannot be repeated by an error either
     }
@@ -72,9 +62,17 @@ std::string adviceFor(const String& message) {
 CFailure::CFailure(const std::string& file, const std::string& problem)
     : m_text(file.empty() ? problem : file + ": " + problem) {}
 
+std::string showPaths(const String& text) {
+    static const std::string scheme = "file:///";
+    std::string shown = text.toUTF8Lossy();
+    for (std::size_t at = shown.find(scheme); at != std::string::npos; at = shown.find(scheme, at))
+        shown.erase(at, scheme.size() - 1);
+    return shown;
+}
+
 std::string explainError(const CError& error, const std::string& file) {
     const std::string ownPath = ownPathOf(file);
-    std::string text = error.getMessage().toUTF8Lossy();
+    std::string text = showPaths(error.getMessage());
     if (text.empty())
         text = error.getClassName();
     const std::string advice = adviceFor(error.getMessage());
@@ -88,9 +86,9 @@ std::string explainError(const CError& error, const std::string& file) {
         separator = "; ";
     };
     if (!error.getSecondText().isEmpty())
-        add(error.getSecondText().toUTF8Lossy());
+        add(showPaths(error.getSecondText()));
     for (const auto& [name, value] : error.getProps().getEntries()) {
-        const std::string shown = toPathText(value);
+        const std::string shown = showPaths(value);
         // What the message quotes already need not follow once more.
         if (!isRepetition(name, shown, ownPath) && !error.getMessage().Contains(value))
             add(nameOfParameter(name) + ": " + shown);

@@ -53,6 +53,9 @@ auto about(const std::string& file, Action action) -> decltype(action()) {
     }
 }
 
+/// A text of the library with paths in place of "file" URIs.
+std::string showPaths(const String& text);
+
 /// One line on standard error: "tessel: " and the text, made fit for a terminal.
 void tellError(const std::string& text) noexcept;
 /// The same as "tessel: warning: ".

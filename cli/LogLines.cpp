@@ -11,9 +11,9 @@ void CLogLines::log(Level level, const String& message, const std::exception* er
                     const String& secondText) {
     if (level == Level_Info)
         return;
-    std::string text = message.toUTF8Lossy();
+    std::string text = showPaths(message);
     if (error)
-        text += " (" + describeError(*error).toUTF8Lossy() + ")";
+        text += " (" + showPaths(describeError(*error)) + ")";
     else if (!secondText.isEmpty())
         text += " (" + secondText.toUTF8Lossy() + ")";
     if (level == Level_Warning) {

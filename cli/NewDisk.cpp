@@ -133,6 +133,10 @@ void CNewDisk::create(int64 sizeBytes, const UCreateOptions& options, const Stri
         if (message.StartsWith("Invalid VMDK disk size for single unsplittable disk file"))
             throw CUsageError(
                 "A disk in a single file has at most 2 TiB; a larger one must be split (--split)");
+        if (message.StartsWith("Internal error: calculated VMDK descriptor size exceeds"))
+            throw CUsageError(
+                "--split: a disk of this size would have too many files; choose a larger limit, "
+                "up to 2T");
         fail(error);
     }
     for (const auto& [key, value] : m_disk->getExtentMap()) {

@@ -212,7 +212,7 @@ void verifyOpens(UInfo& verb, const UDiskFacts& facts, IFileSystem* files) {
 }
 
 void tellInfo(UInfo& verb) {
-    verifyIsFile(verb.disk);
+    verifyMayBeDisk(verb.disk);
     const P<IFileSystem> files(new CNativeFileSystem(false));
     const UDiskFacts facts = about(verb.disk, [&] { return collect(uriFromName(verb.disk), files.get()); });
     if (verb.json)

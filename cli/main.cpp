@@ -29,15 +29,27 @@ const CLI::App& findVerb(const CLI::App& program) {
     return verbs.empty() ? program : *verbs.front();
 }
 
+/// `arguments` are in reverse order. Throws: CUsageError when the first is neither a verb nor an option.
+void verifyVerb(const CLI::App& program, const std::vector<std::string>& arguments) {
+    if (arguments.empty())
+        throw CUsageError("A verb is missing");
+    const std::string& first = arguments.back();
+    const auto verbs =
+        program.get_subcommands([&](const CLI::App* verb) { return verb->get_name() == first; });
+    if (first[0] != '-' && verbs.empty())
+        throw CUsageError("\"" + first + "\" is no verb");
+}
+
 /// Follows the command line. Returns the exit code.
 int run(std::vector<std::string> arguments) {
     CLI::App program("Reads, writes and creates virtual disks in the VMDK format", "tessel");
     VerbAction chosen;
     prepareHelp(program);
     addVerbs(program, chosen);
-    program.require_subcommand(1);
+    program.require_subcommand(0, 1);
     std::reverse(arguments.begin(), arguments.end()); // as the parser wants them
     try {
+        verifyVerb(program, arguments);
         program.parse(arguments);
         chosen();
         return Exit_Done;
