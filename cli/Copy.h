@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Progress.h"
+#include "CProgress.h"
 #include "tessel/types.h"
 
 namespace tessel::cli {

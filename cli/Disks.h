@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Passwords.h"
+#include "CPasswords.h"
 #include "tessel/CVMDKDisk.h"
 
 #include <filesystem>

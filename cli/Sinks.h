@@ -1,8 +1,9 @@
 #pragma once
 
+#include "CDiskWriter.h"
+#include "CNewDisk.h"
+#include "CStagedFile.h"
 #include "Copy.h"
-#include "DiskWriter.h"
-#include "NewDisk.h"
 
 namespace tessel::cli {
 

@@ -1,9 +1,10 @@
+#include "CNewDisk.h"
 #include "Errors.h"
 #include "Names.h"
-#include "NewDisk.h"
 #include "Sinks.h"
 #include "Sizes.h"
 #include "Sources.h"
+#include "Targets.h"
 #include "Verbs.h"
 #include "lum/CNativeFileSystem.h"
 

@@ -1,5 +1,5 @@
+#include "CNewDisk.h"
 #include "Errors.h"
-#include "NewDisk.h"
 #include "Sizes.h"
 #include "Verbs.h"
 

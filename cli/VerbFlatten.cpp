@@ -1,6 +1,6 @@
+#include "CProgress.h"
 #include "Disks.h"
 #include "Errors.h"
-#include "Progress.h"
 #include "Verbs.h"
 #include "lum/CNativeFileSystem.h"
 #include "platform.h"

@@ -1,4 +1,4 @@
-#include "DiskWriter.h"
+#include "CDiskWriter.h"
 #include "Disks.h"
 #include "Errors.h"
 #include "Sizes.h"

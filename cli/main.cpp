@@ -1,6 +1,6 @@
+#include "CLogLines.h"
 #include "Errors.h"
 #include "Help.h"
-#include "LogLines.h"
 #include "Verbs.h"
 #include "lum/Logging.h"
 #include "platform.h"

@@ -1,4 +1,4 @@
-#include "DiskWriter.h"
+#include "CDiskWriter.h"
 
 #include "lum/Numbers.h"
 

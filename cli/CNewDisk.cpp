@@ -1,8 +1,9 @@
-#include "NewDisk.h"
+#include "CNewDisk.h"
 
 #include "Errors.h"
 #include "Names.h"
 #include "Sizes.h"
+#include "Targets.h"
 #include "lum/CNativeFileSystem.h"
 
 #include <algorithm>

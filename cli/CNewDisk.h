@@ -1,7 +1,7 @@
 #pragma once
 
+#include "CStagedFolder.h"
 #include "Disks.h"
-#include "StagedFile.h"
 #include "lum/CLockFile.h"
 
 #include <memory>

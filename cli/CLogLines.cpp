@@ -1,4 +1,4 @@
-#include "LogLines.h"
+#include "CLogLines.h"
 
 #include "Errors.h"
 #include "lum/CError.h"

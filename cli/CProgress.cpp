@@ -1,4 +1,4 @@
-#include "Progress.h"
+#include "CProgress.h"
 
 #include "Sizes.h"
 #include "platform.h"

@@ -1,4 +1,4 @@
-#include "Passwords.h"
+#include "CPasswords.h"
 
 #include "Disks.h"
 #include "Errors.h"
