@@ -135,9 +135,9 @@ void CNewDisk::create(int64 sizeBytes, const UCreateOptions& options, const Stri
             throw CUsageError(
                 "A disk in a single file has at most 2 TiB; a larger one must be split (--split)");
         if (message.StartsWith("Internal error: calculated VMDK descriptor size exceeds"))
-            throw CUsageError(
-                "--split: a disk of this size would have too many files; choose a larger limit, "
-                "up to 2T");
+            throw CUsageError("--split: a disk of this size would have too many files; choose a larger limit "
+                              "(2T at most) or a "
+                              "smaller disk");
         fail(error);
     }
     for (const auto& [key, value] : m_disk->getExtentMap()) {

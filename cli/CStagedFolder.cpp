@@ -42,10 +42,16 @@ CStagedFolder::CStagedFolder(const fs::path& targetFolder)
     : m_targetFolder(targetFolder.empty() ? fs::path(".") : targetFolder) {
     const fs::path path = makeTemporaryName(m_targetFolder);
     std::error_code error;
-    if (!fs::create_directory(path, error))
-        throw CFailure(nameFromPath(m_targetFolder), "Cannot make a folder in it: " + error.message());
-    m_path = path;
-    fs::create_directory(getPath());
+    fs::create_directory(path, error);
+    if (!error) {
+        m_path = path;
+        fs::create_directory(getPath(), error);
+    }
+    if (!error)
+        return;
+    std::error_code ignored;
+    fs::remove(path, ignored);
+    throw CFailure(nameFromPath(m_targetFolder), "Cannot make a folder in it: " + error.message());
 }
 
 CStagedFolder::~CStagedFolder() {
