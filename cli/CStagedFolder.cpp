@@ -1,0 +1,85 @@
+#include "CStagedFolder.h"
+
+#include "Errors.h"
+#include "Names.h"
+#include "Targets.h"
+#include "platform.h"
+
+#include <utility>
+
+namespace tessel::cli {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+/// A row of renamings that can be taken back.
+class CRenamings {
+public:
+    CRenamings() = default;
+    CRenamings(const CRenamings&) = delete;
+    CRenamings& operator=(const CRenamings&) = delete;
+    ~CRenamings() {
+        std::error_code ignored;
+        for (auto step = m_steps.rbegin(); step != m_steps.rend(); ++step)
+            fs::rename(step->second, step->first, ignored);
+    }
+
+    void move(const fs::path& from, const fs::path& to, bool replace) {
+        m_steps.reserve(m_steps.size() + 1);
+        moveFile(from, to, replace);
+        m_steps.emplace_back(from, to);
+    }
+    void keep() noexcept { m_steps.clear(); }
+
+private:
+    std::vector<std::pair<fs::path, fs::path>> m_steps;
+};
+
+} // namespace
+
+CStagedFolder::CStagedFolder(const fs::path& targetFolder)
+    : m_targetFolder(targetFolder.empty() ? fs::path(".") : targetFolder) {
+    const fs::path path = makeTemporaryName(m_targetFolder);
+    std::error_code error;
+    fs::create_directory(path, error);
+    if (!error) {
+        m_path = path;
+        fs::create_directory(getPath(), error);
+    }
+    if (!error)
+        return;
+    std::error_code ignored;
+    fs::remove(path, ignored);
+    throw CFailure(nameFromPath(m_targetFolder), "Cannot make a folder in it: " + error.message());
+}
+
+CStagedFolder::~CStagedFolder() {
+    std::error_code ignored;
+    fs::remove_all(m_path, ignored);
+}
+
+void CStagedFolder::commit(const std::vector<fs::path>& names, const fs::path& mainFile,
+                           const std::vector<fs::path>& obsolete, bool force, bool sync) {
+    const bool isOneFile = names.size() == 1 && obsolete.empty();
+    CRenamings renamings;
+    if (force && !isOneFile) {
+        std::vector<fs::path> old = {mainFile};
+        old.insert(old.end(), obsolete.begin(), obsolete.end());
+        old.insert(old.end(), names.begin(), names.end());
+        const fs::path side = m_path / "old";
+        fs::create_directory(side);
+        for (const fs::path& name : old)
+            if (somethingExists(m_targetFolder / name))
+                renamings.move(m_targetFolder / name, side / name, false);
+    }
+    for (const fs::path& name : names)
+        if (name != mainFile)
+            renamings.move(getPath() / name, m_targetFolder / name, false);
+    renamings.move(getPath() / mainFile, m_targetFolder / mainFile, force && isOneFile);
+    renamings.keep();
+    if (sync)
+        syncFolder(m_targetFolder);
+}
+
+} // namespace tessel::cli
