@@ -67,6 +67,10 @@ P<CVMDKGrain> CTestExtent::makeGrain(IVMDKDataProvider* provider, sigil::ICipher
                           cipher ? key() : TCryptBuffer<unsigned char>(), cipher ? baseIV() : Bytes());
 }
 
+void CTestExtent::useGrain(IVMDKDataProvider* provider, sigil::ICipher* cipher) {
+    m_grain = makeGrain(provider, cipher);
+}
+
 void CTestExtent::close() {
     m_grain = nullptr;
     m_allocator = nullptr;

@@ -74,8 +74,8 @@ public:
     void openGrain(int64 grainIndex) const;
     void write(int64 grainIndex, int64 offset, const Bytes& bytes) const;
     Bytes read(int64 grainIndex) const;
-    /// A new grain object over the open stream and allocator, for tests that bring provider or cipher.
-    P<CVMDKGrain> makeGrain(IVMDKDataProvider* provider, sigil::ICipher* cipher = nullptr) const;
+    /// Puts another grain object in the place of the one that open() made, after closing that.
+    void useGrain(IVMDKDataProvider* provider, sigil::ICipher* cipher = nullptr);
 
     /// The file's bytes, past what is open.
     Bytes file() const;
@@ -95,6 +95,7 @@ public:
 
 private:
     P<IIOStream> openPlain() const;
+    P<CVMDKGrain> makeGrain(IVMDKDataProvider* provider, sigil::ICipher* cipher) const;
 
     Settings m_settings;
     CURI m_uri;
