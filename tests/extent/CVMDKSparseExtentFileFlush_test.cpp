@@ -188,6 +188,32 @@ TEST_P(CVMDKSparseExtentFileFlushTest, MovedGrainsEntryIsDurableBeforeItsSlotSiz
                                                "slot sizes", "flush"}));
 }
 
+// Left by a loss of power before: a size next to an entry of 0.
+TEST_P(CVMDKSparseExtentFileFlushTest, SizeWithoutASlotGoesBeforeASmallerSlotIsNamed) {
+    if (!GetParam())
+        return; // a plain extent has no slot sizes
+    patchFile<uint16>(m_slotSizes + 2 * 2, 200);
+    patchFile<uint16>(m_slotSizes + 3 * 2, 200);
+    const auto extent = openExtent();
+    m_journal->start(extentURI);
+    writeAt(*extent, 2 * grainSize, patternBytes(grainSize));
+    writeAt(*extent, 4 * grainSize, patternBytes(grainSize));
+    extent->flushChanges();
+    const auto& events = m_journal->getEvents();
+    const auto isFlush = [](const Journal::Event& event) { return event.kind == Journal::Flush; };
+    const auto firstFlush = std::find_if(events.begin(), events.end(), isFlush);
+    const auto forgetting = std::find_if(events.begin(), firstFlush, [this](const Journal::Event& event) {
+        return event.position == m_slotSizes + 2 * 2;
+    });
+    ASSERT_NE(forgetting, firstFlush);
+    EXPECT_EQ(forgetting->data, bytesOf({0, 0}));
+    int64 position = 0;
+    int64 size = 0;
+    extent->getGrainDirectory().getGrainInfo(2, position, size);
+    EXPECT_LT(size, 9);
+    EXPECT_EQ(loadNumber(m_slotSizes + 2 * 2), static_cast<uint32>(size) | 200U << 16); // the other stays
+}
+
 // --- Destruction ---
 
 TEST_P(CVMDKSparseExtentFileFlushTest, DestructionFlushes) {
