@@ -1,0 +1,143 @@
+#include "Disks.h"
+
+#include "Errors.h"
+#include "Names.h"
+#include "lum/CNativeFileSystem.h"
+#include "tessel/CVMDKParentDiskDataProvider.h"
+#include "tessel/VMDKFileReference.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace tessel::cli {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+P<CVMDKDescriptor> readDescriptorAt(const CURI& uri) {
+    const P<IFileSystem> files(new CNativeFileSystem(false));
+    const P<IIOStream> stream = openVMDKFileStream(files.get(), uri, IIOStream::Access_Read);
+    const P<CVMDKDescriptorAccessor> accessor(
+        new CVMDKDescriptorAccessor(stream.get(), IIOStream::Access_Read));
+    return accessor->getDescriptor();
+}
+
+/// Calls `visit` with main file and descriptor of a disk and of its parents, nearest first, until it returns
+/// false or there is none that can be read.
+template <class Visit>
+void walkChain(const std::string& name, Visit visit) {
+    try {
+        CURI uri = uriFromName(name).toNormalized();
+        for (int depth = 0; depth <= CVMDKParentDiskDataProvider::maxChainLength; ++depth) {
+            const P<CVMDKDescriptor> descriptor = readDescriptorAt(uri);
+            String reference;
+            if (!visit(uri, *descriptor) || descriptor->getParentContentID() == noContentID ||
+                !descriptor->tryGetParentFileNameHint(reference))
+                return;
+            uri = vmdkFileReferenceToURI(uri.getParent(), reference);
+        }
+    } catch (const CError&) {   // NOLINT(bugprone-empty-catch): whoever opens the disk is told what is wrong
+    } catch (const CFailure&) { // NOLINT(bugprone-empty-catch): the same
+    }
+}
+
+bool leadsTo(const CURI& folder, const String& reference, const CURI& parent) {
+    if (reference.Contains("\"") || reference.Contains("\n") || reference.Contains("\r"))
+        return false;
+    const CURI found = vmdkFileReferenceToURI(folder, reference);
+    return found == parent || isSameFile(pathFromURI(found), pathFromURI(parent));
+}
+
+} // namespace
+
+P<CVMDKDisk> openDisk(const std::string& name, IIOStream::Access access, const String& password,
+                      IFileSystem* files, int compressionLevel, CVMDKDisk* parent) {
+    verifyIsFile(name);
+    return about(name, [&] {
+        return P<CVMDKDisk>(
+            new CVMDKDisk(files, uriFromName(name), access, password, compressionLevel, nullptr, parent));
+    });
+}
+
+P<CVMDKDescriptor> readDescriptor(const std::string& name) {
+    verifyIsFile(name);
+    return about(name, [&] { return readDescriptorAt(uriFromName(name)); });
+}
+
+bool needsPassword(const std::string& name) {
+    bool isEncrypted = false;
+    walkChain(name, [&](const CURI&, const CVMDKDescriptor& descriptor) {
+        isEncrypted = !descriptor.getLumEncryptionAlgorithm().isEmpty();
+        return !isEncrypted;
+    });
+    return isEncrypted;
+}
+
+bool looksLikeVMDK(const unsigned char* bytes, int count) {
+    static constexpr char plain[] = "KDMV";
+    static constexpr unsigned char encrypted[] = {0x45, 0x4B, 0x64, 0x05};
+    static constexpr char text[] = "# Disk DescriptorFile";
+    const auto beginsWith = [&](const void* wanted, std::size_t size) {
+        return static_cast<std::size_t>(count) >= size && std::memcmp(bytes, wanted, size) == 0;
+    };
+    return beginsWith(plain, 4) || beginsWith(encrypted, 4) || beginsWith(text, sizeof text - 1);
+}
+
+TArray<P<CVMDKDisk>> openParents(CVMDKDisk& disk, const String& password, IFileSystem* files) {
+    TArray<P<CVMDKDisk>> parents;
+    P<CVMDKDisk> child(&disk);
+    while (!child->getParentDiskMainURI().isEmpty()) {
+        const std::string name = nameFromPath(pathFromURI(child->getParentDiskMainURI()));
+        if (parents.size() >= static_cast<std::size_t>(CVMDKParentDiskDataProvider::maxChainLength))
+            throw CFailure(name, "The chain of parents is too deep, or comes back to itself");
+        const P<CVMDKDisk> parent = openDisk(name, IIOStream::Access_Read, password, files);
+        if (parent->getDescriptor()->getContentID() != child->getDescriptor()->getParentContentID())
+            throw CFailure(name, "This disk has changed since a child was made from it");
+        parents.push_back(parent);
+        child = parent;
+    }
+    return parents;
+}
+
+TArray<fs::path> listFilesOfChain(const std::string& name) {
+    TArray<fs::path> paths = {pathFromName(name)};
+    walkChain(name, [&](const CURI& uri, const CVMDKDescriptor& descriptor) {
+        paths.push_back(pathFromURI(uri));
+        TArray<P<CVMDKExtentInfo>> extents;
+        descriptor.getExtentEntries(extents);
+        for (const auto& extent : extents)
+            paths.push_back(pathFromURI(vmdkFileReferenceToURI(uri.getParent(), extent->getFilename())));
+        return true;
+    });
+    return paths;
+}
+
+String makeParentReference(const std::string& childName, const std::string& parentName) {
+    const CURI child = uriFromName(childName).toNormalized();
+    const CURI parent = uriFromName(parentName).toNormalized();
+    const CURI folder = child.getParent();
+    return about(parentName, [&] {
+        const fs::path absolute = pathFromURI(parent);
+        // By names alone, as references are read; links on the way are not followed.
+        const fs::path relative = absolute.lexically_relative(pathFromURI(folder));
+        for (const fs::path& path : {relative, absolute}) {
+            const std::u8string text = path.generic_u8string();
+            if (text.empty())
+                continue;
+            const String reference =
+                String::fromUTF8(std::string_view(reinterpret_cast<const char*>(text.data()), text.size()));
+            if (leadsTo(folder, reference, parent))
+                return reference;
+        }
+        throw CFailure(parentName, "Its name cannot be recorded in a child: it would be read as another one");
+    });
+}
+
+void verifyRange(const std::string& name, int64 diskSize, int64 offset, int64 length) {
+    if (offset > diskSize || length > diskSize - offset)
+        throw CFailure(name, std::to_string(length) + " bytes from " + std::to_string(offset) +
+                                 " on reach beyond the disk's end at " + std::to_string(diskSize));
+}
+
+} // namespace tessel::cli

@@ -1,0 +1,89 @@
+#include "Help.h"
+
+#include "Errors.h"
+#include "Output.h"
+
+#include <algorithm>
+
+namespace tessel::cli {
+
+namespace {
+
+constexpr std::size_t leftColumn = 28;
+
+std::string fullNameOf(const CLI::App& verb) {
+    return verb.get_parent() ? verb.get_parent()->get_name() + " " + verb.get_name() : verb.get_name();
+}
+
+/// What an option is called, with what it takes: "--level N", "--split[=LIMIT]", "DISK".
+std::string nameOf(const CLI::Option& option) {
+    if (!option.nonpositional())
+        return option.get_required() ? option.get_name(true) : "[" + option.get_name(true) + "]";
+    std::string names;
+    for (const std::string& name : option.get_snames())
+        names += "-" + name + ", ";
+    names += "--" + option.get_lnames().front();
+    // A validator appends what it allows.
+    const std::string takes = option.get_type_name().substr(0, option.get_type_name().find(':'));
+    if (option.get_items_expected_max() > 0 && option.get_items_expected_min() > 0)
+        return names + " " + takes;
+    return takes.empty() ? names : names + "[=" + takes + "]";
+}
+
+std::string makeRow(const std::string& left, const std::string& right) {
+    const std::size_t blanks = left.size() + 2 < leftColumn ? leftColumn - left.size() - 2 : 0;
+    return "  " + left + (blanks > 0 ? std::string(blanks, ' ') : "\n" + std::string(leftColumn, ' ')) +
+           right + "\n";
+}
+
+std::string makeHelp(const CLI::App& verb) {
+    const auto verbs = verb.get_subcommands([](const CLI::App*) { return true; });
+    std::string usage = "Usage:\n  " + fullNameOf(verb);
+    std::string arguments;
+    std::string options;
+    for (const CLI::Option* option : verb.get_options()) {
+        (option->nonpositional() ? options : arguments) +=
+            makeRow(nameOf(*option), option->get_description());
+        if (!option->nonpositional())
+            usage += " " + nameOf(*option);
+    }
+    std::string help = verb.get_description() + ".\n\nExamples:\n" + verb.get_footer() + "\n\n" + usage +
+                       (verbs.empty() ? " [OPTION]...\n" : " VERB ARGUMENT...\n");
+    if (!arguments.empty())
+        help += "\nArguments:\n" + arguments;
+    if (!verbs.empty()) {
+        help += "\nVerbs:\n";
+        for (const CLI::App* each : verbs)
+            help += makeRow(each->get_name(), each->get_description());
+    }
+    help += "\nOptions:\n" + options;
+    help += "\nExit codes: 0 done, 1 failed, 2 wrong usage.\n";
+    return help;
+}
+
+} // namespace
+
+void prepareHelp(CLI::App& program) {
+    program.set_help_flag("-h,--help", "Show this help");
+    program.set_version_flag("--version", std::string(TESSEL_VERSION), "Show the version");
+    program.footer("  tessel info disk.vmdk\n"
+                   "  tessel convert disk.vmdk disk.raw\n"
+                   "  tessel convert disk.raw disk.vmdk --compressed\n"
+                   "  tessel create disk.vmdk 20G\n"
+                   "  tessel convert --help");
+}
+
+void writeHelp(const CLI::App& verb) {
+    writeText(makeHelp(verb));
+}
+
+void writeVersion() {
+    writeText("tessel " TESSEL_VERSION "\n");
+}
+
+void tellUsageError(const CLI::App& verb, const std::string& problem) {
+    const std::string name = verb.get_parent() ? verb.get_name() + ": " : std::string();
+    tellError(name + problem + " (see " + fullNameOf(verb) + " --help)");
+}
+
+} // namespace tessel::cli

@@ -1,0 +1,191 @@
+#include "NewDisk.h"
+
+#include "Errors.h"
+#include "Names.h"
+#include "Sizes.h"
+#include "lum/CNativeFileSystem.h"
+
+#include <algorithm>
+
+namespace tessel::cli {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr int64 singleFile = -1;
+
+/// The names of the files that an older disk leaves behind when its main file is replaced: extents of the
+/// kind NAME-s00000.vmdk beside it, which nobody else can be using.
+std::vector<fs::path> listOldExtents(const fs::path& target) {
+    std::vector<fs::path> names;
+    if (!somethingExists(target))
+        return names;
+    try {
+        TArray<P<CVMDKExtentInfo>> extents;
+        readDescriptor(nameFromPath(target))->getExtentEntries(extents);
+        const std::string stem = nameFromPath(target.stem()) + "-s";
+        for (const auto& extent : extents) {
+            const std::string name = extent->getFilename().toUTF8();
+            const bool isBeside = name.find_first_of("/\\") == std::string::npos;
+            if (isBeside && name.compare(0, stem.size(), stem) == 0 &&
+                hasExtension(name, nameFromPath(target.extension()).c_str()))
+                names.push_back(pathFromName(name));
+        }
+    } catch (const std::exception&) {
+        names.clear(); // what is replaced is no disk
+    }
+    return names;
+}
+
+int64 parseLimit(const UCreateOptions& options, bool isParentSplit) {
+    if (!options.split.empty())
+        return parseSize(options.split, "--split");
+    return isParentSplit ? CVMDKDisk::getDefaultFileSizeLimit() : singleFile;
+}
+
+bool isSplit(CVMDKDisk& disk) {
+    return disk.getDescriptor()->getCreateType() == "twoGbMaxExtentSparse";
+}
+
+} // namespace
+
+void UCreateOptions::addTo(CLI::App& verb) {
+    verb.add_flag("--compressed", compressed, "Compress grains (streamOptimized)");
+    verb.add_option("--level", level, "Compression level, 0 (none) to 9 (smallest)")
+        ->type_name("N")
+        ->check(CLI::Range(0, 9));
+    verb.add_flag("--split{2G}", split, "Split into files below LIMIT (--split=LIMIT), 2G when none is given")
+        ->type_name("LIMIT");
+    verb.add_flag("--on-demand", onDemand, "Make the files of a split disk when they are first written to");
+    verb.add_option("--parent", parent, "Make a child of this disk, which holds only what differs")
+        ->type_name("PARENT");
+    verb.add_flag("--force", force, "Replace an existing disk");
+}
+
+bool UCreateOptions::asksForVMDK() const {
+    return compressed || level >= 0 || !split.empty() || onDemand || !parent.empty();
+}
+
+CNewDisk::CNewDisk(const std::string& name, int64 sizeBytes, const UCreateOptions& options,
+                   CPasswords& passwords, const std::string& source, bool sync)
+    : m_name(name),
+      m_force(options.force),
+      m_sync(sync),
+      m_target(resolveTarget(name, options.force)),
+      m_files(new CNativeFileSystem(sync)),
+      m_names({m_target.filename()}) {
+    for (const std::string& used : {source, options.parent})
+        if (!used.empty())
+            for (const fs::path& file : listFilesOfChain(used))
+                m_inUse.push_back(file);
+    verifyNames();
+    m_lock = about(name, [&] {
+        const CURI target = uriFromPath(m_target);
+        return P<CLockFile>(new CLockFile(m_files.get(), target.getParent() << (target.getName() + ".lock"),
+                                          CLockFile::LockType_Exclusive, false, true));
+    });
+    if (!options.parent.empty())
+        m_parent = openDisk(options.parent, IIOStream::Access_Read, passwords.getForOpening(options.parent),
+                            m_files.get());
+    m_folder = std::make_unique<CStagedFolder>(folder());
+    create(sizeBytes, options, passwords.getForCreating(name));
+}
+
+CNewDisk::~CNewDisk() {
+    m_disk = nullptr;
+}
+
+/// The place where the disk is made is nothing that the user knows.
+void CNewDisk::fail(const CError& error) const {
+    const fs::path staged = m_folder->getPath() / m_target.filename();
+    std::string text = explainError(error, nameFromPath(staged));
+    const std::string place = nameFromPath(pathFromURI(uriFromPath(staged)).parent_path()) + "/";
+    for (std::size_t at = text.find(place); at != std::string::npos; at = text.find(place))
+        text.erase(at, place.size());
+    throw CFailure(m_name, text);
+}
+
+void CNewDisk::create(int64 sizeBytes, const UCreateOptions& options, const String& password) {
+    const bool isParentCompressed = m_parent && m_parent->getCompressed();
+    if (m_parent && options.compressed && !isParentCompressed)
+        throw CUsageError("--compressed: the parent is not compressed, and a child is of its parent's kind");
+    const bool compressed = options.compressed || isParentCompressed;
+    if (options.level >= 0 && !compressed)
+        throw CUsageError("--level: only compressed disks have a level (--compressed)");
+    const int64 limit = parseLimit(options, m_parent && isSplit(*m_parent));
+    if (options.onDemand && limit == singleFile)
+        throw CUsageError("--on-demand: only a split disk has files to be made later (--split)");
+    if (compressed && limit != singleFile)
+        tellWarning(m_name +
+                    ": Other readers see only the first file of a disk that is compressed and split");
+    if (m_parent && needsPassword(options.parent) && password.isEmpty())
+        tellWarning(m_name + ": The parent is encrypted and this disk is not: what it stores can be read by "
+                             "everybody");
+    try {
+        createFiles(sizeBytes, options, password, compressed, limit);
+    } catch (const CError& error) {
+        const String& message = error.getMessage();
+        if (message.StartsWith("Internal error: calculated VMDK maxExtentPayloadBytes"))
+            throw CUsageError("--split=" + options.split +
+                              ": a file of this size has no room for data beside its metadata; choose a "
+                              "larger limit, such as 2G");
+        if (message.StartsWith("Invalid VMDK disk size for single unsplittable disk file"))
+            throw CUsageError(
+                "A disk in a single file has at most 2 TiB; a larger one must be split (--split)");
+        fail(error);
+    }
+    for (const auto& [key, value] : m_disk->getExtentMap()) {
+        const fs::path extent = pathFromURI(value.uri).filename();
+        if (extent != m_names.front())
+            m_names.push_back(extent);
+    }
+    verifyNames();
+}
+
+void CNewDisk::createFiles(int64 sizeBytes, const UCreateOptions& options, const String& password,
+                           bool compressed, int64 limit) {
+    const CURI uri = uriFromPath(m_folder->getPath() / m_target.filename());
+    if (!m_parent) {
+        m_disk = CVMDKDisk::create(m_files.get(), uri, sizeBytes, password, compressed, options.level, limit,
+                                   "", noContentID, options.onDemand);
+        return;
+    }
+    m_disk = CVMDKDisk::create(m_files.get(), uri, m_parent->getSizeBytes(), password, compressed,
+                               options.level, limit, makeParentReference(m_name, options.parent),
+                               m_parent->getDescriptor()->getContentID(), options.onDemand);
+    // Seen from here the reference leads nowhere, so the parent is handed in.
+    m_disk = nullptr;
+    m_disk = new CVMDKDisk(m_files.get(), uri, IIOStream::Access_ReadWrite, password, options.level, nullptr,
+                           m_parent.get());
+}
+
+/// Throws: CFailure when the disk would take a name that it must not have.
+void CNewDisk::verifyNames() const {
+    for (const fs::path& name : m_names) {
+        const fs::path path = folder() / name;
+        if (!somethingExists(path))
+            continue;
+        if (!m_force)
+            throw CFailure(nameFromPath(path), "The file exists already (--force replaces it)");
+        for (const fs::path& file : m_inUse)
+            if (isSameFile(path, file))
+                throw CFailure(nameFromPath(path), "It is in use here, as the source or a parent, and cannot "
+                                                   "be replaced");
+    }
+}
+
+void CNewDisk::commit() {
+    run([&] { m_disk->flushChanges(); });
+    m_disk = nullptr;
+    std::vector<fs::path> made;
+    std::vector<fs::path> obsolete = m_force ? listOldExtents(m_target) : std::vector<fs::path>();
+    for (const fs::path& name : m_names)
+        (somethingExists(m_folder->getPath() / name) ? made : obsolete).push_back(name);
+    std::erase_if(obsolete, [&](const fs::path& name) {
+        return !somethingExists(folder() / name) || std::find(made.begin(), made.end(), name) != made.end();
+    });
+    m_folder->commit(made, m_target.filename(), obsolete, m_force, m_sync);
+}
+
+} // namespace tessel::cli

@@ -1,0 +1,32 @@
+#include "Output.h"
+
+#include "lum/CError.h"
+#include "platform.h"
+
+#include <algorithm>
+
+namespace tessel::cli {
+
+void writeText(const std::string& text) {
+    writeOutput(text.data(), static_cast<int64>(text.size()));
+}
+
+void writeJson(const Json& json) {
+    writeText(json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n");
+}
+
+void CTable::write() const {
+    std::size_t width = 0;
+    for (const auto& [label, text] : m_rows)
+        width = std::max(width, label.size());
+    std::string all;
+    for (const auto& [label, text] : m_rows) {
+        // What stands in a file must not control the terminal: an error is described as one harmless line.
+        const CError line(String::fromUTF8(text));
+        all += label + ":" + std::string(width + 1 - label.size(), ' ') + describeError(line).toUTF8Lossy() +
+               "\n";
+    }
+    writeText(all);
+}
+
+} // namespace tessel::cli

@@ -1,0 +1,30 @@
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+#include <string>
+#include <utility>
+#include <vector>
+
+// What a verb answers on standard output. Throws: CFailure when it cannot be written.
+
+namespace tessel::cli {
+
+/// Members stay in the order in which they are added.
+using Json = nlohmann::ordered_json;
+
+void writeText(const std::string& text);
+/// As indented UTF-8; bytes that are none become U+FFFD.
+void writeJson(const Json& json);
+
+/// Rows of a label and a text, the texts in one column.
+class CTable {
+public:
+    void add(std::string label, std::string text) { m_rows.emplace_back(std::move(label), std::move(text)); }
+    void write() const;
+
+private:
+    std::vector<std::pair<std::string, std::string>> m_rows;
+};
+
+} // namespace tessel::cli

@@ -1,0 +1,37 @@
+#pragma once
+
+#include "tessel/types.h"
+
+#include <CLI/CLI.hpp>
+
+#include <optional>
+#include <string>
+
+namespace tessel::cli {
+
+/// Where a verb has its passwords from: files that options name, or the user at the terminal. Each is
+/// fetched once, when it is first needed.
+class CPasswords {
+public:
+    /// --password-file: for a disk that is opened.
+    void addOpenOption(CLI::App& verb);
+    /// --password-file, --encrypt and --open-password-file: for a verb that makes a disk.
+    void addCreateOptions(CLI::App& verb);
+
+    /// The password of disks that are opened; empty when there is none. `file` is asked about at the terminal
+    /// when it, or a parent of it, is encrypted and no option gives the password.
+    String getForOpening(const std::string& file);
+    /// The password of the disk `file` that is being made; empty for one that is not encrypted.
+    String getForCreating(const std::string& file);
+    /// True when an option gives a password of disks that are opened.
+    bool isGivenForOpening() const { return !m_file.empty() || !m_openFile.empty(); }
+
+private:
+    std::string m_file;
+    std::string m_openFile;
+    bool m_encrypt = false;
+    std::optional<String> m_forOpening;
+    std::optional<String> m_forCreating;
+};
+
+} // namespace tessel::cli

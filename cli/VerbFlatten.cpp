@@ -1,0 +1,115 @@
+#include "Disks.h"
+#include "Errors.h"
+#include "Progress.h"
+#include "Verbs.h"
+#include "lum/CNativeFileSystem.h"
+#include "platform.h"
+
+#include <algorithm>
+
+namespace tessel::cli {
+
+namespace {
+
+struct UFlatten {
+    std::string disk;
+    bool quiet = false;
+    int level = -1;
+    CPasswords passwords;
+};
+
+/// Moves what the parents hold into a disk. Interrupted at any point it leaves a child of the same contents.
+class CFlattening {
+public:
+    CFlattening(CVMDKDisk* disk, const TArray<P<CVMDKDisk>>& parents)
+        : m_disk(disk), m_parents(parents), m_grainSize(disk->getGrainSizeBytes()), m_grain(m_grainSize) {}
+
+    void run(CProgress& progress) {
+        const int64 size = m_disk->getSizeBytes();
+        for (int64 position = 0; position < size; progress.advanceTo(position)) {
+            throwIfInterrupted();
+            const UVMDKGrainRun run = m_disk->findGrainRun(position);
+            const int64 grain = position / m_grainSize;
+            if (run.layer <= 0) {
+                position = run.position + run.sizeBytes;
+                continue;
+            }
+            if (canMovePrepared(grain, run.layer))
+                m_disk->makeGrainIndependentOfParent(grain);
+            else
+                movePlain(grain);
+            position = std::min(size, (grain + 1) * m_grainSize);
+        }
+    }
+
+private:
+    /// A grain passes as it is stored only through disks whose grains are of the same kind.
+    bool canMovePrepared(int64 grain, int layer) const {
+        return std::all_of(m_parents.begin(), m_parents.begin() + layer,
+                           [&](const P<CVMDKDisk>& parent) {
+                               return parent->getGrainSizeBytes() == m_grainSize &&
+                                      parent->getCompressed() == m_disk->getCompressed() &&
+                                      parent->getSizeBytes() / m_grainSize > grain;
+                           }) &&
+               m_disk->getSizeBytes() / m_grainSize > grain;
+    }
+
+    void movePlain(int64 grain) {
+        const int64 start = grain * m_grainSize;
+        const int count = static_cast<int>(std::min(m_grainSize, m_disk->getSizeBytes() - start));
+        m_disk->seek(start);
+        m_disk->read(m_grain.getData(), count);
+        m_disk->seek(start);
+        m_disk->write(m_grain.getData(), count); // zeros need not be stored where no parent will be
+    }
+
+    CVMDKDisk* m_disk;
+    const TArray<P<CVMDKDisk>>& m_parents;
+    int64 m_grainSize;
+    TBuffer<unsigned char> m_grain;
+};
+
+void flatten(UFlatten& verb) {
+    const P<IFileSystem> files(new CNativeFileSystem);
+    const String password = verb.passwords.getForOpening(verb.disk);
+    const P<CVMDKDisk> disk =
+        openDisk(verb.disk, IIOStream::Access_ReadWrite, password, files.get(), verb.level);
+    if (disk->getParentDiskMainURI().isEmpty())
+        throw CFailure(verb.disk, "This disk has no parent and stands alone already");
+    const TArray<P<CVMDKDisk>> parents = openParents(*disk, password, files.get());
+    const bool isAnyEncrypted = std::any_of(
+        parents.begin(), parents.end(), [](const P<CVMDKDisk>& parent) { return parent->getEncrypted(); });
+    if (isAnyEncrypted && !disk->getEncrypted())
+        tellWarning(verb.disk +
+                    ": A parent is encrypted and this disk is not: what it takes over can be read "
+                    "by everybody");
+    // What the guest sees stays the same, and children of this disk rely on that.
+    disk->setContentIDUpdatesEnabled(false);
+    {
+        CProgress progress(disk->getSizeBytes(), verb.quiet);
+        about(verb.disk, [&] { CFlattening(disk.get(), parents).run(progress); });
+    }
+    about(verb.disk, [&] {
+        disk->flushChanges();
+        disk->removeParent();
+        disk->flushChanges();
+    });
+}
+
+} // namespace
+
+void addFlattenVerb(CLI::App& program, VerbAction& chosen) {
+    const auto verb = std::make_shared<UFlatten>();
+    CLI::App* const app =
+        program.add_subcommand("flatten", "Take over what a child's parents hold, so that it stands alone");
+    app->footer("  tessel flatten child.vmdk");
+    app->add_option("DISK", verb->disk, "Main file of the child")->required();
+    app->add_option("--level", verb->level, "Compression level, 0 to 9, where grains must be compressed anew")
+        ->type_name("N")
+        ->check(CLI::Range(0, 9));
+    app->add_flag("--quiet", verb->quiet, "Show no progress");
+    verb->passwords.addOpenOption(*app);
+    app->callback([verb, &chosen] { chosen = [verb] { flatten(*verb); }; });
+}
+
+} // namespace tessel::cli

@@ -1,0 +1,61 @@
+#include "Disks.h"
+#include "Errors.h"
+#include "Output.h"
+#include "Sizes.h"
+#include "Verbs.h"
+#include "lum/CNativeFileSystem.h"
+#include "tessel/CVMDKSpaceInfo.h"
+
+namespace tessel::cli {
+
+namespace {
+
+struct USpace {
+    std::string disk;
+    bool json = false;
+    CPasswords passwords;
+};
+
+void tellSpace(USpace& verb) {
+    const P<IFileSystem> files(new CNativeFileSystem(false));
+    const P<CVMDKDisk> disk =
+        openDisk(verb.disk, IIOStream::Access_Read, verb.passwords.getForOpening(verb.disk), files.get());
+    const P<CVMDKSpaceInfo> space = about(verb.disk, [&] { return disk->gatherSpaceInfo(); });
+    const int64 total = space->getHeaderSize() + space->getPayloadSizeInFile() + space->getDeadSpaceSize();
+    if (verb.json) {
+        Json json;
+        json["file"] = verb.disk;
+        json["sizeBytes"] = disk->getSizeBytes();
+        json["payloadBytes"] = space->getPayloadSize();
+        json["payloadInFileBytes"] = space->getPayloadSizeInFile();
+        json["headerBytes"] = space->getHeaderSize();
+        json["deadSpaceBytes"] = space->getDeadSpaceSize();
+        json["totalInFileBytes"] = total;
+        writeJson(json);
+        return;
+    }
+    CTable table;
+    table.add("disk", verb.disk);
+    table.add("size", formatSizeExactly(disk->getSizeBytes()));
+    table.add("written", formatSizeExactly(space->getPayloadSize()));
+    table.add("in files", formatSizeExactly(total));
+    table.add("  grains", formatSizeExactly(space->getPayloadSizeInFile()));
+    table.add("  metadata", formatSizeExactly(space->getHeaderSize()));
+    table.add("  dead space", formatSizeExactly(space->getDeadSpaceSize()));
+    table.write();
+}
+
+} // namespace
+
+void addSpaceVerb(CLI::App& program, VerbAction& chosen) {
+    const auto verb = std::make_shared<USpace>();
+    CLI::App* const app = program.add_subcommand("space", "Tell how a disk's files are used");
+    app->footer("  tessel space disk.vmdk\n"
+                "  tessel space disk.vmdk --json");
+    app->add_option("DISK", verb->disk, "Main file of the disk")->required();
+    app->add_flag("--json", verb->json, "Answer for programs");
+    verb->passwords.addOpenOption(*app);
+    app->callback([verb, &chosen] { chosen = [verb] { tellSpace(*verb); }; });
+}
+
+} // namespace tessel::cli

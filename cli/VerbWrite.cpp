@@ -1,0 +1,65 @@
+#include "DiskWriter.h"
+#include "Disks.h"
+#include "Errors.h"
+#include "Sizes.h"
+#include "Verbs.h"
+#include "lum/CNativeFileSystem.h"
+#include "platform.h"
+
+namespace tessel::cli {
+
+namespace {
+
+struct UWrite {
+    std::string disk;
+    std::string offset;
+    int level = -1;
+    CPasswords passwords;
+};
+
+void write(UWrite& verb) {
+    const int64 offset = parseSize(verb.offset, "OFFSET");
+    const P<IFileSystem> files(new CNativeFileSystem);
+    const P<CVMDKDisk> disk = openDisk(verb.disk, IIOStream::Access_ReadWrite,
+                                       verb.passwords.getForOpening(verb.disk), files.get(), verb.level);
+    verifyRange(verb.disk, disk->getSizeBytes(), offset, std::max<int64>(getInputSize(), 0));
+
+    constexpr int64 most = 1 << 20;
+    TBuffer<unsigned char> buffer(most);
+    CDiskWriter writer(disk.get(), false);
+    int64 position = offset;
+    bool isEnd = false;
+    while (!isEnd) {
+        // Pieces end at multiples of their size, so that a grain is written once.
+        const int64 piece = most - position % most;
+        const int got = readInput(buffer.getData(), static_cast<int>(piece));
+        isEnd = got < piece;
+        const int64 fits = std::min<int64>(got, disk->getSizeBytes() - position);
+        about(verb.disk, [&] { writer.write(position, buffer.getData(), fits); });
+        position += fits;
+        if (fits < got) {
+            about(verb.disk, [&] { writer.flush(); });
+            throw CFailure(verb.disk, "Standard input holds more than the disk has room for; its first " +
+                                          std::to_string(position - offset) + " bytes were written");
+        }
+    }
+    about(verb.disk, [&] { writer.flush(); });
+}
+
+} // namespace
+
+void addWriteVerb(CLI::App& program, VerbAction& chosen) {
+    const auto verb = std::make_shared<UWrite>();
+    CLI::App* const app = program.add_subcommand("write", "Write standard input into a disk");
+    app->footer("  tessel write disk.vmdk 0 <boot-sector\n"
+                "  zcat part.gz | tessel write disk.vmdk 1M");
+    app->add_option("DISK", verb->disk, "Main file of the disk")->required();
+    app->add_option("OFFSET", verb->offset, "First byte; may have K, M, G, T behind it")->required();
+    app->add_option("--level", verb->level, "Compression level, 0 to 9, where the disk is compressed")
+        ->type_name("N")
+        ->check(CLI::Range(0, 9));
+    verb->passwords.addOpenOption(*app);
+    app->callback([verb, &chosen] { chosen = [verb] { write(*verb); }; });
+}
+
+} // namespace tessel::cli

@@ -1,0 +1,83 @@
+#include "Errors.h"
+#include "Help.h"
+#include "LogLines.h"
+#include "Verbs.h"
+#include "lum/Logging.h"
+#include "platform.h"
+
+#include <algorithm>
+#include <new>
+
+using namespace tessel::cli;
+
+namespace {
+
+/// Declares the program's verbs.
+void addVerbs(CLI::App& program, VerbAction& chosen) {
+    addInfoVerb(program, chosen);
+    addConvertVerb(program, chosen);
+    addCreateVerb(program, chosen);
+    addReadVerb(program, chosen);
+    addWriteVerb(program, chosen);
+    addSpaceVerb(program, chosen);
+    addRebaseVerb(program, chosen);
+    addFlattenVerb(program, chosen);
+}
+
+const CLI::App& findVerb(const CLI::App& program) {
+    const auto verbs = program.get_subcommands();
+    return verbs.empty() ? program : *verbs.front();
+}
+
+/// Follows the command line. Returns the exit code.
+int run(std::vector<std::string> arguments) {
+    CLI::App program("Reads, writes and creates virtual disks in the VMDK format", "tessel");
+    VerbAction chosen;
+    prepareHelp(program);
+    addVerbs(program, chosen);
+    program.require_subcommand(1);
+    std::reverse(arguments.begin(), arguments.end()); // as the parser wants them
+    try {
+        program.parse(arguments);
+        chosen();
+        return Exit_Done;
+    } catch (const CLI::CallForHelp&) {
+        writeHelp(findVerb(program));
+        return Exit_Done;
+    } catch (const CLI::CallForVersion&) {
+        writeVersion();
+        return Exit_Done;
+    } catch (const CLI::ParseError& error) {
+        tellUsageError(findVerb(program), error.what());
+    } catch (const CUsageError& error) {
+        tellUsageError(findVerb(program), error.what());
+    }
+    return Exit_Usage;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    int exitCode = Exit_Failed;
+    try {
+        catchInterrupts();
+        const lum::P<CLogLines> log(new CLogLines);
+        lum::setLogSink(log.get());
+        try {
+            exitCode = run(getArguments(argc, argv));
+        } catch (const lum::CError& error) {
+            throw CFailure("", explainError(error, ""));
+        }
+        // What a destructor could not write is a failure, though nothing was thrown.
+        if (exitCode == Exit_Done && log->tellErrors())
+            exitCode = Exit_Failed;
+    } catch (const CInterrupted&) {
+        endInterrupted();
+    } catch (const std::bad_alloc&) {
+        tellError("There is not enough memory");
+    } catch (const std::exception& error) {
+        tellError(error.what());
+    }
+    lum::setLogSink(nullptr);
+    return exitCode;
+}

@@ -1,0 +1,96 @@
+#pragma once
+
+#include "tessel/types.h"
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+// What the program needs from the system and the standard library does not offer. One source file per
+// kind of system implements all of it.
+
+namespace tessel::cli {
+
+/// The arguments of main() in UTF-8, the program's name left out.
+std::vector<std::string> getArguments(int argc, char** argv);
+
+// --- Interrupts ---
+
+/// From now on a request to end (SIGINT, SIGTERM, SIGHUP) is only noted, so that the program can tidy up;
+/// a pipe without a reader and a limit on file sizes become errors of the write.
+void catchInterrupts();
+bool isInterrupted() noexcept;
+/// Throws: CInterrupted when the user, or a pipe's reader, wants no more.
+void throwIfInterrupted();
+/// Ends the process in the way that tells whoever started it that it was interrupted.
+[[noreturn]] void endInterrupted();
+
+// --- Terminal and standard streams ---
+
+bool isInputTerminal();
+bool isOutputTerminal();
+bool isErrorTerminal();
+/// Columns of the terminal that standard error is; 80 when that cannot be told.
+int getErrorWidth();
+/// Asks on the terminal, without showing what is typed. The answer is without its line end.
+/// Throws: CFailure without a terminal; CInterrupted.
+std::string askWithoutEcho(const std::string& question);
+
+/// Bytes from the current position to the end of standard input where it is a regular file, else -1.
+int64 getInputSize();
+/// Reads until `count` bytes are there or the end is met. Throws: CFailure; CInterrupted.
+int readInput(void* buffer, int count);
+/// Throws: CFailure; CInterrupted, also when nobody reads any more.
+void writeOutput(const void* data, int64 size);
+/// Writes to standard error; what cannot be written is dropped.
+void writeErrorText(const std::string& text) noexcept;
+
+// --- Files ---
+
+/// A raw image: a regular file or, for reading, a block device. Not copied.
+class CRawFile {
+public:
+    struct URegion {
+        int64 start;
+        int64 end;
+    };
+
+    /// Throws: CFailure, which names the file; so do all methods.
+    static CRawFile openForReading(const std::filesystem::path& path);
+    /// A new file that nobody had before.
+    static CRawFile createNew(const std::filesystem::path& path);
+
+    CRawFile(CRawFile&& other) noexcept;
+    CRawFile& operator=(CRawFile&&) = delete;
+    ~CRawFile();
+
+    int64 getLength() const;
+    /// The first region at or behind `position` that is not a hole; start and end are `length` when there is
+    /// none. Where the system cannot tell, everything is data.
+    URegion findData(int64 position, int64 length) const;
+    /// Reads exactly `count` bytes.
+    void read(int64 position, void* buffer, int count) const;
+    void write(int64 position, const void* data, int size);
+    void setLength(int64 length);
+    /// Waits until the medium has everything.
+    void sync();
+    /// Tells of failures that the system kept back.
+    void close();
+
+private:
+    CRawFile(std::filesystem::path path, int handle) : m_path(std::move(path)), m_handle(handle) {}
+    [[noreturn]] void fail(const char* tried) const;
+
+    std::filesystem::path m_path;
+    int m_handle;
+};
+
+/// Bytes that a file takes on its medium.
+int64 getAllocatedSize(const std::filesystem::path& path);
+/// Gives a file another name in the same file system. With `replace` false a file that has the name
+/// already is an error, whoever made it. Throws: CFailure.
+void moveFile(const std::filesystem::path& from, const std::filesystem::path& to, bool replace);
+/// Makes names that were given in a folder durable. Throws: CFailure.
+void syncFolder(const std::filesystem::path& folder);
+
+} // namespace tessel::cli
