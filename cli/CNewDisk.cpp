@@ -156,13 +156,18 @@ void CNewDisk::createFiles(int64 sizeBytes, const UCreateOptions& options, const
                                    "", noContentID, options.onDemand);
         return;
     }
+    const String reference = makeParentReference(m_name, options.parent);
+    const unsigned int parentContentID = m_parent->getDescriptor()->getContentID();
     m_disk = CVMDKDisk::create(m_files.get(), uri, m_parent->getSizeBytes(), password, compressed,
-                               options.level, limit, makeParentReference(m_name, options.parent),
-                               m_parent->getDescriptor()->getContentID(), options.onDemand);
+                               options.level, limit, reference, parentContentID, options.onDemand);
     // Seen from here the reference leads nowhere, so the parent is handed in.
     m_disk = nullptr;
     m_disk = new CVMDKDisk(m_files.get(), uri, IIOStream::Access_ReadWrite, password, options.level, nullptr,
                            m_parent.get());
+    // Programs are in use that write a new content ID and lose each line between it and the parent's, so the
+    // reference is moved behind both.
+    m_disk->removeParent();
+    m_disk->changeParent(reference, parentContentID);
 }
 
 /// Throws: CFailure when the disk would take a name that it must not have.

@@ -26,17 +26,22 @@ endfunction()
 
 # tessel_add_script_test(<name> <script> [<argument>...])
 #
-# Adds a test that runs a shell script of the calling folder and passes when the script exits with 0. The script
-# finds in its environment TESSEL_PROGRAM, the path of the program built here, and TESSEL_SOURCE_DIR, the root of
-# the sources. The test's name is "<folder>.<name>".
+# Adds a test that runs a script of the calling folder, for the shell or (by its extension .py) for Python, and
+# passes when the script exits with 0. The script finds in its environment TESSEL_PROGRAM, the path of the program
+# built here, and TESSEL_SOURCE_DIR, the root of the sources. The test's name is "<folder>.<name>".
 function(tessel_add_script_test name script)
     find_program(TESSEL_BASH bash REQUIRED)
     mark_as_advanced(TESSEL_BASH)
+    set(interpreter "${TESSEL_BASH}")
+    if(script MATCHES "\\.py$")
+        find_package(Python3 REQUIRED COMPONENTS Interpreter)
+        set(interpreter "${Python3_EXECUTABLE}")
+    endif()
 
     get_filename_component(folder "${CMAKE_CURRENT_SOURCE_DIR}" NAME)
     set(test "${folder}.${name}")
     add_test(NAME "${test}"
-        COMMAND "${TESSEL_BASH}" "${CMAKE_CURRENT_SOURCE_DIR}/${script}" ${ARGN})
+        COMMAND "${interpreter}" "${CMAKE_CURRENT_SOURCE_DIR}/${script}" ${ARGN})
     set_tests_properties("${test}" PROPERTIES
         TIMEOUT 300
         ENVIRONMENT "TESSEL_PROGRAM=$<TARGET_FILE:tessel-cli>;TESSEL_SOURCE_DIR=${PROJECT_SOURCE_DIR}")
