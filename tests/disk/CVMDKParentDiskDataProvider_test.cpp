@@ -2,7 +2,7 @@
 
 #include "tessel/CVMDKParentDiskDataProvider.h"
 
-#include "CRecordingFileSystem.h"
+#include "CEventFileSystem.h"
 #include "DiskTest.h"
 
 using namespace tessel;
@@ -68,7 +68,7 @@ TEST_F(CVMDKParentDiskDataProviderTest, ReferenceIsSeenFromTheChildsFolder) {
 
 TEST_F(CVMDKParentDiskDataProviderTest, ParentIsOpenedForReadingWhenItIsFirstNeeded) {
     createParent();
-    const P<CRecordingFileSystem> recorder(new CRecordingFileSystem(m_memory.get()));
+    const P<CEventFileSystem> recorder(new CEventFileSystem(m_memory.get()));
     m_files = recorder;
     const P<CVMDKParentDiskDataProvider> provider = makeProvider();
     recorder->takeEvents();
