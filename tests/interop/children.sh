@@ -49,6 +49,7 @@ try() {
     verify child.vmdk $raw
     write_into child.vmdk $raw "$maker"
     verify child.vmdk $raw
+    # Writing gives a child a new content ID; its tie to the parent must outlive that, whoever writes.
     write_into child.vmdk $raw tessel
     write_into child.vmdk $raw qemu
     verify child.vmdk $raw

@@ -21,7 +21,7 @@ verify_file_system() {
 }
 
 for type in ext4 ext2; do
-    mke2fs -q -t $type -d tree $type.raw 48M
+    mke2fs -q -t $type -d tree $type.raw 48M >made 2>&1 || fail "mke2fs: $(<made)"
     verify_file_system $type.raw
     printf 'password\n' >key
     for options in '' --compressed '--split=16M' '--split --on-demand' '--compressed --password-file key' \
