@@ -24,14 +24,7 @@ Bytes randomBytes(int64 count, unsigned int seed) {
 }
 
 ExtentTest::ExtentTest() : m_cipher(new sigil::CCipher_AES256CBC), m_key(32), m_iv(randomBytes(16, 5)) {
-    m_descriptor->setVersion(1);
-    m_descriptor->setContentID(oldContentID);
-    m_descriptor->setParentContentID(0xFFFFFFFF);
-    m_descriptor->setCreateType("twoGbMaxExtentSparse");
-    const P<IIOStream> mainFile = m_memory->openFile(mainURI, IIOStream::Access_ReadWrite);
-    m_descriptor->store(*mainFile, 1024, Bytes(1024));
-    m_updater = new CVMDKContentIDUpdater(m_faults.get(), mainURI, m_descriptor.get());
-
+    createMainFile();
     for (int i = 0; i < 32; ++i)
         m_key[i] = static_cast<unsigned char>(3 * i + 1);
     const P<sigil::IDigest> digest = sigil::CDigestType_SHA256().createDigest();
@@ -41,6 +34,18 @@ ExtentTest::ExtentTest() : m_cipher(new sigil::CCipher_AES256CBC), m_key(32), m_
 }
 
 ExtentTest::~ExtentTest() = default;
+
+void ExtentTest::createMainFile() {
+    m_descriptor = new CVMDKDescriptor;
+    m_descriptor->setVersion(1);
+    m_descriptor->setContentID(oldContentID);
+    m_descriptor->setParentContentID(0xFFFFFFFF);
+    m_descriptor->setCreateType("twoGbMaxExtentSparse");
+    m_memory->deleteFile(mainURI, true);
+    const P<IIOStream> mainFile = m_memory->openFile(mainURI, IIOStream::Access_ReadWrite);
+    m_descriptor->store(*mainFile, 1024, Bytes(1024));
+    m_updater = new CVMDKContentIDUpdater(m_faults.get(), mainURI, m_descriptor.get());
+}
 
 void ExtentTest::TearDown() {
     EXPECT_THAT(takeLog(), ::testing::IsEmpty());

@@ -65,6 +65,8 @@ public:
         Field_KeyHash = 85,
     };
 
+    /// A new main file, whose content ID was not changed yet, and an updater for it.
+    void createMainFile();
     void createExtent(const UExtentShape& shape, const CURI& uri = extentURI);
     P<CVMDKSparseExtentFile> openExtent(const UExtentOpening& opening = {}, const CURI& uri = extentURI);
 
@@ -95,7 +97,7 @@ public:
     P<CJournalFileSystem> m_journal{new CJournalFileSystem(m_memory.get())};
     P<CFaultFileSystem> m_faults{new CFaultFileSystem(m_journal.get())};
     P<CVMDKGrainTableCache> m_cache{new CVMDKGrainTableCache};
-    P<CVMDKDescriptor> m_descriptor{new CVMDKDescriptor};
+    P<CVMDKDescriptor> m_descriptor;
     P<CVMDKContentIDUpdater> m_updater;
     P<sigil::ICipher> m_cipher;
     TCryptBuffer<unsigned char> m_key;
