@@ -96,6 +96,24 @@ TEST_F(CVMDKDiskLockTest, RefusedDiskLetsGoOfItsLock) {
     EXPECT_NO_THROW(open(forWriting, "disk.vmdk", "secret"));
 }
 
+TEST_F(CVMDKDiskLockTest, ReaderWhoMayNotMakeTheLockFileGoesOnWithoutIt) {
+    create();
+    const P<CFaultFileSystem> faults(new CFaultFileSystem(m_memory.get()));
+    m_files = faults;
+    faults->addRule({.operation = FaultRule::Open, .fileSuffix = ".lock"});
+    const P<CVMDKDisk> reader = openForReading();
+    EXPECT_EQ(readAt(*reader, 0, 512), zeroBytes(512));
+    const auto log = takeLog();
+    ASSERT_EQ(log.size(), 1U);
+    EXPECT_EQ(log[0].level, ILogSink::Level_Warning);
+    EXPECT_EQ(log[0].message, "Cannot make the lock file \"memory:/folder/disk.vmdk.lock\": Reading goes on "
+                              "without a lock.");
+    faults->clearRules();
+    faults->addRule({.operation = FaultRule::Open, .fileSuffix = ".lock", .always = true});
+    EXPECT_FILE_SYSTEM_ERROR(open(), CFileSystemError::Problem_AccessDenied,
+                             "Cannot open file: Injected fault", {{"uri", path("disk.vmdk.lock")}});
+}
+
 // --- The lock goes last ---
 
 TEST_F(CVMDKDiskLockTest, WriterLetsGoOfTheLockWhenAllIsWrittenAndClosed) {
