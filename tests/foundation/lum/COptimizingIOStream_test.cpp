@@ -16,6 +16,7 @@ using namespace lum;
 using namespace tessel::test;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
+using ::testing::Not;
 using ::testing::SizeIs;
 
 namespace {
@@ -337,6 +338,20 @@ TEST_F(COptimizingIOStreamTest, FlushThrowsUntilThePendingWriteGetsThrough) {
     m_refusing->refusesWrites = false;
     EXPECT_NO_THROW(m_stream->flush());
     EXPECT_EQ(contentsBelow().size(), 15u);
+}
+
+TEST_F(COptimizingIOStreamTest, SmallWriteToAStreamForReadingIsToldByFlushAndByTheDestructor) {
+    const P<CMemoryFileSystem> fileSystem(new CMemoryFileSystem);
+    const CURI uri(String("memory:/a"));
+    fileSystem->openFile(uri, IIOStream::Access_ReadWrite)->write("old", 3);
+    P<IIOStream> stream(new COptimizingIOStream(fileSystem->openFile(uri, IIOStream::Access_Read).get()));
+    stream->write("new", 3);
+    for (int i = 0; i < 2; ++i)
+        EXPECT_LUM_ERROR(stream->flush(), CIOError, 2,
+                         "Cannot write to file: It was opened for reading only.",
+                         {{"uri", "memory:/a"}, {"position", "0"}, {"bytesToWrite", "3"}});
+    stream = nullptr;
+    EXPECT_THAT(m_log.takeEntries(), Not(IsEmpty()));
 }
 
 TEST_F(COptimizingIOStreamTest, FailedLargeWriteIsToldByItsCallAndByTheNextFlush) {

@@ -48,3 +48,22 @@ TEST(CLockFileProcess, LockOfAProcessThatWasKilledIsGone) {
     EXPECT_NO_THROW(CLockFile(fileSystem.get(), uri, CLockFile::LockType_Exclusive, false, true));
     EXPECT_FALSE(fileSystem->fileExists(uri));
 }
+
+TEST(CLockFileProcess, ForkedProcessDoesNotKeepALockThatWasReleased) {
+    const CTemporaryFolder folder;
+    const P<IFileSystem> fileSystem(new CNativeFileSystem);
+    const P<IIOStream> stream = fileSystem->openFile(folder.getURI("a"), IIOStream::Access_ReadWrite);
+    const P<IIOStream> other = fileSystem->openFile(folder.getURI("a"), IIOStream::Access_ReadWrite);
+    const P<IStreamLock> lock = stream->lockRange(0, 1, IStreamBase::LockType_Exclusive);
+
+    const pid_t child = ::fork(); // has the file open, too
+    ASSERT_GE(child, 0);
+    while (child == 0)
+        ::pause();
+    EXPECT_THROW(other->lockRange(0, 1, IStreamBase::LockType_Shared), CFileSystemError);
+    stream->close();
+    EXPECT_NO_THROW(other->lockRange(0, 1, IStreamBase::LockType_Exclusive));
+
+    ASSERT_EQ(::kill(child, SIGKILL), 0);
+    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+}
