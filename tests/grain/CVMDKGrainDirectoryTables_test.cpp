@@ -23,7 +23,8 @@ TEST_F(CVMDKGrainDirectoryTablesTest, GrainOutsideTheDirectoryIsRefusedByDirecto
     CVMDKGrainDirectory& directory = m_extent->directory();
     const CProps::Entry uri{"uri", m_extent->uriText()};
     const auto set = [&directory](int64 grainIndex) { directory.setGrainInfo(grainIndex, 9, 8); };
-    for (const auto& [grainIndex, tableIndex] : {std::pair{-512, "-1"}, {-1024, "-2"}, {1536, "3"}}) {
+    for (const auto& [index, tableIndex] : {std::pair{-512, "-1"}, {-1024, "-2"}, {1536, "3"}}) {
+        const int64 grainIndex = index; // lambdas take no structured bindings everywhere
         const String message = String("invalid table index: ") + tableIndex;
         EXPECT_INVALID_ARG_ERROR(m_extent->info(grainIndex), "CVMDKGrainDirectory::getGrainTable", message,
                                  {uri});
