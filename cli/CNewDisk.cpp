@@ -86,15 +86,27 @@ CNewDisk::CNewDisk(const std::string& name, int64 sizeBytes, const UCreateOption
         return P<CLockFile>(new CLockFile(m_files.get(), target.getParent() << (target.getName() + ".lock"),
                                           CLockFile::LockType_Exclusive, false, true));
     });
+    const String password = passwords.getForCreating(name);
     if (!options.parent.empty())
-        m_parent = openDisk(options.parent, IIOStream::Access_Read, passwords.getForOpening(options.parent),
-                            m_files.get());
+        openParent(options.parent, passwords.getForOpening(options.parent), password);
     m_folder = std::make_unique<CStagedFolder>(folder());
-    create(sizeBytes, options, passwords.getForCreating(name));
+    create(sizeBytes, options, password);
 }
 
 CNewDisk::~CNewDisk() {
     m_disk = nullptr;
+}
+
+/// `password` is the parent's, `ownPassword` that of the new disk.
+void CNewDisk::openParent(const std::string& name, const String& password, const String& ownPassword) {
+    m_parent = openDisk(name, IIOStream::Access_Read, password, m_files.get());
+    if (!needsPassword(name))
+        return;
+    if (ownPassword.isEmpty())
+        tellWarning(m_name + ": The parent is encrypted and this disk is not: what it stores can be read by "
+                             "everybody");
+    else if (!(ownPassword == password))
+        throw CFailure(m_name, "A child needs the password of its parents");
 }
 
 /// The place where the disk is made is nothing that the user knows.
@@ -120,9 +132,6 @@ void CNewDisk::create(int64 sizeBytes, const UCreateOptions& options, const Stri
     if (compressed && limit != singleFile)
         tellWarning(m_name +
                     ": Other readers see only the first file of a disk that is compressed and split");
-    if (m_parent && needsPassword(options.parent) && password.isEmpty())
-        tellWarning(m_name + ": The parent is encrypted and this disk is not: what it stores can be read by "
-                             "everybody");
     try {
         createFiles(sizeBytes, options, password, compressed, limit);
     } catch (const CError& error) {

@@ -52,6 +52,7 @@ public:
 
 private:
     [[noreturn]] void fail(const CError& error) const;
+    void openParent(const std::string& name, const String& password, const String& ownPassword);
     void create(int64 sizeBytes, const UCreateOptions& options, const String& password);
     void createFiles(int64 sizeBytes, const UCreateOptions& options, const String& password, bool compressed,
                      int64 limit);

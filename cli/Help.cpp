@@ -4,12 +4,14 @@
 #include "Output.h"
 
 #include <algorithm>
+#include <sstream>
 
 namespace tessel::cli {
 
 namespace {
 
-constexpr std::size_t leftColumn = 28;
+constexpr std::size_t leftColumn = 30;
+constexpr std::size_t lineLength = 100;
 
 std::string fullNameOf(const CLI::App& verb) {
     return verb.get_parent() ? verb.get_parent()->get_name() + " " + verb.get_name() : verb.get_name();
@@ -30,10 +32,20 @@ std::string nameOf(const CLI::Option& option) {
     return takes.empty() ? names : names + "[=" + takes + "]";
 }
 
+/// Two columns, of which the right one may take several lines.
 std::string makeRow(const std::string& left, const std::string& right) {
-    const std::size_t blanks = left.size() + 2 < leftColumn ? leftColumn - left.size() - 2 : 0;
-    return "  " + left + (blanks > 0 ? std::string(blanks, ' ') : "\n" + std::string(leftColumn, ' ')) +
-           right + "\n";
+    std::string line = "  " + left + "  ";
+    std::string rows;
+    line.resize(std::max(line.size(), leftColumn), ' ');
+    std::istringstream words(right);
+    for (std::string word; words >> word;) {
+        if (line.size() + word.size() > lineLength) {
+            rows += line.substr(0, line.find_last_not_of(' ') + 1) + "\n";
+            line.assign(leftColumn, ' ');
+        }
+        line += word + " ";
+    }
+    return rows + line.substr(0, line.size() - 1) + "\n";
 }
 
 std::string makeHelp(const CLI::App& verb) {

@@ -1,0 +1,104 @@
+#!/usr/bin/env bash
+# flatten takes over what the parents hold, and the disk stands alone; ended early, it is still a valid child.
+. "$(dirname -- "$0")/lib.sh"
+
+stored() {
+    ok space "$1" --json
+    json 'd["payloadBytes"]'
+}
+check() {
+    ok convert "$1" back.raw --size "$(size_of "$2")" --force
+    same "$2" back.raw
+}
+parent_of() {
+    ok info "$1" --json
+    json 'd["parent"] and d["parent"]["reference"]'
+}
+
+make_image base.raw 1
+cp base.raw middle.raw
+put middle.raw 1000000 100000 2
+cp middle.raw top.raw
+put top.raw 2000000 100000 3
+dd if=/dev/zero of=top.raw bs=64K seek=1 count=1 conv=notrunc status=none
+
+for options in "" "--compressed" "--split=6M --on-demand"; do
+    rm -f ./*.vmdk
+    read -ra words <<<"$options"
+    ok convert base.raw base.vmdk --quiet "${words[@]}"
+    run 0 convert middle.raw middle.vmdk --parent base.vmdk --quiet
+    run 0 convert top.raw top.vmdk --parent middle.vmdk --quiet
+    check top.vmdk top.raw
+    ok create leaf.vmdk --parent top.vmdk
+    ok info top.vmdk --json
+    id=$(json 'd["contentID"]')
+    ok flatten top.vmdk
+    ok info top.vmdk --json
+    json_is 'd["parent"], d["contentID"]' "(None, '$id')"
+    check leaf.vmdk top.raw
+    rm base*.vmdk middle*.vmdk
+    check top.vmdk top.raw
+    # What no disk of the chain held is not stored.
+    [[ $(stored top.vmdk) -lt 2000000 ]] || fail "unwritten grains were stored: $(stored top.vmdk)"
+    refused 1 'top.vmdk: This disk has no parent and stands alone already' flatten top.vmdk
+done
+
+# Parents whose grains are of another size or kind, or whose end lies within a grain.
+head -c 8000000 base.raw | head -c $((8000000 / 512 * 512)) >odd.raw
+for kind in monolithicSparse twoGbMaxExtentSparse; do
+    rm -f ./*.vmdk
+    qemu-img convert -f raw -O vmdk -o subformat=$kind odd.raw odd.vmdk
+    ok create child.vmdk --parent odd.vmdk
+    check child.vmdk odd.raw
+    ok flatten child.vmdk
+    rm odd*.vmdk
+    check child.vmdk odd.raw
+done
+rm -f ./*.vmdk
+ok convert base.raw plain.vmdk --quiet
+ok convert base.raw packed.vmdk --compressed --quiet
+ok create child.vmdk --parent packed.vmdk
+ok rebase child.vmdk plain.vmdk --unsafe
+ok flatten child.vmdk
+rm plain.vmdk packed.vmdk
+check child.vmdk base.raw
+
+# Ended by a full medium, and by the user: still a child with the same bytes, and the rest can be done later.
+data 40M 5 >big.raw
+ok convert big.raw big.vmdk
+ok create cut.vmdk --parent big.vmdk
+for limit in 1000 9000 15000; do
+    code=0
+    (ulimit -f $limit; exec "$TESSEL_PROGRAM" flatten cut.vmdk) 2>"$err" || code=$?
+    last="flatten with files limited to $limit KiB"
+    ((code == 1)) || fail "the exit code is $code, not 1"
+    error_is_one_line
+    [[ $(parent_of cut.vmdk) == big.vmdk ]] || fail "the disk should still be a child"
+    check cut.vmdk big.raw
+done
+for ((attempt = 0; attempt < 20; attempt++)); do
+    ok create cut.vmdk --parent big.vmdk --force
+    last="flatten, interrupted as soon as the file grows"
+    code=0
+    python3 - "$TESSEL_PROGRAM" flatten cut.vmdk <<'END' 2>"$err" || code=$?
+import os, signal, subprocess, sys
+before = os.stat("cut.vmdk").st_size
+child = subprocess.Popen(sys.argv[1:])
+while child.poll() is None and os.stat("cut.vmdk").st_size == before:
+    pass
+child.send_signal(signal.SIGINT)
+sys.exit(-child.wait())
+END
+    ((code != 0)) || continue # it was done before the signal came
+    ((code == 2)) || fail "the program should end by SIGINT, which is 2, not $code"
+    break
+done
+((code == 2)) || fail "the program could not be interrupted"
+[[ $(parent_of cut.vmdk) == big.vmdk ]] || fail "the disk should still be a child"
+[[ $(stored cut.vmdk) -gt 0 ]] || fail "the disk should have taken over something"
+check cut.vmdk big.raw
+ok flatten cut.vmdk
+rm big.vmdk
+[[ $(parent_of cut.vmdk) == None ]] || fail "the disk should stand alone"
+check cut.vmdk big.raw
+[[ -z $(find . -name '*.lock') ]] || fail "a lock was left behind"

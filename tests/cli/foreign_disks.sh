@@ -1,0 +1,63 @@
+#!/usr/bin/env bash
+# Disks of another program: those that can be read are, the others are refused in one line that says why.
+. "$(dirname -- "$0")/lib.sh"
+
+make_image disk.raw
+truncate -s $(((image_size + 511) / 512 * 512)) disk.raw # a disk has whole sectors
+
+for kind in monolithicSparse twoGbMaxExtentSparse; do
+    qemu-img convert -f raw -O vmdk -o subformat=$kind disk.raw $kind.vmdk
+    ok info $kind.vmdk --json
+    json_is 'd["kind"], d["sizeBytes"], d["grainSizeBytes"]' "('$kind', $(size_of disk.raw), 65536)"
+    ok convert $kind.vmdk back.raw --force
+    same disk.raw back.raw
+    ok create child.vmdk --parent $kind.vmdk --force
+    ok convert child.vmdk back.raw --force --size "$(size_of disk.raw)"
+    same disk.raw back.raw
+done
+
+# Written by that program once more, over ours.
+ok convert disk.raw ours.vmdk --quiet
+qemu-io -f vmdk -c 'write -P 0x61 1000000 70000' -c 'write -P 0x62 7000000 512' ours.vmdk >/dev/null
+cp disk.raw changed.raw
+head -c 70000 /dev/zero | tr '\0' a | dd of=changed.raw bs=64K oflag=seek_bytes seek=1000000 conv=notrunc status=none
+head -c 512 /dev/zero | tr '\0' b | dd of=changed.raw bs=64K oflag=seek_bytes seek=7000000 conv=notrunc status=none
+ok convert ours.vmdk back.raw --force --size "$(size_of disk.raw)"
+same changed.raw back.raw
+
+qemu-img convert -f raw -O vmdk -o subformat=streamOptimized disk.raw stream.vmdk
+refused 1 'stream.vmdk: Slot size directory not found in compressed VMDK.' convert stream.vmdk new.raw
+refused 1 'stream.vmdk: Slot size directory not found in compressed VMDK.' space stream.vmdk
+run 1 info stream.vmdk
+error_is 'tessel: stream.vmdk: Slot size directory not found in compressed VMDK.'
+output_holds 'kind:       streamOptimized'
+qemu-img convert -f raw -O vmdk -o subformat=monolithicFlat disk.raw flat.vmdk
+refused 1 "flat.vmdk: VMDK disk has an unsupported create type: 'monolithicFlat'." convert flat.vmdk new.raw
+qemu-img convert -f raw -O vmdk -o zeroed_grain=on disk.raw zeroed.vmdk
+run 1 convert zeroed.vmdk new.raw
+error_is_one_line
+
+# A descriptor file without room for what is written first: the advice that is given helps.
+printf x >byte
+python3 - <<'END'
+text = open("twoGbMaxExtentSparse.vmdk", "rb").read().rstrip(b"\0\n") + b"\n"
+open("twoGbMaxExtentSparse.vmdk", "wb").write(text)
+END
+run 1 write twoGbMaxExtentSparse.vmdk 0 <byte
+error_is_one_line
+error_holds 'tessel: twoGbMaxExtentSparse.vmdk: Internal error: actual VMDK descriptor size exceeds target size'
+error_holds 'The place of the descriptor is full'
+error_holds 'truncate -s +512'
+ok convert twoGbMaxExtentSparse.vmdk back.raw --force
+same disk.raw back.raw
+truncate -s +512 twoGbMaxExtentSparse.vmdk
+ok write twoGbMaxExtentSparse.vmdk 0 <byte
+ok read twoGbMaxExtentSparse.vmdk 0 2
+same <(printf x; dd if=disk.raw bs=1 skip=1 count=1 status=none) "$out"
+[[ ! -e new.raw ]] || fail "a refused disk was converted"
+
+# A disk that was renamed by hand still names its old file.
+cp ours.vmdk renamed.vmdk
+run 0 convert renamed.vmdk back.raw --force --size "$(size_of disk.raw)"
+error_is "tessel: warning: The descriptor in VMDK file '$PWD/renamed.vmdk' names another file as its first extent: \
+'$PWD/ours.vmdk'. The disk may have been renamed or copied by hand."

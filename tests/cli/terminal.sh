@@ -1,0 +1,110 @@
+#!/usr/bin/env bash
+# On a terminal there are a progress bar, which goes when the work is done, and a prompt for passwords without
+# echo. Elsewhere there is neither.
+. "$(dirname -- "$0")/lib.sh"
+
+make_image disk.raw
+printf 'geheim ü\n' >pw
+ok convert disk.raw secret.vmdk --quiet --password-file pw
+cat >on_terminal.py <<'END'
+import os, pty, subprocess, sys, termios, time
+
+PROGRAM = sys.argv[1]
+
+class Terminal:
+    def __init__(self):
+        self.ours, self.theirs = pty.openpty()
+        self.seen = b""
+
+    def start(self, *arguments, **streams):
+        streams = {"stdin": self.theirs, "stderr": self.theirs, "stdout": subprocess.DEVNULL, **streams}
+        self.child = subprocess.Popen([PROGRAM, *arguments], start_new_session=True, **streams)
+
+    def read_until(self, text):
+        import select
+        deadline = time.monotonic() + 60
+        while text not in self.seen:
+            ready, _, _ = select.select([self.ours], [], [], max(0, deadline - time.monotonic()))
+            assert ready, f"{text!r} does not come: {self.seen!r}"
+            self.seen += os.read(self.ours, 4096)
+
+    def has_echo(self):
+        return bool(termios.tcgetattr(self.theirs)[3] & termios.ECHO)
+
+    def finish(self):
+        self.child.wait()
+        os.set_blocking(self.ours, False)
+        try:
+            self.seen += os.read(self.ours, 65536)
+        except BlockingIOError:
+            pass
+        return self.child.returncode
+
+def answer(*lines, arguments):
+    terminal = Terminal()
+    terminal.start(*arguments)
+    for line in lines:
+        terminal.read_until(b": ")
+        terminal.seen = b""
+        assert not terminal.has_echo(), "what is typed is shown"
+        os.write(terminal.ours, line.encode() + b"\n")
+    code = terminal.finish()
+    assert terminal.has_echo(), "the terminal stays without echo"
+    assert lines[-1].encode() not in terminal.seen, terminal.seen
+    return code, terminal.seen
+
+# Passwords.
+code, seen = answer("geheim ü", arguments=["convert", "secret.vmdk", "asked.raw"])
+assert code == 0, (code, seen)
+code, seen = answer("falsch", arguments=["convert", "secret.vmdk", "x.raw"])
+assert code == 1 and b"Specified VMDK encryption password is not correct." in seen, (code, seen)
+code, seen = answer("neu", "neu", arguments=["create", "new.vmdk", "10M", "--encrypt"])
+assert code == 0, (code, seen)
+code, seen = answer("neu", "nie", arguments=["create", "x.vmdk", "10M", "--encrypt"])
+assert code == 1 and b"The two passwords differ" in seen, (code, seen)
+code, seen = answer("neu", arguments=["read", "new.vmdk", "0", "1"])
+assert code == 0, (code, seen)
+
+# Ctrl-C at the prompt leaves the terminal as it was.
+terminal = Terminal()
+terminal.start("convert", "secret.vmdk", "x.raw")
+terminal.read_until(b"Password of secret.vmdk: ")
+terminal.child.send_signal(2)
+assert terminal.finish() == -2 and terminal.has_echo()
+
+# Progress.
+def convert_slowly(*options):
+    terminal = Terminal()
+    terminal.start("convert", "-", "slow.raw", "--to", "raw", "--size", "8M", "--force", *options,
+                   stdin=subprocess.PIPE)
+    for _ in range(4):
+        terminal.child.stdin.write(b"x" * 2097152)
+        terminal.child.stdin.flush()
+        time.sleep(0.3)
+    terminal.child.stdin.close()
+    assert terminal.finish() == 0
+    return terminal.seen
+seen = convert_slowly()
+for part in (b"\r[###", b"...", b"%  ", b" of 8 MiB  ", b"iB/s  ", b" left"):
+    assert part in seen, (part, seen)
+assert seen.endswith(b"\r\x1b[K"), seen
+assert b"\n" not in seen, seen
+assert convert_slowly("--quiet") == b""
+END
+last="on_terminal.py"
+python3 on_terminal.py "$TESSEL_PROGRAM" || fail "see above"
+cmp -n $image_size disk.raw asked.raw || fail "the bytes differ"
+[[ ! -e x.raw && ! -e x.vmdk ]] || fail "something was made"
+
+# Bytes of a disk are not for a terminal.
+last="read to a terminal"
+python3 - "$TESSEL_PROGRAM" <<'END' || fail "see above"
+import pty, subprocess, sys
+ours, theirs = pty.openpty()
+for arguments in (["read", "slow.raw", "0", "1"], ["convert", "slow.raw", "-"]):
+    if arguments[0] == "read":
+        subprocess.run([sys.argv[1], "create", "y.vmdk", "10M"], check=True)
+        arguments[1] = "y.vmdk"
+    done = subprocess.run([sys.argv[1], *arguments], stdin=subprocess.DEVNULL, stdout=theirs, stderr=subprocess.PIPE)
+    assert done.returncode == 2 and b"not for a terminal" in done.stderr, done
+END
