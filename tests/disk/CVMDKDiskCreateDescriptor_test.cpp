@@ -181,7 +181,7 @@ TEST_F(CVMDKDiskCreateDescriptorTest, NamesThatWouldNotReadBackAreRefused) {
         for (const int64 limit : {int64{-1}, 3 * MiB}) {
             const auto error = catchError([&] { create({.limit = limit}, name); });
             ASSERT_TRUE(error);
-            ASSERT_EQ(typeid(*error), typeid(CInvalidArgError));
+            ASSERT_EQ(std::string(error->getClassName()), "CInvalidArgError");
             EXPECT_EQ(static_cast<CInvalidArgError&>(*error).getSource(), "CVMDKDisk::create");
             EXPECT_TRUE(error->getMessage().EndsWith(
                 "' cannot be used for a VMDK file: it may not hold quotes, colons, slashes, backslashes or "
