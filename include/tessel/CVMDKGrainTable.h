@@ -63,11 +63,7 @@ private:
     bool m_entriesChanged = false;
     TBuffer<uint16> m_slotSizes;
     bool m_slotSizesChanged = false;
-<<<<<<< HEAD
-    /// What is on disk, while that differs and there are slot sizes; else empty.
-=======
     /// What is on disk, or may be, while that differs and there are slot sizes; else empty.
->>>>>>> w-t-grain
     TBuffer<uint32> m_storedEntries;
     TBuffer<uint16> m_storedSlotSizes;
 };
