@@ -28,8 +28,8 @@ void writeDisk(const char* rawPath, const char* diskPath, bool compressed, const
     const P<CNativeFileSystem> files(new CNativeFileSystem(false));
     const P<IIOStream> raw = files->openFile(toURI(rawPath), IIOStream::Access_Read);
     const int64 size = raw->getLength();
-    const P<CVMDKDisk> disk =
-        CVMDKDisk::create(files.get(), toURI(diskPath), size, password, compressed, 1, -1, "", noParent, false);
+    const P<CVMDKDisk> disk = CVMDKDisk::create(files.get(), toURI(diskPath), size, password, compressed, 1,
+                                                -1, "", noParent, false);
     std::vector<char> piece(pieceSize);
     for (int64 left = size; left > 0;) {
         const auto count = static_cast<int>(std::min<int64>(left, pieceSize));

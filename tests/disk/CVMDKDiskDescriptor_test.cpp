@@ -1,7 +1,7 @@
 // Changes of the descriptor of an open disk: stored whole, or not made.
 
-#include "CFaultFileSystem.h"
 #include "CEventFileSystem.h"
+#include "CFaultFileSystem.h"
 #include "DiskTest.h"
 
 using namespace tessel;

@@ -1,7 +1,7 @@
 // Bytes and grains of an open disk, and what is asked of a disk that cannot.
 
-#include "CFaultFileSystem.h"
 #include "CEventFileSystem.h"
+#include "CFaultFileSystem.h"
 #include "DiskTest.h"
 
 using namespace tessel;

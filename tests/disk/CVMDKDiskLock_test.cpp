@@ -1,7 +1,7 @@
 // The lock that keeps the users of a disk apart, from before anything is read until all is written.
 
-#include "CFaultFileSystem.h"
 #include "CEventFileSystem.h"
+#include "CFaultFileSystem.h"
 #include "CTemporaryFolder.h"
 #include "DiskTest.h"
 #include "lum/CNativeFileSystem.h"
