@@ -152,6 +152,19 @@ TEST_F(CVMDKDiskExtentMapTest, RefusesASizeThatIsNoNumber) {
     }
 }
 
+TEST_F(CVMDKDiskExtentMapTest, LineRemembersThatItsSizeIsNoNumber) {
+    const auto isSizeKnown = [](const P<CVMDKDescriptorEntry>& entry) {
+        return castTo<CVMDKExtentInfo>(entry)->isSizeKnown();
+    };
+    const P<CVMDKExtentInfo> known = CVMDKExtentInfo::tryParseDescriptorLine("RW 0 SPARSE \"a.vmdk\"");
+    EXPECT_TRUE(isSizeKnown(known));
+    EXPECT_TRUE(isSizeKnown(known->cloneDescriptorEntry()));
+    const P<CVMDKExtentInfo> unknown = CVMDKExtentInfo::tryParseDescriptorLine("RW x SPARSE \"a.vmdk\"");
+    EXPECT_EQ(unknown->getSizeSectors(), 0);
+    EXPECT_FALSE(isSizeKnown(unknown));
+    EXPECT_FALSE(isSizeKnown(unknown->cloneDescriptorEntry()));
+}
+
 TEST_F(CVMDKDiskExtentMapTest, RefusesExtentLinesThatItDoesNotUnderstand) {
     putExtent("a.vmdk", 2);
     const struct {
