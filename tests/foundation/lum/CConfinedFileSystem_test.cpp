@@ -79,7 +79,7 @@ protected:
         m_confined = new CConfinedFileSystem(m_native.get(), uri("in"));
     }
     std::filesystem::path path(const char* name) const { return m_folder.getPath(name); }
-    CURI uri(const char* name) const { return m_folder.getURI(name); }
+    CURI uri(const char* name) const { return nativePathToURI(String::fromUTF8(path(name).string())); }
 
     tessel::test::CTemporaryFolder m_folder;
     P<CNativeFileSystem> m_native{new CNativeFileSystem(false)};
