@@ -4,6 +4,7 @@
 #include "platform.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace tessel::cli {
 
@@ -13,7 +14,7 @@ constexpr std::chrono::milliseconds updateInterval(100);
 constexpr int widestBar = 40;
 
 std::string formatDuration(double seconds) {
-    const auto whole = static_cast<int64>(seconds + 0.5);
+    const auto whole = static_cast<int64>(std::llround(seconds));
     const auto twoDigits = [](int64 n) { return (n < 10 ? "0" : "") + std::to_string(n); };
     const std::string minutes = whole >= 3600
                                     ? std::to_string(whole / 3600) + ":" + twoDigits(whole / 60 % 60)

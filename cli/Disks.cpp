@@ -146,7 +146,7 @@ String makeParentReference(const std::string& childName, const std::string& pare
             const std::u8string text = path.generic_u8string();
             if (text.empty())
                 continue;
-            const String reference =
+            String reference =
                 String::fromUTF8(std::string_view(reinterpret_cast<const char*>(text.data()), text.size()));
             if (leadsTo(folder, reference, parent))
                 return reference;

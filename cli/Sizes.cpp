@@ -47,12 +47,10 @@ int64 parseSize(const std::string& text, const std::string& what) {
 std::string formatSize(int64 bytes) {
     if (bytes < 1024)
         return std::to_string(bytes) + (bytes == 1 ? " byte" : " bytes");
-    double value = static_cast<double>(bytes);
-    int unit = -1;
-    while (value >= 1024 && unitLetters[unit + 1] != '\0') {
+    double value = static_cast<double>(bytes) / 1024;
+    int unit = 0;
+    for (; value >= 1024 && unitLetters[unit + 1] != '\0'; ++unit)
         value /= 1024;
-        ++unit;
-    }
     std::array<char, 32> text{};
     const bool whole = value == static_cast<double>(static_cast<int64>(value)) || value >= 1000;
     const int length = std::snprintf(text.data(), text.size(),

@@ -43,7 +43,7 @@ fs::path makeTemporaryName(const fs::path& folder) {
             const CMutexLock lock(CMTRand::getGlobalInstanceMutex());
             number = CMTRand::getGlobal()->rand32();
         }
-        const fs::path path = folder / ("tessel-tmp-" + toHexString(number).toUTF8());
+        fs::path path = folder / ("tessel-tmp-" + toHexString(number).toUTF8());
         if (!somethingExists(path))
             return path;
     }

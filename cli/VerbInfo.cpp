@@ -56,7 +56,7 @@ struct UDiskFacts {
 P<CVMDKSparseExtentHeader> readHeader(IFileSystem* files, const CURI& uri) {
     const P<IIOStream> stream = openVMDKFileStream(files, uri, IIOStream::Access_Read);
     CDataInStream in(stream.get());
-    const P<CVMDKSparseExtentHeader> header(new CVMDKSparseExtentHeader);
+    P<CVMDKSparseExtentHeader> header(new CVMDKSparseExtentHeader);
     header->load(in);
     return header;
 }

@@ -4,7 +4,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <signal.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <termios.h>
@@ -12,6 +11,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <system_error>
 
 #if defined(__linux__)
@@ -36,6 +36,13 @@ void noteSignal(int signal) noexcept {
     const char byte = 0;
     [[maybe_unused]] const ssize_t written = ::write(g_wakePipe[1], &byte, 1);
     errno = savedError;
+}
+
+void setHandler(int signal, void (*handler)(int)) noexcept {
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    ::sigemptyset(&action.sa_mask);
+    ::sigaction(signal, &action, nullptr);
 }
 
 std::string describeSystemError(int error) {
@@ -95,17 +102,14 @@ void catchInterrupts() {
             ::fcntl(end, F_SETFD, FD_CLOEXEC);
             ::fcntl(end, F_SETFL, O_NONBLOCK);
         }
-    ::signal(SIGPIPE, SIG_IGN);
-    ::signal(SIGXFSZ, SIG_IGN);
+    setHandler(SIGPIPE, SIG_IGN);
+    setHandler(SIGXFSZ, SIG_IGN);
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         struct sigaction action = {};
         // Who starts a program in the background or under nohup has these ignored, and wants that.
         if (::sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN)
             continue;
-        action = {};
-        action.sa_handler = noteSignal;
-        ::sigemptyset(&action.sa_mask);
-        ::sigaction(signal, &action, nullptr);
+        setHandler(signal, noteSignal);
     }
 }
 
@@ -120,8 +124,8 @@ void throwIfInterrupted() {
 
 void endInterrupted() {
     const int signal = g_signal;
-    ::signal(signal, SIG_DFL);
-    ::raise(signal);
+    setHandler(signal, SIG_DFL);
+    ::kill(::getpid(), signal);
     ::_exit(Exit_Failed);
 }
 

@@ -1,0 +1,46 @@
+#!/usr/bin/env bash
+# What the documents say of the program and the library is so.
+. "$(dirname -- "$0")/lib.sh"
+cd -- "$TESSEL_SOURCE_DIR"
+last="reading the documents"
+
+# README quotes the example that is compiled.
+sed -n '/^```cpp$/,/^```$/p' README.md | sed '1d;$d' >"$base/quoted"
+same "$base/quoted" examples/read_sector.cpp
+
+# Every verb stands in README, every option in an example or a sentence of the program's page exists.
+ok --help
+verbs=$(sed -n '/^Verbs:/,/^$/s/^  \([a-z]*\) .*/\1/p' "$out")
+for verb in $verbs; do
+    grep -q "\`$verb\`" README.md || fail "README.md does not name $verb"
+    ok "$verb" --help
+    cat -- "$out" >>"$base/help"
+done
+while IFS= read -r option; do
+    grep -q -- "$option\b" "$base/help" || fail "docs/program.md names $option, which no verb has"
+done < <(grep -o -- '`--[a-z-]*' docs/program.md | tr -d '`' | grep -v '^--$' | sort -u)
+
+# The members of the JSON answers are those of the page.
+cd -- "$base/work"
+ok create base.vmdk 10M
+ok create child.vmdk --parent base.vmdk
+members() {
+    json '"\n".join(sorted(k for o in [d, *(d.get("extents") or []), d.get("parent") or {}] for k in o))' | sort -u
+}
+ok info child.vmdk --json
+members >found
+sed -n '/^```json$/,/^```$/p' "$TESSEL_SOURCE_DIR/docs/program.md" | grep -o '"[a-zA-Z]*":' | tr -d '":' | sort -u >told
+same told found
+ok space child.vmdk --json
+members >found
+sed -n '/^## `space --json`/,$p' "$TESSEL_SOURCE_DIR/docs/program.md" | grep '^| `' | cut -d'|' -f2 |
+    grep -o '[a-zA-Z]*' | sort -u >told
+same told found
+
+# Links between the documents lead somewhere.
+cd -- "$TESSEL_SOURCE_DIR"
+for page in *.md docs/*.md; do
+    while IFS= read -r target; do
+        [[ -e $(dirname -- "$page")/${target%%#*} ]] || fail "$page leads to $target, which is not there"
+    done < <(grep -o ']([^)#:]*[^):]*)' "$page" | grep -v '](#' | sed 's/^](//; s/)$//' | grep -v '://' || true)
+done
