@@ -85,8 +85,7 @@ void CTestExtent::flush() {
         m_grain->flushChangesToStream();
     if (m_allocator)
         m_allocator->flushChangesToStream();
-    m_stream->flush();
-    m_directory->flushChangesToStream();
+    m_directory->flushChangesInOrder();
     m_stream->flush();
 }
 

@@ -239,6 +239,38 @@ TEST_F(CVMDKGrainDirectoryBatchTest, FlushWritesTheChangedTablesAndLeavesTheStre
     EXPECT_THAT(takeKinds(), IsEmpty());
 }
 
+TEST_F(CVMDKGrainDirectoryBatchTest, FlushInOrderMakesDurableWhatTheNextStepRestsOn) {
+    makeAndOpen(64);
+    set(5, 1005);
+    set(40, 1040);
+    takeKinds();
+    directory().flushChangesInOrder();
+    EXPECT_THAT(takeKinds(), ElementsAre(CRecordingStream::Flush, CRecordingStream::Write));
+    EXPECT_EQ(entryInFile(40), 1040u);
+    directory().flushChangesInOrder();
+    EXPECT_THAT(takeKinds(), ElementsAre(CRecordingStream::Flush)) << "the data, whatever they are";
+
+    makeAndOpen(64, CVMDKGrainTableCache::defaultLimit, true);
+    set(5, 1005); // new grains: their slot sizes go with the data
+    set(40, 1040);
+    takeKinds();
+    directory().flushChangesInOrder();
+    EXPECT_THAT(takeKinds(),
+                ElementsAre(CRecordingStream::Write, CRecordingStream::Flush, CRecordingStream::Write));
+    directory().setGrainInfo(5 * 512, 2005, 20); // moves: its slot size comes behind the entry
+    set(41, 1041);
+    takeKinds();
+    directory().flushChangesInOrder();
+    EXPECT_THAT(takeKinds(),
+                ElementsAre(CRecordingStream::Write, CRecordingStream::Flush, CRecordingStream::Write,
+                            CRecordingStream::Flush, CRecordingStream::Write));
+    EXPECT_FALSE(cache().hasUnflushedTables(&directory()));
+    m_extent->openDirectory(IIOStream::Access_Read);
+    EXPECT_EQ(m_extent->info(5 * 512), (Info{2005, 20}));
+    EXPECT_EQ(m_extent->info(40 * 512), (Info{1040, 8}));
+    EXPECT_EQ(m_extent->info(41 * 512), (Info{1041, 8}));
+}
+
 TEST_F(CVMDKGrainDirectoryBatchTest, DestructorWritesBehindTheDataAndEmptiesTheCache) {
     make(false, 64);
     const P<CVMDKGrainTableCache> shared(new CVMDKGrainTableCache);
