@@ -53,8 +53,7 @@ public:
     int64 getTableCount() const noexcept { return m_tableCount; }
     int getEntriesPerTable() const noexcept { return m_entriesPerTable; }
 
-    /// Writes the changed tables. The stream is flushed only between the entries of grains that moved into
-    /// larger slots and the slot sizes, which must become durable in this order.
+    /// Writes the changed tables. The stream is not flushed.
     void flushChangesToStream();
 
 private:

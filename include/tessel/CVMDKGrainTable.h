@@ -33,20 +33,13 @@ public:
     void setGrainInfo(int64 grainIndex, int64 grainPosSectors, int64 slotSizeSectors);
 
     bool hasUnflushedChanges() const noexcept { return m_entriesChanged || m_slotSizesChanged; }
-    /// True while the size of a slot that a grain moved into, larger than its old one, is not written. It
-    /// must be durable later than the entry: with the old entry it would claim the slots behind the old
-    /// one for the grain.
-    bool hasUnflushedGrowth() const noexcept { return m_slotGrew; }
 
     /// Writes what was changed, each table to all its copies. The stream is not flushed.
     /// Throws: the stream's error; what was not written stays to be written.
     void flushChangesToStream();
-    /// The same, but for the slot sizes.
-    void flushEntriesToStream();
 
 private:
     void verifyIndex(const char* method, int64 grainIndex) const;
-    void forgetSlotSize(int64 grainIndex);
 
     P<IIOStream> m_stream;
     IIOStream::Access m_access;
@@ -59,7 +52,6 @@ private:
     bool m_entriesChanged = false;
     TBuffer<uint16> m_slotSizes;
     bool m_slotSizesChanged = false;
-    bool m_slotGrew = false;
 };
 
 } // namespace tessel

@@ -43,9 +43,6 @@ public:
     /// Writes the changed tables of a directory, in the order of their indices.
     /// Throws: the first table's error; the rest is then not written.
     void flushCachedTablesFromDirectoryToStream(CVMDKGrainDirectory* directory);
-    /// Writes the entries, not the slot sizes, of those tables of a directory that have unflushed growth;
-    /// true when there are any. Throws: as above.
-    bool flushEntriesOfGrownSlotsToStream(CVMDKGrainDirectory* directory);
     /// Lets go of the tables of a directory. Those with changes write themselves as they go.
     void removeCachedTablesFromDirectory(CVMDKGrainDirectory* directory);
     /// Lets go of every table.

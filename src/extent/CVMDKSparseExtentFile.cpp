@@ -213,10 +213,6 @@ void CVMDKSparseExtentFile::seek(int64 position) {
         int64 grainPosSectors = 0;
         int64 slotSizeSectors = 0;
         m_grainDirectory->getGrainInfo(grainIndex, grainPosSectors, slotSizeSectors);
-        // Power that went between the writing of a table and of its slot sizes leaves an entry without a
-        // size. The record tells its own length; when it is rewritten, it moves unless it fits a sector.
-        if (m_compressed && grainPosSectors > 0)
-            slotSizeSectors = std::max<int64>(slotSizeSectors, 1);
         m_currentGrainIndex = -1;
         m_grain->open(grainIndex, m_startGrainIndex + grainIndex, grainPosSectors, slotSizeSectors);
         m_currentGrainIndex = grainIndex;

@@ -205,7 +205,7 @@ void CVMDKGrainDirectory::makeRoomForBatch(int64 first, int64 end) {
     if (!m_cache->wouldEvict(end - first) && !m_cache->hasCachedTables(this, first, end))
         return;
     m_stream->flush();
-    flushChangesToStream();
+    m_cache->flushCachedTablesFromDirectoryToStream(this);
 }
 
 P<CVMDKGrainTable> CVMDKGrainDirectory::getGrainTable(int64 tableIndex) {
@@ -268,8 +268,6 @@ void CVMDKGrainDirectory::setGrainInfo(int64 grainIndex, int64 grainPosSectors, 
 }
 
 void CVMDKGrainDirectory::flushChangesToStream() {
-    if (m_cache->flushEntriesOfGrownSlotsToStream(this))
-        m_stream->flush();
     m_cache->flushCachedTablesFromDirectoryToStream(this);
 }
 

@@ -29,10 +29,6 @@ CVMDKGrainTable::~CVMDKGrainTable() {
         if (hasUnflushedChanges()) {
             // Nobody saw to the order of this write: the slots must be durable before their entries.
             m_stream->flush();
-            if (m_slotGrew) {
-                flushEntriesToStream();
-                m_stream->flush();
-            }
             flushChangesToStream();
         }
     } catch (const std::exception& error) {
@@ -74,45 +70,26 @@ void CVMDKGrainTable::setGrainInfo(int64 grainIndex, int64 grainPosSectors, int6
     if (m_access != IIOStream::Access_ReadWrite)
         throw CError("Internal error: CVMDKGrainTable::setGrainInfo was called, but the table was not opened "
                      "for writing.");
-    const bool hadSlot = m_entries[grainIndex] != 0;
-    const bool moves = hadSlot && m_entries[grainIndex] != grainPosSectors;
-    if (!m_slotSizes.isEmpty() && !hadSlot && m_slotSizes[grainIndex] > slotSizeSectors)
-        forgetSlotSize(grainIndex);
     if (m_entries[grainIndex] != grainPosSectors) {
         m_entries[grainIndex] = static_cast<uint32>(grainPosSectors);
         m_entriesChanged = true;
     }
     if (!m_slotSizes.isEmpty() && m_slotSizes[grainIndex] != slotSizeSectors) {
-        m_slotGrew = m_slotGrew || (moves && slotSizeSectors > m_slotSizes[grainIndex]);
         m_slotSizes[grainIndex] = static_cast<uint16>(slotSizeSectors);
         m_slotSizesChanged = true;
     }
 }
 
-// A size without a slot was left by a loss of power. Next to the entry of a new, smaller slot it would claim
-// what lies behind that, so it goes at once, to be durable before the entry is written.
-void CVMDKGrainTable::forgetSlotSize(int64 grainIndex) {
-    const uint16 none = 0;
-    m_stream->seek(m_slotSizeTablePosSectors * vmdkSectorSize + grainIndex * static_cast<int>(sizeof none));
-    m_stream->write(&none, sizeof none, nullptr);
-    m_slotSizes[grainIndex] = none;
-}
-
-void CVMDKGrainTable::flushEntriesToStream() {
-    if (!m_entriesChanged)
-        return;
-    writeTable(*m_stream, m_posSectors, m_entries);
-    if (m_redundantPosSectors > 0)
-        writeTable(*m_stream, m_redundantPosSectors, m_entries);
-    m_entriesChanged = false;
-}
-
 void CVMDKGrainTable::flushChangesToStream() {
-    flushEntriesToStream();
+    if (m_entriesChanged) {
+        writeTable(*m_stream, m_posSectors, m_entries);
+        if (m_redundantPosSectors > 0)
+            writeTable(*m_stream, m_redundantPosSectors, m_entries);
+        m_entriesChanged = false;
+    }
     if (m_slotSizesChanged) {
         writeTable(*m_stream, m_slotSizeTablePosSectors, m_slotSizes);
         m_slotSizesChanged = false;
-        m_slotGrew = false;
     }
 }
 

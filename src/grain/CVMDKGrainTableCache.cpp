@@ -28,17 +28,6 @@ void CVMDKGrainTableCache::flushCachedTablesFromDirectoryToStream(CVMDKGrainDire
     });
 }
 
-bool CVMDKGrainTableCache::flushEntriesOfGrownSlotsToStream(CVMDKGrainDirectory* directory) {
-    bool found = false;
-    m_cache->forEach([&](const CKey& key, CVMDKGrainTable& table) {
-        if (key.directory != directory || !table.hasUnflushedGrowth())
-            return;
-        table.flushEntriesToStream();
-        found = true;
-    });
-    return found;
-}
-
 void CVMDKGrainTableCache::removeCachedTablesFromDirectory(CVMDKGrainDirectory* directory) {
     TArray<CKey> keys;
     m_cache->forEach([&](const CKey& key, CVMDKGrainTable&) {
