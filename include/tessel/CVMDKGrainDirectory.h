@@ -55,6 +55,10 @@ public:
 
     /// Writes the changed tables. The stream is not flushed.
     void flushChangesToStream();
+    /// Writes the changed tables so that no loss of power meanwhile harms a grain: flushes the stream, and
+    /// with it the data that the tables name, before the tables, and between the steps of
+    /// CVMDKGrainTable. The last step is written, but not flushed.
+    void flushChangesInOrder();
 
 private:
     CVMDKGrainDirectory(const CVMDKGrainDirectory&) = delete;

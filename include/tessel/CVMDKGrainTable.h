@@ -38,8 +38,19 @@ public:
     /// Throws: the stream's error; what was not written stays to be written.
     void flushChangesToStream();
 
+    // The same in steps, between which the caller flushes the stream, so that a loss of power at any moment
+    // leaves entry and slot size of a grain in agreement. A grain that gets its first slot needs its slot
+    // size on disk before its entry; one that moves to a larger slot the other way round, or a slot would
+    // seem larger than it is.
+
+    /// First step, together with the data: the slot sizes of grains that had no slot.
+    void writeSlotSizesOfNewGrains();
+    /// Second step: the entries. What remains is the last step, flushChangesToStream.
+    void writeChangedEntries();
+
 private:
     void verifyIndex(const char* method, int64 grainIndex) const;
+    void rememberStored();
 
     P<IIOStream> m_stream;
     IIOStream::Access m_access;
@@ -52,6 +63,9 @@ private:
     bool m_entriesChanged = false;
     TBuffer<uint16> m_slotSizes;
     bool m_slotSizesChanged = false;
+    /// What is on disk, while that differs and there are slot sizes; else empty.
+    TBuffer<uint32> m_storedEntries;
+    TBuffer<uint16> m_storedSlotSizes;
 };
 
 } // namespace tessel

@@ -43,6 +43,9 @@ public:
     /// Writes the changed tables of a directory, in the order of their indices.
     /// Throws: the first table's error; the rest is then not written.
     void flushCachedTablesFromDirectoryToStream(CVMDKGrainDirectory* directory);
+    /// The steps of CVMDKGrainTable, for the tables of a directory.
+    void writeSlotSizesOfNewGrains(CVMDKGrainDirectory* directory);
+    void writeChangedEntries(CVMDKGrainDirectory* directory);
     /// Lets go of the tables of a directory. Those with changes write themselves as they go.
     void removeCachedTablesFromDirectory(CVMDKGrainDirectory* directory);
     /// Lets go of every table.
@@ -58,6 +61,9 @@ public:
     bool wouldEvict(int64 count) const noexcept;
 
 private:
+    template <class Visitor>
+    void forEachTable(CVMDKGrainDirectory* directory, Visitor visit) const;
+
     using Cache = TMostRecentlyUsedCache<CKey, CVMDKGrainTable>;
 
     P<Cache> m_cache;

@@ -286,8 +286,7 @@ void CVMDKSparseExtentFile::flushChanges() {
     if (m_grain->isOpen())
         m_grain->flushChangesToStream();
     m_grainAllocator->flushChangesToStream();
-    m_stream->flush();
-    m_grainDirectory->flushChangesToStream();
+    m_grainDirectory->flushChangesInOrder();
     m_stream->flush();
 }
 

@@ -55,11 +55,8 @@ CVMDKGrainDirectory::~CVMDKGrainDirectory() {
     // Two blocks: tables that cannot be written must leave the cache all the same, or another directory
     // at this address would be given them.
     try {
-        if (m_cache->hasUnflushedTables(this)) {
-            // Nobody saw to the order of this write: the slots must be durable before their entries.
-            m_stream->flush();
-            flushChangesToStream();
-        }
+        if (m_cache->hasUnflushedTables(this))
+            flushChangesInOrder();
     } catch (const std::exception& error) {
         onExceptionInDestructorIgnored("tessel::CVMDKGrainDirectory", error, true);
     }
@@ -197,15 +194,13 @@ P<CVMDKGrainTable> CVMDKGrainDirectory::loadTable(int64 tableIndex) {
 }
 
 // Changed tables that are about to be read again, or to leave the cache, are written first: an entry
-// that exists only in memory would be lost to the copy read from the file. What the entries name is made
-// durable before they are.
+// that exists only in memory would be lost to the copy read from the file.
 void CVMDKGrainDirectory::makeRoomForBatch(int64 first, int64 end) {
     if (m_access != IIOStream::Access_ReadWrite || !m_cache->hasUnflushedTables(this))
         return;
     if (!m_cache->wouldEvict(end - first) && !m_cache->hasCachedTables(this, first, end))
         return;
-    m_stream->flush();
-    m_cache->flushCachedTablesFromDirectoryToStream(this);
+    flushChangesInOrder();
 }
 
 P<CVMDKGrainTable> CVMDKGrainDirectory::getGrainTable(int64 tableIndex) {
@@ -269,6 +264,15 @@ void CVMDKGrainDirectory::setGrainInfo(int64 grainIndex, int64 grainPosSectors, 
 
 void CVMDKGrainDirectory::flushChangesToStream() {
     m_cache->flushCachedTablesFromDirectoryToStream(this);
+}
+
+void CVMDKGrainDirectory::flushChangesInOrder() {
+    m_cache->writeSlotSizesOfNewGrains(this);
+    m_stream->flush();
+    m_cache->writeChangedEntries(this);
+    if (m_cache->hasUnflushedTables(this)) // grains that moved
+        m_stream->flush();
+    flushChangesToStream();
 }
 
 } // namespace tessel

@@ -28,7 +28,11 @@ CVMDKGrainTable::~CVMDKGrainTable() {
     try {
         if (hasUnflushedChanges()) {
             // Nobody saw to the order of this write: the slots must be durable before their entries.
+            writeSlotSizesOfNewGrains();
             m_stream->flush();
+            writeChangedEntries();
+            if (m_slotSizesChanged)
+                m_stream->flush();
             flushChangesToStream();
         }
     } catch (const std::exception& error) {
@@ -70,6 +74,7 @@ void CVMDKGrainTable::setGrainInfo(int64 grainIndex, int64 grainPosSectors, int6
     if (m_access != IIOStream::Access_ReadWrite)
         throw CError("Internal error: CVMDKGrainTable::setGrainInfo was called, but the table was not opened "
                      "for writing.");
+    rememberStored();
     if (m_entries[grainIndex] != grainPosSectors) {
         m_entries[grainIndex] = static_cast<uint32>(grainPosSectors);
         m_entriesChanged = true;
@@ -80,16 +85,48 @@ void CVMDKGrainTable::setGrainInfo(int64 grainIndex, int64 grainPosSectors, int6
     }
 }
 
-void CVMDKGrainTable::flushChangesToStream() {
-    if (m_entriesChanged) {
-        writeTable(*m_stream, m_posSectors, m_entries);
-        if (m_redundantPosSectors > 0)
-            writeTable(*m_stream, m_redundantPosSectors, m_entries);
-        m_entriesChanged = false;
+void CVMDKGrainTable::rememberStored() {
+    if (m_slotSizes.isEmpty() || hasUnflushedChanges())
+        return;
+    m_storedEntries = m_entries;
+    m_storedSlotSizes = m_slotSizes;
+}
+
+void CVMDKGrainTable::writeSlotSizesOfNewGrains() {
+    if (!m_slotSizesChanged)
+        return;
+    TBuffer<uint16> sizes(m_slotSizes);
+    bool isWhole = true;
+    for (int i = 0; i < m_entryCount; ++i) {
+        if (m_storedEntries[i] == 0 || m_storedSlotSizes[i] == sizes[i])
+            continue;
+        sizes[i] = m_storedSlotSizes[i];
+        isWhole = false;
     }
+    if (!(sizes == m_storedSlotSizes)) {
+        writeTable(*m_stream, m_slotSizeTablePosSectors, sizes);
+        m_storedSlotSizes = sizes;
+    }
+    m_slotSizesChanged = !isWhole;
+}
+
+void CVMDKGrainTable::writeChangedEntries() {
+    if (!m_entriesChanged)
+        return;
+    writeTable(*m_stream, m_posSectors, m_entries);
+    if (m_redundantPosSectors > 0)
+        writeTable(*m_stream, m_redundantPosSectors, m_entries);
+    m_entriesChanged = false;
+    if (!m_storedEntries.isEmpty())
+        m_storedEntries = m_entries;
+}
+
+void CVMDKGrainTable::flushChangesToStream() {
+    writeChangedEntries();
     if (m_slotSizesChanged) {
         writeTable(*m_stream, m_slotSizeTablePosSectors, m_slotSizes);
         m_slotSizesChanged = false;
+        m_storedSlotSizes = m_slotSizes;
     }
 }
 

@@ -21,19 +21,29 @@ void CVMDKGrainTableCache::setAutoEnforceLimit(bool enabled) {
     m_cache->setAutoEnforceLimit(enabled);
 }
 
-void CVMDKGrainTableCache::flushCachedTablesFromDirectoryToStream(CVMDKGrainDirectory* directory) {
-    m_cache->forEach([directory](const CKey& key, CVMDKGrainTable& table) {
+template <class Visitor>
+void CVMDKGrainTableCache::forEachTable(CVMDKGrainDirectory* directory, Visitor visit) const {
+    m_cache->forEach([&](const CKey& key, CVMDKGrainTable& table) {
         if (key.directory == directory)
-            table.flushChangesToStream();
+            visit(key, table);
     });
+}
+
+void CVMDKGrainTableCache::flushCachedTablesFromDirectoryToStream(CVMDKGrainDirectory* directory) {
+    forEachTable(directory, [](const CKey&, CVMDKGrainTable& table) { table.flushChangesToStream(); });
+}
+
+void CVMDKGrainTableCache::writeSlotSizesOfNewGrains(CVMDKGrainDirectory* directory) {
+    forEachTable(directory, [](const CKey&, CVMDKGrainTable& table) { table.writeSlotSizesOfNewGrains(); });
+}
+
+void CVMDKGrainTableCache::writeChangedEntries(CVMDKGrainDirectory* directory) {
+    forEachTable(directory, [](const CKey&, CVMDKGrainTable& table) { table.writeChangedEntries(); });
 }
 
 void CVMDKGrainTableCache::removeCachedTablesFromDirectory(CVMDKGrainDirectory* directory) {
     TArray<CKey> keys;
-    m_cache->forEach([&](const CKey& key, CVMDKGrainTable&) {
-        if (key.directory == directory)
-            keys.push_back(key);
-    });
+    forEachTable(directory, [&](const CKey& key, CVMDKGrainTable&) { keys.push_back(key); });
     for (const CKey& key : keys)
         m_cache->remove(key);
 }
@@ -48,16 +58,16 @@ int CVMDKGrainTableCache::getCachedTableCount() const noexcept {
 
 bool CVMDKGrainTableCache::hasUnflushedTables(CVMDKGrainDirectory* directory) const {
     bool found = false;
-    m_cache->forEach([&](const CKey& key, const CVMDKGrainTable& table) {
-        found = found || (key.directory == directory && table.hasUnflushedChanges());
+    forEachTable(directory, [&](const CKey&, const CVMDKGrainTable& table) {
+        found = found || table.hasUnflushedChanges();
     });
     return found;
 }
 
 bool CVMDKGrainTableCache::hasCachedTables(CVMDKGrainDirectory* directory, int64 first, int64 end) const {
     bool found = false;
-    m_cache->forEach([&](const CKey& key, const CVMDKGrainTable&) {
-        found = found || (key.directory == directory && key.tableIndex >= first && key.tableIndex < end);
+    forEachTable(directory, [&](const CKey& key, const CVMDKGrainTable&) {
+        found = found || (key.tableIndex >= first && key.tableIndex < end);
     });
     return found;
 }
