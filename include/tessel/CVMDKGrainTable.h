@@ -63,7 +63,7 @@ private:
     bool m_entriesChanged = false;
     TBuffer<uint16> m_slotSizes;
     bool m_slotSizesChanged = false;
-    /// What is on disk, while that differs and there are slot sizes; else empty.
+    /// What is on disk, or may be, while that differs and there are slot sizes; else empty.
     TBuffer<uint32> m_storedEntries;
     TBuffer<uint16> m_storedSlotSizes;
 };

@@ -113,12 +113,14 @@ void CVMDKGrainTable::writeSlotSizesOfNewGrains() {
 void CVMDKGrainTable::writeChangedEntries() {
     if (!m_entriesChanged)
         return;
+    // Before the writes: one that fails may have stored an entry all the same, and a grain that moves
+    // again is not new then.
+    if (!m_storedEntries.isEmpty())
+        m_storedEntries = m_entries;
     writeTable(*m_stream, m_posSectors, m_entries);
     if (m_redundantPosSectors > 0)
         writeTable(*m_stream, m_redundantPosSectors, m_entries);
     m_entriesChanged = false;
-    if (!m_storedEntries.isEmpty())
-        m_storedEntries = m_entries;
 }
 
 void CVMDKGrainTable::flushChangesToStream() {
