@@ -216,9 +216,17 @@ const UShape shapes[] = {
     {false, 1500, 16, 1, 0, 777},
 };
 
+std::string nameOf(const ::testing::TestParamInfo<UShape>& info) {
+    const UShape& shape = info.param;
+    return std::string(shape.compressed ? "Compressed" : "Plain") + "Grains" +
+           std::to_string(shape.grainCount) + "Of" + std::to_string(shape.grainSizeSectors) + "Descriptor" +
+           std::to_string(shape.descriptorSectors) + "KeyHash" + std::to_string(shape.keyHashSize) + "Zeros" +
+           std::to_string(shape.zerosSize);
+}
+
 } // namespace
 
-INSTANTIATE_TEST_SUITE_P(Shapes, VMDKEmptyExtentFileTest, ::testing::ValuesIn(shapes));
+INSTANTIATE_TEST_SUITE_P(Shapes, VMDKEmptyExtentFileTest, ::testing::ValuesIn(shapes), nameOf);
 
 TEST_P(VMDKEmptyExtentFileTest, EverySectorIsAsDescribed) {
     create(GetParam());
