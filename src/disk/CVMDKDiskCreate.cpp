@@ -83,8 +83,10 @@ UDiskPlan planDisk(int64 sizeBytes, bool compressed, int64 maxFileSizeBytes, con
                                             : "twoGbMaxExtentSparse";
 
     // No extent file may outgrow the target, even when its grains do not compress and are placed twice.
-    int64 targetFileBytes = (size + 1048576) * 10;
-    if (limit != singleFile)
+    int64 targetFileBytes = 0;
+    if (limit == singleFile)
+        targetFileBytes = (size + 1048576) * 10; // at most 2 TiB, so this fits
+    else
         targetFileBytes = compressed ? (limit - 1) / 2 : limit - 1;
     const auto nameBytes = static_cast<int64>(mainFileName.toUTF8().size());
     const int64 worstLineBytes = nameBytes + worstExtentLineBytes;
