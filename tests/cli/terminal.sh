@@ -7,7 +7,7 @@ make_image disk.raw
 printf 'geheim ü\n' >pw
 ok convert disk.raw secret.vmdk --quiet --password-file pw
 cat >on_terminal.py <<'END'
-import os, pty, subprocess, sys, termios, time
+import os, select, pty, subprocess, sys, termios, time
 
 PROGRAM = sys.argv[1]
 
@@ -21,7 +21,6 @@ class Terminal:
         self.child = subprocess.Popen([PROGRAM, *arguments], start_new_session=True, **streams)
 
     def read_until(self, text):
-        import select
         deadline = time.monotonic() + 60
         while text not in self.seen:
             ready, _, _ = select.select([self.ours], [], [], max(0, deadline - time.monotonic()))
@@ -33,11 +32,9 @@ class Terminal:
 
     def finish(self):
         self.child.wait()
-        os.set_blocking(self.ours, False)
-        try:
+        # What was written may still be on its way through the terminal.
+        while select.select([self.ours], [], [], 0.5)[0]:
             self.seen += os.read(self.ours, 65536)
-        except BlockingIOError:
-            pass
         return self.child.returncode
 
 def answer(*lines, arguments):
