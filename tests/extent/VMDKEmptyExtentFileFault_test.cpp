@@ -118,7 +118,7 @@ TEST_F(VMDKEmptyExtentFileFaultTest, EveryOperationFailsInTurnAndLeavesNoFile) {
                         break;
                     }
                     ASSERT_TRUE(error);
-                    EXPECT_EQ(typeid(*error), typeid(CIOError));
+                    EXPECT_EQ(std::string(error->getClassName()), "CIOError");
                     EXPECT_EQ(error->getCode(), kind == FaultRule::FullDisk ? 8 : 2);
                     EXPECT_TRUE(error->getMessage().EndsWith("Injected fault"));
                     EXPECT_EQ(error->getProps().getValue("uri"), uriText);
