@@ -1,4 +1,4 @@
-// Writes the seed corpora of the fuzz targets: small valid files of every kind.
+// Writes the corpora that fuzzing starts from: small valid files of every kind.
 //
 //   tessel_make_seeds FOLDER      FOLDER is the corpus folder; existing seeds are replaced
 
