@@ -179,6 +179,11 @@ void CNewDisk::createFiles(int64 sizeBytes, const UCreateOptions& options, const
     m_disk->changeParent(reference, parentContentID);
 }
 
+bool CNewDisk::isInUse(const fs::path& path) const {
+    return std::any_of(m_inUse.begin(), m_inUse.end(),
+                       [&](const fs::path& file) { return isSameFile(path, file); });
+}
+
 /// Throws: CFailure when the disk would take a name that it must not have.
 void CNewDisk::verifyNames() const {
     for (const fs::path& name : m_names) {
@@ -187,10 +192,9 @@ void CNewDisk::verifyNames() const {
             continue;
         if (!m_force)
             throw CFailure(nameFromPath(path), "The file exists already (--force replaces it)");
-        for (const fs::path& file : m_inUse)
-            if (isSameFile(path, file))
-                throw CFailure(nameFromPath(path), "It is in use here, as the source or a parent, and cannot "
-                                                   "be replaced");
+        if (isInUse(path))
+            throw CFailure(nameFromPath(path), "It is in use here, as the source or a parent, and cannot "
+                                               "be replaced");
     }
 }
 
@@ -202,7 +206,8 @@ void CNewDisk::commit() {
     for (const fs::path& name : m_names)
         (somethingExists(m_folder->getPath() / name) ? made : obsolete).push_back(name);
     std::erase_if(obsolete, [&](const fs::path& name) {
-        return !somethingExists(folder() / name) || std::find(made.begin(), made.end(), name) != made.end();
+        return !somethingExists(folder() / name) || isInUse(folder() / name) ||
+               std::find(made.begin(), made.end(), name) != made.end();
     });
     m_folder->commit(made, m_target.filename(), obsolete, m_force, m_sync);
 }

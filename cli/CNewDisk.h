@@ -56,6 +56,7 @@ private:
     void create(int64 sizeBytes, const UCreateOptions& options, const String& password);
     void createFiles(int64 sizeBytes, const UCreateOptions& options, const String& password, bool compressed,
                      int64 limit);
+    bool isInUse(const std::filesystem::path& path) const;
     void verifyNames() const;
     std::filesystem::path folder() const { return m_target.parent_path(); }
 

@@ -37,11 +37,17 @@ std::string ownPathOf(const std::string& file) {
     }
 }
 
+String decode(const std::string& text) {
+    try {
+        return String::fromUTF8(text);
+    } catch (const CError&) {
+        return String(text.data(), static_cast<int>(text.size())); // a name in another encoding
+    }
+}
+
 void tell(const char* kind, const std::string& text) noexcept {
     try {
-        // An error without parameters is described by its message alone, as one harmless line.
-        const CError line(String::fromUTF8(text));
-        writeErrorText(kind + describeError(line).toUTF8Lossy() + "\n");
+        writeErrorText(kind + toHarmlessLine(text) + "\n");
     } catch (const std::exception&) {
         writeErrorText(std::string(kind) + "a message that cannot be shown\n");
     }
@@ -98,6 +104,11 @@ std::string explainError(const CError& error, const std::string& file) {
     if (separator[0] == ';')
         text += ')';
     return text;
+}
+
+std::string toHarmlessLine(const std::string& text) {
+    // An error without parameters is described by its message alone, as one line without control characters.
+    return describeError(CError(decode(text))).toUTF8Lossy();
 }
 
 void tellError(const std::string& text) noexcept {

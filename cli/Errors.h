@@ -56,6 +56,9 @@ auto about(const std::string& file, Action action) -> decltype(action()) {
 /// A text of the library with paths in place of "file" URIs.
 std::string showPaths(const String& text);
 
+/// A text made fit to be part of one line on a terminal, whatever a file's name or content put into it.
+std::string toHarmlessLine(const std::string& text);
+
 /// One line on standard error: "tessel: " and the text, made fit for a terminal.
 void tellError(const std::string& text) noexcept;
 /// The same as "tessel: warning: ".

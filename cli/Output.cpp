@@ -1,6 +1,6 @@
 #include "Output.h"
 
-#include "lum/CError.h"
+#include "Errors.h"
 #include "platform.h"
 
 #include <algorithm>
@@ -20,12 +20,8 @@ void CTable::write() const {
     for (const auto& [label, text] : m_rows)
         width = std::max(width, label.size());
     std::string all;
-    for (const auto& [label, text] : m_rows) {
-        // What stands in a file must not control the terminal: an error is described as one harmless line.
-        const CError line(String::fromUTF8(text));
-        all += label + ":" + std::string(width + 1 - label.size(), ' ') + describeError(line).toUTF8Lossy() +
-               "\n";
-    }
+    for (const auto& [label, text] : m_rows)
+        all += label + ":" + std::string(width + 1 - label.size(), ' ') + toHarmlessLine(text) + "\n";
     writeText(all);
 }
 

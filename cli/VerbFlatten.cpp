@@ -29,16 +29,16 @@ public:
         for (int64 position = 0; position < size; progress.advanceTo(position)) {
             throwIfInterrupted();
             const UVMDKGrainRun run = m_disk->findGrainRun(position);
-            const int64 grain = position / m_grainSize;
+            const int64 end = run.position + run.sizeBytes;
             if (run.layer <= 0) {
-                position = run.position + run.sizeBytes;
+                position = end;
                 continue;
             }
-            if (canMovePrepared(grain, run.layer))
-                m_disk->makeGrainIndependentOfParent(grain);
-            else
-                movePlain(grain);
-            position = std::min(size, (grain + 1) * m_grainSize);
+            for (; position < end; progress.advanceTo(position)) {
+                throwIfInterrupted();
+                moveGrain(position / m_grainSize, run.layer);
+                position = std::min(size, (position / m_grainSize + 1) * m_grainSize);
+            }
         }
     }
 
@@ -52,6 +52,13 @@ private:
                                       parent->getSizeBytes() / m_grainSize > grain;
                            }) &&
                m_disk->getSizeBytes() / m_grainSize > grain;
+    }
+
+    void moveGrain(int64 grain, int layer) {
+        if (canMovePrepared(grain, layer))
+            m_disk->makeGrainIndependentOfParent(grain);
+        else
+            movePlain(grain);
     }
 
     void movePlain(int64 grain) {

@@ -72,7 +72,7 @@ int run(std::vector<std::string> arguments) {
 int main(int argc, char** argv) {
     int exitCode = Exit_Failed;
     try {
-        catchInterrupts();
+        prepareProcess();
         const lum::P<CLogLines> log(new CLogLines);
         lum::setLogSink(log.get());
         try {

@@ -14,11 +14,12 @@ namespace tessel::cli {
 /// The arguments of main() in UTF-8, the program's name left out.
 std::vector<std::string> getArguments(int argc, char** argv);
 
-// --- Interrupts ---
+// --- The process ---
 
-/// From now on a request to end (SIGINT, SIGTERM, SIGHUP) is only noted, so that the program can tidy up;
-/// a pipe without a reader and a limit on file sizes become errors of the write.
-void catchInterrupts();
+/// To be called first. A standard stream that is closed becomes one that fails, lest a file that is opened
+/// later takes its place. From now on a request to end (SIGINT, SIGTERM, SIGHUP) is only noted, so that the
+/// program can tidy up; a pipe without a reader and a limit on file sizes become errors of the write.
+void prepareProcess();
 bool isInterrupted() noexcept;
 /// Throws: CInterrupted when the user, or a pipe's reader, wants no more.
 void throwIfInterrupted();

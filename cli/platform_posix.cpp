@@ -94,9 +94,13 @@ std::vector<std::string> getArguments(int argc, char** argv) {
     return std::vector<std::string>(argv + (argc > 0 ? 1 : 0), argv + argc);
 }
 
-// --- Interrupts ---
+// --- The process ---
 
-void catchInterrupts() {
+void prepareProcess() {
+    for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
+        if (::fcntl(stream, F_GETFD) < 0 && errno == EBADF &&
+            ::open("/dev/null", stream == STDIN_FILENO ? O_WRONLY : O_RDONLY) != stream)
+            ::_exit(Exit_Failed);
     if (::pipe(g_wakePipe) == 0)
         for (const int end : g_wakePipe) {
             ::fcntl(end, F_SETFD, FD_CLOEXEC);

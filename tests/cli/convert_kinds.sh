@@ -27,6 +27,11 @@ for kind in "${kinds[@]}"; do
     goes_back "$index.vmdk" "${opening[@]}"
 done
 
+# With --sync everything is the same.
+ok convert disk.raw synced.vmdk --quiet --sync --split=6M
+ok convert synced.vmdk synced.raw --sync --size $image_size
+same disk.raw synced.raw
+
 # From each of the plain kinds into each.
 for from in 1 2 3; do
     for to in 1 2 3; do

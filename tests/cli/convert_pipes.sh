@@ -51,4 +51,19 @@ if [[ -c /dev/full ]]; then
     "$TESSEL_PROGRAM" info less.vmdk >/dev/full 2>"$err" || code=$?
     ((code == 1)) || fail "the exit code is $code, not 1"
 fi
+# Standard streams that are closed fail; no file takes their place.
+closed() {
+    last="a closed stream"
+    local code=0
+    "$@" || code=$?
+    ((code == 1)) || fail "the exit code is $code, not 1"
+}
+cp less.vmdk before.vmdk
+closed "$TESSEL_PROGRAM" convert less.vmdk - >&- 2>"$err"
+error_is 'tessel: standard output: Cannot write: Bad file descriptor'
+closed "$TESSEL_PROGRAM" write less.vmdk 0 <&- 2>"$err"
+error_is 'tessel: standard input: Cannot read: Bad file descriptor'
+closed "$TESSEL_PROGRAM" write less.vmdk 100M 2>&- </dev/null
+same before.vmdk less.vmdk
+
 [[ -z $(find . -name 'tessel-tmp-*' -o -name '*.lock' -o -name 'more*') ]] || fail "something was left behind"

@@ -63,6 +63,12 @@ for file in base.vmdk base-s00001.vmdk; do
     refused 1 "$file: It is in use here, as the source, and cannot be replaced" \
         convert child.vmdk $file --to raw --force
 done
+# A copy of a descriptor names the same files; they are the source's now.
+cp base.vmdk copy.vmdk
+ok convert copy.vmdk base.vmdk --force
+check copy.vmdk one.raw
+refused 1 "base-s00000.vmdk: $in_use" convert copy.vmdk base.vmdk --force --split=6M
+cp copy.vmdk base.vmdk
 ln base-s00000.vmdk link.raw
 refused 1 "link.raw: It is in use here, as the source, and cannot be replaced" convert base.vmdk link.raw --force
 check child.vmdk one.raw

@@ -31,6 +31,10 @@ refused 1 'fifo: Cannot open file: Not a regular file' convert fifo x.vmdk --fro
 refused 1 'text.vmdk: VMDK disk has no extents.' convert text.vmdk x.raw
 run 1 info empty.vmdk
 error_is_one_line
+run 1 info $'latin\xe4.vmdk'
+error_is 'tessel: latinä.vmdk: No such file'
+run 1 info $'two\nlines\e[31m.vmdk'
+error_is 'tessel: two lines�[31m.vmdk: No such file'
 run 1 create '' 10M
 error_is_one_line
 
