@@ -56,16 +56,17 @@ mv away split-s00001.vmdk
 
 # A disk that somebody is writing to.
 python3 - "$TESSEL_PROGRAM" disk.vmdk <<'END' || fail "$(cat -- "$err")"
-import subprocess, sys, time
+import os, subprocess, sys, time
 program, disk = sys.argv[1:]
 writer = subprocess.Popen([program, "write", disk, "0"], stdin=subprocess.PIPE)
 def run(*arguments):
     return subprocess.run([program, *arguments], stdin=subprocess.DEVNULL, capture_output=True, text=True)
-for _ in range(500):
-    reader = run("read", disk, "0", "1")
-    if reader.returncode != 0:
+for _ in range(500): # a reader that came first would keep the writer out
+    if os.path.exists(disk + ".lock"):
         break
     time.sleep(0.02)
+time.sleep(0.2)
+reader = run("read", disk, "0", "1")
 locked = "It is locked by another user or process.\n"
 def is_refused(done):
     ok = done.returncode == 1 and done.stderr.endswith(locked) and done.stderr.count("\n") == 1
