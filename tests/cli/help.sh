@@ -24,7 +24,7 @@ for verb in $verbs; do
         fail "examples should come first"
     grep -q "^  tessel $verb [A-Z]" help || fail "the usage of $verb is missing"
     # Every example's options are options of the verb.
-    sed -n '/^Examples:/,/^Usage:/p' help | grep -o -- '--[a-z-]*' | sort -u >used
+    sed -n '/^Examples:/,/^Usage:/p' help | sed 's/--/\n--/g' | sed -n 's/^\(--[a-z-]*\).*/\1/p' | sort -u >used
     while IFS= read -r option; do
         grep -q -- "^  \(-., \)\?$option\b" help || fail "the example's option $option is none of $verb's"
     done <used
