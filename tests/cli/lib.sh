@@ -5,6 +5,8 @@ export LC_ALL=C.UTF-8
 
 base=$(mktemp -d)
 trap 'rm -rf -- "$base"' EXIT
+# A command that fails outside of a check ends the script, but not without a word.
+trap 'echo "FAILED in line $LINENO of ${0##*/}: $BASH_COMMAND" >&2' ERR
 mkdir -- "$base/work"
 cd -- "$base/work"
 out=$base/out
