@@ -37,6 +37,8 @@ public:
     CNewDisk& operator=(const CNewDisk&) = delete;
 
     CVMDKDisk& getDisk() { return *m_disk; }
+    /// Null for a disk without one.
+    CVMDKDisk* getParent() { return m_parent.get(); }
     /// Runs `action` on the disk. Throws: CFailure, which names it as the user does, in place of the
     /// library's errors.
     template <class Action>

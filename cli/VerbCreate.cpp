@@ -25,9 +25,15 @@ void create(UCreate& verb) {
         throw CUsageError("SIZE: a disk has at least one byte");
     CNewDisk disk(verb.disk, size, verb.options, verb.passwords, std::string(), verb.sync);
     const int64 actual = disk.getDisk().getSizeBytes();
+    const int64 asked = disk.getParent() ? disk.getParent()->getSizeBytes() : size;
+    const int64 parentGrainSize =
+        disk.getParent() ? disk.getParent()->getGrainSizeBytes() : disk.getDisk().getGrainSizeBytes();
+    if (parentGrainSize != disk.getDisk().getGrainSizeBytes())
+        tellNote(verb.disk + ": Its grains have " + std::to_string(disk.getDisk().getGrainSizeBytes()) +
+                 " bytes, as all disks made here; the parent's have " + std::to_string(parentGrainSize));
     disk.commit();
-    if (verb.options.parent.empty() && actual != size)
-        tellNote(verb.disk + ": The size was rounded up from " + std::to_string(size) + " to " +
+    if (actual != asked)
+        tellNote(verb.disk + ": The size was rounded up from " + std::to_string(asked) + " to " +
                  std::to_string(actual) + " bytes");
 }
 

@@ -36,6 +36,10 @@ void rebase(URebase& verb) {
         throw CFailure(verb.parent, "Its content ID is " + toHexString(actual).toUTF8() + ", but " +
                                         verb.disk + " was made from " + toHexString(expected).toUTF8() +
                                         " (--unsafe takes it nevertheless)");
+    if (!disk->getEncrypted() && needsPassword(verb.parent))
+        tellWarning(verb.disk +
+                    ": The new parent is encrypted and this disk is not: what it stores can be read "
+                    "by everybody");
     about(verb.disk, [&] { disk->changeParent(reference, actual); });
 }
 

@@ -24,6 +24,11 @@ void write(UWrite& verb) {
                                        verb.passwords.getForOpening(verb.disk), files.get(), verb.level);
     verifyRange(verb.disk, disk->getSizeBytes(), offset, std::max<int64>(getInputSize(), 0));
 
+    if (!disk->getEncrypted() && needsPassword(verb.disk))
+        tellWarning(verb.disk +
+                    ": A parent is encrypted and this disk is not: what it stores, the rest of each "
+                    "grain included, can be read by everybody");
+
     constexpr int64 most = 1 << 20;
     TBuffer<unsigned char> buffer(most);
     CDiskWriter writer(disk.get(), false);

@@ -82,6 +82,14 @@ public:
             takeOut(found);
     }
 
+    /// Takes out the entries from `first` on, in key order, as long as `isWanted(key)`. Needs no memory.
+    template <class Condition>
+    void removeFrom(const K& first, Condition isWanted) {
+        for (auto entry = m_entries.lower_bound(first); entry != m_entries.end() && isWanted(entry->first);
+             entry = m_entries.lower_bound(first))
+            takeOut(entry);
+    }
+
     /// Takes out every entry.
     void clear() {
         while (!m_recency.empty())

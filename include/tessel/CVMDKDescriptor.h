@@ -77,6 +77,8 @@ public:
     void getExtentEntries(TArray<P<CVMDKExtentInfo>>& extents) const;
     /// Appends the lines that are neither settings nor extents, in order, to `lines`.
     void getGenericLines(TArray<String>& lines) const;
+    /// Adds every line that reads as a setting to `lines`, as it would be written, in their order.
+    void getSettingLines(TArray<String>& lines) const;
     /// Inserts a line as it is; place as with setValue. Throws: CInvalidArgError as setValue.
     void addGenericLine(const String& line, bool insertInHeader);
 

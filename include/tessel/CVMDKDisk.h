@@ -102,6 +102,7 @@ public:
     /// While disabled, changes leave the content ID as it is.
     void setContentIDUpdatesEnabled(bool enabled);
     /// While disabled, grain tables stay in memory without bound and are written by flushChanges() only.
+    /// Enabling it flushes the open extent. Throws: what writing throws; nothing has changed then.
     void setAutomaticGrainTableFlushingEnabled(bool enabled);
 
     /// Makes all changes durable. Does nothing for a disk opened for reading.

@@ -7,7 +7,7 @@ namespace tessel {
 
 /// A disk's contents as a stream, for code that is written against streams. Everything goes to the disk
 /// as it is; only the length cannot be changed and ranges cannot be locked. After close() everything but
-/// getURI() and close() throws CIOError 10. Copies share the disk, and with it the position.
+/// getURI(), close() and lockRange() throws CIOError 10. Copies share the disk, and with it the position.
 class TESSEL_EXPORT CVMDKDiskIOStream : public CBase, public IIOStream {
 public:
     /// The disk is kept.
@@ -27,6 +27,8 @@ public:
     void seek(int64 position) override;
     /// Always throws: CFileSystemError, Problem_NotSupported.
     P<IStreamLock> lockRange(int64 start, int64 length, LockType type) override;
+    /// Lets go of the disk, which flushes when nobody else holds it. Unlike other streams' this tells nobody
+    /// of a failure but onExceptionInDestructorIgnored: whoever must know calls flush() before.
     void close() override;
 
     void read(void* buffer, int count) override;

@@ -13,7 +13,7 @@ namespace tessel {
 /// Life: open() on a grain; read() and write() move the cursor; the contents are loaded when they are
 /// first needed, from the slot, else from the fallback provider, else as zeros; changes stay in memory
 /// until flushChangesToStream(), close() or the next open() writes them, prepared and encrypted, into
-/// the grain's slot or a new one. Memory: about four grains.
+/// the grain's slot or a new one. Memory: about six grains.
 ///
 /// Positions and counts are bytes within the grain unless they say otherwise.
 class TESSEL_EXPORT CVMDKGrain : public CBase {
@@ -77,8 +77,11 @@ public:
     // success it is at the end.
 
     /// Replaces what `out` held. Pending changes are flushed first.
-    /// Throws: CIOError 11 when the cursor is not at the start; what reading throws.
+    /// Throws: CIOError 11 when the cursor is not at the start; what reading throws; `out` is empty then.
     void readPreparedGrainData(TBuffer<unsigned char>& out);
+    /// Throws: CInvalidArgError as CVMDKDataPreparer::verifyPreparedGrainData, which tells whether
+    /// writePreparedGrainData would take the data.
+    void verifyPreparedData(const TConstBufferSlice<unsigned char>& data) const;
     /// Replaces the grain, pending changes included. A compressed record is stored with this grain's
     /// position.
     /// Throws: CError without write access; CIOError 11 when the cursor is not at the start;
@@ -105,7 +108,7 @@ private:
     void readCompressedGrain(TBuffer<unsigned char>& target);
     void readUncompressedGrain(TBuffer<unsigned char>& target);
     void verifyAtStart(const char* method) const;
-    void verifyPreparedData(const TConstBufferSlice<unsigned char>& data) const;
+    void fetchPreparedGrainData(TBuffer<unsigned char>& out);
     void writePreparedGrainDataImpl(const TConstBufferSlice<unsigned char>& data, bool keepBuffer);
     void writePreparedGrainDataInternal(const TConstBufferSlice<unsigned char>& data, bool keepBuffer);
     TConstBufferSlice<unsigned char> encryptPreparedData(const TConstBufferSlice<unsigned char>& data);

@@ -39,9 +39,19 @@ public:
     /// file (its redundant copy too, where it would be written); the stream's errors.
     P<CVMDKGrainTable> getGrainTable(int64 tableIndex);
 
+    /// Says where slots may lie: from a sector, where the metadata end, to a byte, where the grains' data
+    /// end. Entries that tables hold when they are first read, before anything is added behind the end, are
+    /// held against it. Without bounds every entry is taken as it is.
+    /// Requires: no table was asked for yet.
+    void setSlotBounds(int64 firstSector, int64 endBytes);
+
     /// Slot position and slot size of a grain in sectors, both 0 for a grain without a slot, so too for
-    /// all grains of a table that was never allocated. Throws: as getGrainTable and the table.
+    /// all grains of a table that was never allocated.
+    /// Throws: CIOError 5 ("uri", "grainIndex", "grainPosition", "slotSize") for a slot outside the bounds;
+    /// as getGrainTable and the table.
     void getGrainInfo(int64 grainIndex, int64& grainPosSectors, int64& slotSizeSectors);
+    /// The same, whatever bounds there are. Throws: as getGrainTable and the table.
+    void findGrainEntry(int64 grainIndex, int64& grainPosSectors, int64& slotSizeSectors);
     /// Changes them, in memory. Throws: as getGrainTable and the table.
     void setGrainInfo(int64 grainIndex, int64 grainPosSectors, int64 slotSizeSectors);
 
@@ -68,6 +78,9 @@ private:
     void verifyTablePosition(int64 tableIndex, int64 posSectors, int64 sizeBytes, int64 streamLength) const;
     bool writesRedundantTable(int64 tableIndex) const noexcept;
     bool canLoadTable(int64 tableIndex, int64 streamLength) const noexcept;
+    void verifyNoOverlap(int64 posSectors, int64 otherPosSectors) const;
+    void holdAgainstBounds(int64 tableIndex, CVMDKGrainTable& table);
+    bool isOutsideBounds(int64 grainIndex) const;
     P<CVMDKGrainTable> loadTable(int64 tableIndex);
     void makeRoomForBatch(int64 first, int64 end);
     String uriText() const;
@@ -87,6 +100,12 @@ private:
     TBuffer<uint32> m_redundantDirectory;
     TBuffer<uint32> m_slotSizeDirectory;
     int64 m_capacitySectors;
+    int64 m_slotsBeginSector = 0;
+    int64 m_slotsEndBytes = INT64_MAX;
+    /// Of each table, whether it was read before; empty without bounds.
+    TArray<bool> m_tableSeen;
+    /// Of the tables that name slots outside the bounds, which of their grains.
+    TMap<int64, TArray<bool>> m_outside;
 };
 
 } // namespace tessel

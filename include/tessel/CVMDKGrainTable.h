@@ -51,6 +51,7 @@ public:
 private:
     void verifyIndex(const char* method, int64 grainIndex) const;
     void rememberStored();
+    void writeInOrder();
 
     P<IIOStream> m_stream;
     IIOStream::Access m_access;

@@ -37,7 +37,7 @@ public:
 
     /// Throws: CIOError 5 when the extent's grains are not of this size and kind, or its capacity is below
     /// `sizeSectors`: it is no extent of the disk that asks.
-    void verifyFitsDisk(int64 grainSizeSectors, bool compressed, int64 sizeSectors) const;
+    void verifyFitsDisk(int64 grainSizeSectors, bool compressed, int64 sizeSectors);
 
     /// As seek(), for an extent that takes another's place: the extent's end needs no grain there.
     /// Requires: no grain was used yet.
@@ -84,7 +84,11 @@ private:
     void verifyFormat() const;
     void verifyNumber(const char* name, uint64 value, uint64 smallest, uint64 largest) const;
     TBuffer<unsigned char> buildTrail();
+    [[noreturn]] void throwBadPosition(int64 position) const;
+    void verifySize(const char* method, const char* verb, int size) const;
     bool isAtWholePlainGrains(int size) const noexcept;
+    template <class Move>
+    int moveWholeGrains(int size, bool& singly, Move move);
     int findSlotSequence(int64 firstGrainIndex, int most, int64& posSectors);
     int readWholeGrains(void* buffer, int size);
     int writeWholeGrains(const void* buffer, int size);

@@ -247,6 +247,12 @@ void CVMDKDescriptor::getGenericLines(TArray<String>& lines) const {
             lines.push_back(entry->toString());
 }
 
+void CVMDKDescriptor::getSettingLines(TArray<String>& lines) const {
+    for (const auto& entry : m_entries)
+        if (entryAs<CNameValueEntry>(entry))
+            lines.push_back(entry->toString());
+}
+
 void CVMDKDescriptor::addGenericLine(const String& line, bool insertInHeader) {
     verifyOneLine("CVMDKDescriptor::addGenericLine", line);
     insertEntry(new CGenericEntry(line), insertInHeader);

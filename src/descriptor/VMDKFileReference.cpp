@@ -52,7 +52,9 @@ P<IIOStream> openVMDKFileStream(IFileSystem* fileSystem, const CURI& uri, IIOStr
 
 P<IIOStream> openExistingVMDKFileStream(IFileSystem* fileSystem, const CURI& uri, IIOStream::Access access) {
     // Opening a missing file for reading fails with the file system's own error.
-    if (access != IIOStream::Access_Read && !fileSystem->fileExists(uri))
+    // A link that leads nowhere is there, but not its file.
+    if (access != IIOStream::Access_Read &&
+        (!fileSystem->fileExists(uri) || !fileSystem->fileExists(fileSystem->followLinks(uri))))
         fileSystem->openFile(uri, IIOStream::Access_Read);
     return openVMDKFileStream(fileSystem, uri, access);
 }

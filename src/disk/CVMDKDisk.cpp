@@ -133,11 +133,12 @@ void CVMDKDisk::unlock(const String& password, const CProps& uriProps) {
     m_encryptionKeyHash = std::move(keys.keyHash);
 }
 
-// An extent line of a kind that is not understood stays in the descriptor as text. To pass over it would
-// shift everything behind it.
+// An extent line of a kind that is not understood stays in the descriptor as text, or as a setting where its
+// file's name holds an equals sign. To pass over it would shift everything behind it.
 void CVMDKDisk::verifyNoUnknownExtentLines(const CProps& uriProps) const {
     TArray<String> lines;
     m_descriptor->getGenericLines(lines);
+    m_descriptor->getSettingLines(lines);
     for (const String& line : lines) {
         const TArray<String> words = splitWords(line, 3);
         if (words.size() < 2 || !isNumber(words[1]))
@@ -230,6 +231,9 @@ void CVMDKDisk::setContentIDUpdatesEnabled(bool enabled) {
 }
 
 void CVMDKDisk::setAutomaticGrainTableFlushingEnabled(bool enabled) {
+    // Tables that leave the cache write themselves one by one, and can tell nobody of a failure.
+    if (enabled && m_currentExtentFile)
+        m_currentExtentFile->flushChanges();
     m_grainTableCache->setAutoEnforceLimit(enabled);
 }
 

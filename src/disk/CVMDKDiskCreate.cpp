@@ -101,9 +101,12 @@ UDiskPlan planDisk(int64 sizeBytes, bool compressed, int64 maxFileSizeBytes, con
     if (payloadBytes < grainBytes)
         throw CError("Internal error: calculated VMDK maxExtentPayloadBytes is less than grain size: " +
                      toDecimal(payloadBytes));
-    plan.descriptorSectors =
-        (worstLineBytes * (size / payloadBytes + 1) + descriptorSlackBytes + vmdkSectorSize - 1) /
-        vmdkSectorSize;
+    // Far above every ceiling below there is no need to tell how far.
+    constexpr int64 farTooMuch = INT64_MAX / 4;
+    int64 linesBytes = 0;
+    if (!tryMultiply(worstLineBytes, size / payloadBytes + 1, linesBytes) || linesBytes > farTooMuch)
+        linesBytes = farTooMuch;
+    plan.descriptorSectors = (linesBytes + descriptorSlackBytes + vmdkSectorSize - 1) / vmdkSectorSize;
     const int64 descriptorBytes = plan.descriptorSectors * vmdkSectorSize;
     if (descriptorBytes > worstDescriptorBytes)
         throw CError("Internal error: calculated VMDK descriptor size exceeds estimated worst case "

@@ -99,6 +99,11 @@ void CVMDKOnDemandExtentFile::write(const void* buffer, int size) {
 }
 
 void CVMDKOnDemandExtentFile::writePreparedGrainData(const TBuffer<unsigned char>& data) {
+    // No file comes into being for data that it would not take.
+    if (m_isNull && m_access == IIOStream::Access_ReadWrite)
+        m_inner->createDataPreparer()->verifyPreparedGrainData(TConstBufferSlice<unsigned char>(data),
+                                                               "CVMDKGrain::writePreparedGrainData",
+                                                               m_uri.toString(true));
     prepareWrite();
     m_inner->writePreparedGrainData(data);
 }

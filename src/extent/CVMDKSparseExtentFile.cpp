@@ -58,9 +58,11 @@ CVMDKSparseExtentFile::CVMDKSparseExtentFile(IIOStream* stream, IIOStream::Acces
         static_cast<int64>(m_header->getRedundantGrainDirectoryOffsetSectors()), m_capacitySectors,
         m_grainSizeSectors, static_cast<int>(m_header->getGrainTableEntryCount()), m_compressed, cache,
         static_cast<int64>(m_header->getOverheadSectors()));
-    m_grainAllocator =
-        new CVMDKGrainAllocator(stream, access, m_grainSizeSectors, m_compressed ? 1 : m_grainSizeSectors,
-                                m_grainDirectory.get(), buildTrail());
+    m_grainAllocator = new CVMDKGrainAllocator(
+        stream, access, m_grainSizeSectors, m_compressed ? 1 : m_grainSizeSectors, m_grainDirectory.get(),
+        buildTrail(), static_cast<int64>(m_header->getOverheadSectors()));
+    m_grainDirectory->setSlotBounds(std::max<int64>(static_cast<int64>(m_header->getOverheadSectors()), 1),
+                                    m_grainAllocator->getDataEnd());
     m_grain = new CVMDKGrain(stream, access, m_grainSizeSectors, m_grainAllocator.get(), m_compressed,
                              compressionSetting, fallback, cipher, key, iv);
 }
@@ -162,10 +164,11 @@ void CVMDKSparseExtentFile::verifyFormat() const {
     verifyNumber("overhead", m_header->getOverheadSectors(), 0, maxSectors);
 }
 
-void CVMDKSparseExtentFile::verifyFitsDisk(int64 grainSizeSectors, bool compressed, int64 sizeSectors) const {
+void CVMDKSparseExtentFile::verifyFitsDisk(int64 grainSizeSectors, bool compressed, int64 sizeSectors) {
     if (m_grainSizeSectors == grainSizeSectors && m_compressed == compressed &&
         m_capacitySectors >= sizeSectors)
         return;
+    m_grainAllocator->leaveFileAlone(); // not even the trail may be mended in a stranger's file
     throw CIOError(
         CIOError::Code_BadFormat,
         "VMDK extent file does not belong to this disk (grain size: " + toDecimal(m_grainSizeSectors) +
@@ -202,10 +205,14 @@ CURI CVMDKSparseExtentFile::getURI() {
     return m_stream->getURI();
 }
 
+void CVMDKSparseExtentFile::throwBadPosition(int64 position) const {
+    throw CInvalidArgError("CVMDKSparseExtentFile::seek", "Invalid position: " + toDecimal(position),
+                           uriProps());
+}
+
 void CVMDKSparseExtentFile::seek(int64 position) {
     if (position < 0 || position > m_capacityBytes)
-        throw CInvalidArgError("CVMDKSparseExtentFile::seek", "Invalid position: " + toDecimal(position),
-                               uriProps());
+        throwBadPosition(position);
     const int64 grainIndex = position / m_grainSizeBytes;
     if (grainIndex != m_currentGrainIndex || !m_grain->isOpen()) {
         // Before anything is looked up: writing the open grain may give a grain a slot.
@@ -247,13 +254,15 @@ int64 CVMDKSparseExtentFile::beginIOOp(int64 size) {
 // --- Bytes ---
 
 void CVMDKSparseExtentFile::read(void* buffer, int size) {
+    verifySize("CVMDKSparseExtentFile::read", "read", size);
     if (size > m_capacityBytes - m_position)
         throw CIOError(CIOError::Code_UnexpectedEnd,
                        "Unexpected end of data reading from VMDK sparse extent file.",
                        uriProps().add("position", m_position).add("bytesToRead", size));
     auto* target = static_cast<unsigned char*>(buffer);
+    bool singly = false;
     while (size > 0) {
-        int piece = isAtWholePlainGrains(size) ? readWholeGrains(target, size) : 0;
+        int piece = moveWholeGrains(size, singly, [&](int most) { return readWholeGrains(target, most); });
         if (piece == 0) {
             piece = static_cast<int>(beginIOOp(size));
             m_grain->read(target, piece);
@@ -265,13 +274,15 @@ void CVMDKSparseExtentFile::read(void* buffer, int size) {
 }
 
 void CVMDKSparseExtentFile::write(const void* buffer, int size) {
+    verifySize("CVMDKSparseExtentFile::write", "write", size);
     if (size > m_capacityBytes - m_position)
         throw CIOError(CIOError::Code_WriteBeyondEnd, "Write exceeded VMDK extent size.",
                        uriProps().add("position", m_position).add("bytesToWrite", size));
     onAboutToChange();
     const auto* source = static_cast<const unsigned char*>(buffer);
+    bool singly = false;
     while (size > 0) {
-        int piece = isAtWholePlainGrains(size) ? writeWholeGrains(source, size) : 0;
+        int piece = moveWholeGrains(size, singly, [&](int most) { return writeWholeGrains(source, most); });
         if (piece == 0) {
             piece = static_cast<int>(beginIOOp(size));
             // A missing table is told here: a change that can never be stored would keep the grain from
@@ -291,6 +302,29 @@ void CVMDKSparseExtentFile::write(const void* buffer, int size) {
 
 bool CVMDKSparseExtentFile::isAtWholePlainGrains(int size) const noexcept {
     return !m_compressed && !m_cipher && m_position % m_grainSizeBytes == 0 && size >= m_grainSizeBytes;
+}
+
+/// What `move(size)` moved, 0 when the position is not at whole plain grains. Several grains at once that
+/// fail are tried again one by one, so that the position tells how far it came.
+template <class Move>
+int CVMDKSparseExtentFile::moveWholeGrains(int size, bool& singly, Move move) {
+    if (!isAtWholePlainGrains(size))
+        return 0;
+    const auto grainSize = static_cast<int>(m_grainSizeBytes);
+    if (singly || size < 2 * m_grainSizeBytes)
+        return move(std::min(size, grainSize));
+    try {
+        return move(size);
+    } catch (const CError&) {
+        singly = true;
+    }
+    return move(grainSize);
+}
+
+void CVMDKSparseExtentFile::verifySize(const char* method, const char* verb, int size) const {
+    if (size < 0)
+        throw CInvalidArgError(method, String("Invalid number of bytes to ") + verb + ": " + toDecimal(size),
+                               uriProps());
 }
 
 /// How many grains, at most `most`, have slots that follow each other, or have none; `posSectors` is the
@@ -352,7 +386,9 @@ int CVMDKSparseExtentFile::writeWholeGrains(const void* buffer, int size) {
     int same = 1;
     while (same < count && isZeroGrain(same) == zero)
         ++same;
-    if (!zero)
+    if (zero) // where the table is missing that is told, as for any other bytes
+        m_grainDirectory->getGrainTable(grainIndex / m_grainDirectory->getEntriesPerTable());
+    else
         m_grainAllocator->allocNewGrainRun(grainIndex, buffer, same);
     return static_cast<int>(same * m_grainSizeBytes);
 }
@@ -426,6 +462,8 @@ void CVMDKSparseExtentFile::readPreparedGrainData(TBuffer<unsigned char>& data) 
 
 void CVMDKSparseExtentFile::writePreparedGrainData(const TBuffer<unsigned char>& data) {
     verifyPreparedTransfer("write");
+    if (m_access == IIOStream::Access_ReadWrite)
+        m_grain->verifyPreparedData(TConstBufferSlice<unsigned char>(data)); // before the content ID changes
     onAboutToChange();
     beginPreparedTransfer("writePreparedGrainData");
     m_grain->writePreparedGrainData(data);
@@ -437,9 +475,13 @@ int64 CVMDKSparseExtentFile::makeGrainIndependentOfParent(int64 grainIndex) {
     // What no position can name is refused by seek as the position furthest away on its side.
     const bool fits =
         grainIndex >= INT64_MIN / m_grainSizeBytes && grainIndex <= INT64_MAX / m_grainSizeBytes;
-    seek(fits ? grainIndex * m_grainSizeBytes : grainIndex < 0 ? INT64_MIN : INT64_MAX);
+    const int64 start = fits ? grainIndex * m_grainSizeBytes : grainIndex < 0 ? INT64_MIN : INT64_MAX;
+    // The end is a position, but no grain begins there.
+    if (start == m_capacityBytes)
+        throwBadPosition(start);
+    seek(start);
     const int64 result = m_grain->makeIndependentOfParent();
-    m_position += m_grainSizeBytes;
+    m_position = std::min(m_position + m_grainSizeBytes, m_capacityBytes);
     return result;
 }
 
@@ -461,7 +503,7 @@ int64 CVMDKSparseExtentFile::findSlotRun(int64 grainIndex, bool& hasSlot) {
     const auto grainHasSlot = [this](int64 index) {
         int64 grainPosSectors = 0;
         int64 slotSizeSectors = 0;
-        m_grainDirectory->getGrainInfo(index, grainPosSectors, slotSizeSectors);
+        m_grainDirectory->findGrainEntry(index, grainPosSectors, slotSizeSectors);
         return grainPosSectors > 0;
     };
     hasSlot = grainHasSlot(grainIndex);
@@ -478,7 +520,7 @@ P<CVMDKSpaceInfo> CVMDKSparseExtentFile::gatherSpaceInfo() {
     for (int64 i = 0; i < m_grainDirectory->getGrainCount(); ++i) {
         int64 grainPosSectors = 0;
         int64 slotSizeSectors = 0;
-        m_grainDirectory->getGrainInfo(i, grainPosSectors, slotSizeSectors);
+        m_grainDirectory->findGrainEntry(i, grainPosSectors, slotSizeSectors);
         if (grainPosSectors <= 0)
             continue;
         payloadSize += m_grainSizeBytes;

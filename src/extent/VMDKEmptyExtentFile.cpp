@@ -124,6 +124,7 @@ void createEmptyVMDKSparseExtentFile(IFileSystem* fileSystem, const CURI& uri, b
     try {
         CDataOutStream out(stream.get());
         writeExtent(out, plan);
+        stream->close(); // here a failure is told
     } catch (const std::exception& error) {
         logError(error,
                  "Error in CVMDKDisk::createEmptySparseExtentFile ('" + uri.toString(true) +

@@ -85,4 +85,32 @@ P<TBuffer<unsigned char>> CVMDKDataPreparer::unprepareGrainData(TBuffer<unsigned
     return pAuxBuffer;
 }
 
+void CVMDKDataPreparer::verifyPreparedGrainData(const TConstBufferSlice<unsigned char>& data,
+                                                const char* method, const String& uri) const {
+    const int64 size = data.getLength();
+    if (size == 0)
+        throw CInvalidArgError(method,
+                               "CVMDKGrain::writePreparedGrainData called with zero-length prepared data.",
+                               CProps().add("uri", uri));
+    const auto refuse = [&](const String& problem) {
+        throw CInvalidArgError(method, "Invalid prepared grain data: " + problem + ".",
+                               CProps().add("uri", uri).add("preparedSize", size));
+    };
+    if (!m_compressor) {
+        if (size != m_grainSizeBytes)
+            refuse("an uncompressed grain has " + toDecimal(m_grainSizeBytes) + " bytes, not " +
+                   toDecimal(size));
+        return;
+    }
+    const int64 worstCase = m_worstCaseSizeSectors * vmdkSectorSize;
+    if (size < recordHeadSize || size > worstCase)
+        refuse("a compressed grain has " + toDecimal(recordHeadSize) + " to " + toDecimal(worstCase) +
+               " bytes, not " + toDecimal(size));
+    const int64 held = size - recordHeadSize;
+    const UGrainRecordHead head = loadGrainRecordHead(data.getData());
+    if (head.compressedSize > held)
+        refuse("its length field says " + toDecimal(head.compressedSize) + " bytes, but " + toDecimal(held) +
+               " follow");
+}
+
 } // namespace tessel

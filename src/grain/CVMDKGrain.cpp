@@ -346,6 +346,16 @@ void CVMDKGrain::initZeroGrainData(int64 diskGrainIndex) {
 }
 
 void CVMDKGrain::readPreparedGrainData(TBuffer<unsigned char>& out) {
+    try {
+        fetchPreparedGrainData(out);
+    } catch (...) {
+        out.setUsed(0);
+        throw;
+    }
+    m_position = m_grainSizeBytes;
+}
+
+void CVMDKGrain::fetchPreparedGrainData(TBuffer<unsigned char>& out) {
     out.setUsed(0);
     verifyAtStart("tryReadPreparedGrainData");
     flushChangesToStream();
@@ -364,7 +374,6 @@ void CVMDKGrain::readPreparedGrainData(TBuffer<unsigned char>& out) {
         initZeroGrainData(m_diskGrainIndex);
         out = *m_preparedZeroGrain;
     }
-    m_position = m_grainSizeBytes;
 }
 
 void CVMDKGrain::writePreparedGrainData(const TBuffer<unsigned char>& data) {
@@ -376,31 +385,7 @@ void CVMDKGrain::writePreparedGrainDataKeepBuffer(const TConstBufferSlice<unsign
 }
 
 void CVMDKGrain::verifyPreparedData(const TConstBufferSlice<unsigned char>& data) const {
-    static const char* const method = "CVMDKGrain::writePreparedGrainData";
-    const int64 size = data.getLength();
-    if (size == 0)
-        throw CInvalidArgError(method,
-                               "CVMDKGrain::writePreparedGrainData called with zero-length prepared data.",
-                               CProps().add("uri", uriText()));
-    const auto refuse = [&](const String& problem) {
-        throw CInvalidArgError(method, "Invalid prepared grain data: " + problem + ".",
-                               CProps().add("uri", uriText()).add("preparedSize", size));
-    };
-    if (!m_compressed) {
-        if (size != m_grainSizeBytes)
-            refuse("an uncompressed grain has " + toDecimal(m_grainSizeBytes) + " bytes, not " +
-                   toDecimal(size));
-        return;
-    }
-    const int64 worstCase = m_dataPreparer->getWorstCaseGrainSizeSectors() * vmdkSectorSize;
-    if (size < CVMDKDataPreparer::recordHeadSize || size > worstCase)
-        refuse("a compressed grain has " + toDecimal(CVMDKDataPreparer::recordHeadSize) + " to " +
-               toDecimal(worstCase) + " bytes, not " + toDecimal(size));
-    const int64 held = size - CVMDKDataPreparer::recordHeadSize;
-    const UGrainRecordHead head = loadGrainRecordHead(data.getData());
-    if (head.compressedSize > held)
-        refuse("its length field says " + toDecimal(head.compressedSize) + " bytes, but " + toDecimal(held) +
-               " follow");
+    m_dataPreparer->verifyPreparedGrainData(data, "CVMDKGrain::writePreparedGrainData", uriText());
 }
 
 void CVMDKGrain::writePreparedGrainDataImpl(const TConstBufferSlice<unsigned char>& data, bool keepBuffer) {

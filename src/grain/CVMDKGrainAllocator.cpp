@@ -19,13 +19,15 @@ constexpr int64 maxRecordedSlotSize = 0xFFFF;
 
 CVMDKGrainAllocator::CVMDKGrainAllocator(IIOStream* stream, IIOStream::Access access, int64 grainSizeSectors,
                                          int64 slotAlignmentSectors, CVMDKGrainDirectory* directory,
-                                         const TBuffer<unsigned char>& expectedTrailData)
+                                         const TBuffer<unsigned char>& expectedTrailData,
+                                         int64 metadataEndSectors)
     : m_stream(stream),
       m_access(access),
       m_directory(directory),
       m_grainSizeBytes(grainSizeSectors * vmdkSectorSize),
       m_slotAlignmentBytes(slotAlignmentSectors * vmdkSectorSize),
-      m_trail(expectedTrailData) {
+      m_trail(expectedTrailData),
+      m_metadataEnd(metadataEndSectors * vmdkSectorSize) {
     const int64 size = stream->getLength();
     m_dataEnd = size;
     if (m_trail.isEmpty())
@@ -36,7 +38,7 @@ CVMDKGrainAllocator::CVMDKGrainAllocator(IIOStream* stream, IIOStream::Access ac
     }
     logWarning("VMDK trail data is not what we expected. Assuming that it is not trail data - we won't "
                "overwrite it.");
-    m_trailDirty = access != IIOStream::Access_Read;
+    m_trailDirty = access != IIOStream::Access_Read && !endsWithinMetadata();
 }
 
 CVMDKGrainAllocator::~CVMDKGrainAllocator() {
@@ -108,6 +110,15 @@ void CVMDKGrainAllocator::verifyMayAllocate() const {
     if (m_access == IIOStream::Access_Read)
         throw CError("Internal error: CVMDKGrainAllocator::allocNewGrain was called, but the grain allocator "
                      "was not opened for writing.");
+    if (endsWithinMetadata())
+        throw CIOError(CIOError::Code_BadFormat,
+                       "VMDK grain cannot be stored: the extent file ends within its metadata (file size: " +
+                           toDecimal(m_dataEnd) + " bytes, metadata: " + toDecimal(m_metadataEnd) +
+                           " bytes).",
+                       CProps()
+                           .add("uri", m_stream->getURI().toString(true))
+                           .add("fileSize", m_dataEnd)
+                           .add("metadataSize", m_metadataEnd));
 }
 
 int64 CVMDKGrainAllocator::findSlotPosition() const noexcept {

@@ -96,8 +96,24 @@ void CVMDKGrainDirectory::verifyNumbers() const {
                            " bytes does not fit the file of " + toDecimal(length) + " bytes).",
                        CProps().add("uri", uriText()).add("capacity", m_capacitySectors));
     verify("grainDirectoryOffset", m_directoryPosSectors, 1, lastPos);
-    if (m_redundantDirectoryPosSectors > 0)
+    if (m_redundantDirectoryPosSectors > 0) {
         verify("redundantGrainDirectoryOffset", m_redundantDirectoryPosSectors, 1, lastPos);
+        verifyNoOverlap(m_redundantDirectoryPosSectors, m_directoryPosSectors);
+    }
+}
+
+// Directories that share sectors are no copies, and would take more memory than the file has bytes.
+void CVMDKGrainDirectory::verifyNoOverlap(int64 posSectors, int64 otherPosSectors) const {
+    const int64 tableCount =
+        calcExtentGrainTableCount(m_capacitySectors, m_grainSizeSectors, m_entriesPerTable);
+    const int64 sectors = divideRoundingUp(tableCount * entryBytes, vmdkSectorSize);
+    if (posSectors >= otherPosSectors + sectors || otherPosSectors >= posSectors + sectors)
+        return;
+    throw CIOError(
+        CIOError::Code_BadFormat,
+        "VMDK grain directories overlap (sectors: " + toDecimal(otherPosSectors) + " and " +
+            toDecimal(posSectors) + ", size: " + toDecimal(sectors) + " sectors).",
+        CProps().add("uri", uriText()).add("position", otherPosSectors).add("otherPosition", posSectors));
 }
 
 int64 CVMDKGrainDirectory::calcExtentGrainCount(int64 capacitySectors, int64 grainSizeSectors) {
@@ -144,6 +160,16 @@ void CVMDKGrainDirectory::findSlotSizeDirectory(int64 overheadSectors) {
                    "'). Ignoring the slot directory.");
     else
         m_slotSizeDirectoryPosSectors = static_cast<int64>(markerSector) + 1;
+    if (m_slotSizeDirectoryPosSectors == 0)
+        return;
+    if (m_slotSizeDirectoryPosSectors * vmdkSectorSize > m_stream->getLength() - m_tableCount * entryBytes)
+        throw CIOError(CIOError::Code_BadFormat,
+                       "VMDK slot size directory lies behind the end of the file (sector: " +
+                           toDecimal(m_slotSizeDirectoryPosSectors) + ").",
+                       CProps().add("uri", uriText()).add("position", m_slotSizeDirectoryPosSectors));
+    verifyNoOverlap(m_slotSizeDirectoryPosSectors, m_directoryPosSectors);
+    if (m_redundantDirectoryPosSectors > 0)
+        verifyNoOverlap(m_slotSizeDirectoryPosSectors, m_redundantDirectoryPosSectors);
 }
 
 void CVMDKGrainDirectory::verifyTableIndex(int64 tableIndex) const {
@@ -229,6 +255,7 @@ P<CVMDKGrainTable> CVMDKGrainDirectory::getGrainTable(int64 tableIndex) {
         if (!canLoadTable(t, streamLength))
             continue;
         batch.emplace_back(t, loadTable(t));
+        holdAgainstBounds(t, *batch.back().second);
         if (t == tableIndex)
             wanted = batch.back().second;
     }
@@ -241,7 +268,57 @@ P<CVMDKGrainTable> CVMDKGrainDirectory::getGrainTable(int64 tableIndex) {
     return wanted;
 }
 
+void CVMDKGrainDirectory::setSlotBounds(int64 firstSector, int64 endBytes) {
+    m_slotsBeginSector = firstSector;
+    m_slotsEndBytes = endBytes;
+    m_tableSeen.assign(static_cast<std::size_t>(m_tableCount), false);
+}
+
+// Only the first reading tells what the file held when it was opened: from then on new slots may come to lie
+// where a false entry points, and it would look as good as theirs.
+void CVMDKGrainDirectory::holdAgainstBounds(int64 tableIndex, CVMDKGrainTable& table) {
+    if (m_tableSeen.empty() || m_tableSeen[static_cast<std::size_t>(tableIndex)])
+        return;
+    TArray<bool> outside;
+    for (int i = 0; i < m_entriesPerTable; ++i) {
+        int64 posSectors = 0;
+        int64 slotSizeSectors = 0;
+        table.getGrainInfo(i, posSectors, slotSizeSectors);
+        if (posSectors == 0 || (posSectors >= m_slotsBeginSector &&
+                                (posSectors + slotSizeSectors) * vmdkSectorSize <= m_slotsEndBytes))
+            continue;
+        outside.resize(static_cast<std::size_t>(m_entriesPerTable), false);
+        outside[static_cast<std::size_t>(i)] = true;
+    }
+    if (!outside.empty())
+        m_outside.insert_or_assign(tableIndex, std::move(outside));
+    m_tableSeen[static_cast<std::size_t>(tableIndex)] = true;
+}
+
+bool CVMDKGrainDirectory::isOutsideBounds(int64 grainIndex) const {
+    const auto found = m_outside.find(grainIndex / m_entriesPerTable);
+    return found != m_outside.end() &&
+           found->second[static_cast<std::size_t>(grainIndex % m_entriesPerTable)];
+}
+
 void CVMDKGrainDirectory::getGrainInfo(int64 grainIndex, int64& grainPosSectors, int64& slotSizeSectors) {
+    findGrainEntry(grainIndex, grainPosSectors, slotSizeSectors);
+    if (grainPosSectors == 0 || m_outside.empty() || !isOutsideBounds(grainIndex))
+        return;
+    throw CIOError(
+        CIOError::Code_BadFormat,
+        "VMDK grain " + toDecimal(grainIndex) +
+            " lies outside the part of the file that holds grains (sector: " + toDecimal(grainPosSectors) +
+            ", slot size: " + toDecimal(slotSizeSectors) + " sectors; allowed: sector " +
+            toDecimal(m_slotsBeginSector) + " to byte " + toDecimal(m_slotsEndBytes) + ").",
+        CProps()
+            .add("uri", uriText())
+            .add("grainIndex", grainIndex)
+            .add("grainPosition", grainPosSectors)
+            .add("slotSize", slotSizeSectors));
+}
+
+void CVMDKGrainDirectory::findGrainEntry(int64 grainIndex, int64& grainPosSectors, int64& slotSizeSectors) {
     const int64 tableIndex = grainIndex / m_entriesPerTable;
     verifyTableIndex(tableIndex);
     if (grainIndex >= 0 && m_directory[tableIndex] == 0) {
@@ -255,11 +332,15 @@ void CVMDKGrainDirectory::getGrainInfo(int64 grainIndex, int64& grainPosSectors,
 void CVMDKGrainDirectory::setGrainInfo(int64 grainIndex, int64 grainPosSectors, int64 slotSizeSectors) {
     const int64 tableIndex = grainIndex / m_entriesPerTable;
     const P<CVMDKGrainTable> table = getGrainTable(tableIndex);
-    table->setGrainInfo(grainIndex % m_entriesPerTable, grainPosSectors, slotSizeSectors);
     // A small cache may have let go of the table in the very batch that read it. It would be written by
-    // its destructor then, which can tell nobody of a failure.
-    if (table->hasUnflushedChanges() && m_cache->getCachedTable(this, tableIndex) != table)
+    // its destructor then, which can tell nobody of a failure. It comes back before it is changed: when there
+    // is no memory for that, nothing has happened.
+    if (m_cache->getCachedTable(this, tableIndex) != table)
         m_cache->setCachedTable(this, tableIndex, table.get());
+    table->setGrainInfo(grainIndex % m_entriesPerTable, grainPosSectors, slotSizeSectors);
+    const auto outside = m_outside.find(tableIndex);
+    if (outside != m_outside.end())
+        outside->second[static_cast<std::size_t>(grainIndex % m_entriesPerTable)] = false;
 }
 
 void CVMDKGrainDirectory::flushChangesToStream() {

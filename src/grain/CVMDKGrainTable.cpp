@@ -24,19 +24,28 @@ CVMDKGrainTable::CVMDKGrainTable(IIOStream* stream, IIOStream::Access access, in
     }
 }
 
+// Nobody saw to the order of this write: the slots must be durable before their entries.
+void CVMDKGrainTable::writeInOrder() {
+    writeSlotSizesOfNewGrains();
+    m_stream->flush();
+    writeChangedEntries();
+    if (m_slotSizesChanged)
+        m_stream->flush();
+    flushChangesToStream();
+}
+
 CVMDKGrainTable::~CVMDKGrainTable() {
-    try {
-        if (hasUnflushedChanges()) {
-            // Nobody saw to the order of this write: the slots must be durable before their entries.
-            writeSlotSizesOfNewGrains();
-            m_stream->flush();
-            writeChangedEntries();
-            if (m_slotSizesChanged)
-                m_stream->flush();
-            flushChangesToStream();
+    // The entries have no other chance than this one. A write that fails makes the next flush fail as well,
+    // so that only a third attempt finds the way free. The first failure is told in either case.
+    bool isTold = false;
+    for (int attempt = 0; attempt < 3 && hasUnflushedChanges(); ++attempt) {
+        try {
+            writeInOrder();
+        } catch (const std::exception& error) {
+            if (!isTold)
+                onExceptionInDestructorIgnored("tessel::CVMDKGrainTable", error, true);
+            isTold = true;
         }
-    } catch (const std::exception& error) {
-        onExceptionInDestructorIgnored("tessel::CVMDKGrainTable", error, true);
     }
 }
 
@@ -128,8 +137,9 @@ void CVMDKGrainTable::flushChangesToStream() {
     if (m_slotSizesChanged) {
         writeTable(*m_stream, m_slotSizeTablePosSectors, m_slotSizes);
         m_slotSizesChanged = false;
-        m_storedSlotSizes = m_slotSizes;
     }
+    m_storedEntries = TBuffer<uint32>();
+    m_storedSlotSizes = TBuffer<uint16>();
 }
 
 } // namespace tessel

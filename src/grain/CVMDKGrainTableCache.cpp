@@ -1,5 +1,7 @@
 #include "tessel/CVMDKGrainTableCache.h"
 
+#include "lum/CInvalidArgError.h"
+
 namespace tessel {
 
 CVMDKGrainTableCache::CVMDKGrainTableCache(int limit) : m_cache(new Cache(limit)) {}
@@ -10,6 +12,9 @@ P<CVMDKGrainTable> CVMDKGrainTableCache::getCachedTable(CVMDKGrainDirectory* dir
 
 void CVMDKGrainTableCache::setCachedTable(CVMDKGrainDirectory* directory, int64 tableIndex,
                                           CVMDKGrainTable* table) {
+    if (!table)
+        throw CInvalidArgError("CVMDKGrainTableCache::setCachedTable", "The table must not be null.",
+                               CProps().add("tableIndex", tableIndex));
     m_cache->set(CKey{directory, tableIndex}, table);
 }
 
@@ -42,10 +47,8 @@ void CVMDKGrainTableCache::writeChangedEntries(CVMDKGrainDirectory* directory) {
 }
 
 void CVMDKGrainTableCache::removeCachedTablesFromDirectory(CVMDKGrainDirectory* directory) {
-    TArray<CKey> keys;
-    forEachTable(directory, [&](const CKey& key, CVMDKGrainTable&) { keys.push_back(key); });
-    for (const CKey& key : keys)
-        m_cache->remove(key);
+    m_cache->removeFrom(CKey{directory, INT64_MIN},
+                        [directory](const CKey& key) { return key.directory == directory; });
 }
 
 void CVMDKGrainTableCache::clear() {

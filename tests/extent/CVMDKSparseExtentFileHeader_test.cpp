@@ -134,7 +134,7 @@ TEST_F(CVMDKSparseExtentFileBigHeaderTest, LargestGrainSizeIsTaken) {
 TEST_F(CVMDKSparseExtentFileBigHeaderTest, LargestDirectoryThatFitsIsTaken) {
     createExtent({});
     patchFile<uint64>(Field_Capacity, 4096 * 1920 - 1); // a directory of 1920 entries, 7680 bytes
-    patchFile<uint64>(Field_RedundantDirectory, 1);
+    patchFile<uint64>(Field_RedundantDirectory, 0);
     patchFile<uint64>(Field_Directory, 1);
     const auto extent = openExtent();
     EXPECT_EQ(extent->getGrainDirectory().getTableCount(), 1920);

@@ -221,7 +221,12 @@ TEST_F(CVMDKGrainDirectoryBatchTest, WithoutACacheEveryChangeIsWrittenAtOnceOrRe
     EXPECT_EQ(entries[0].message,
               "Exception ignored in the destructor of tessel::CVMDKGrainTable; data may be lost");
     EXPECT_EQ(entries[0].error, "Cannot write to file: Injected fault");
-    EXPECT_EQ(get(5), 1005);
+    EXPECT_EQ(get(5), 2005) << "another attempt succeeds";
+
+    m_extent->faults().addRule({.operation = FaultRule::Write, .always = true});
+    set(5, 3005);
+    EXPECT_EQ(log.takeEntries().size(), 1u);
+    EXPECT_EQ(get(5), 2005);
 }
 
 // --- Flush and destruction ---

@@ -133,8 +133,12 @@ TEST_F(CVMDKGrainDirectoryTest, SlotSizeDirectoryThatIsCutShortFails) {
     make(true, 2);
     const int64 position = slotSizeDirectoryByte(0);
     m_extent->setFileLength(position + 7);
-    EXPECT_LUM_ERROR(makeDirectory(true), CIOError, 4, "Unexpected end of data.",
-                     {{"uri", m_extent->uriText()}, {"position", toDecimal(position)}, {"bytesToRead", "8"}});
+    EXPECT_LUM_ERROR(makeDirectory(true), CIOError, 5,
+                     "VMDK slot size directory lies behind the end of the file (sector: " +
+                         toDecimal(position / 512) + ").",
+                     {{"uri", m_extent->uriText()}, {"position", toDecimal(position / 512)}});
+    m_extent->setFileLength(position + 8);
+    EXPECT_NO_THROW(makeDirectory(true));
 }
 
 TEST_F(CVMDKGrainDirectoryTest, GuestDataAreNoMarker) {
@@ -217,10 +221,20 @@ TEST_F(CVMDKGrainDirectoryTest, NumbersThatNoExtentCanHaveAreRefusedBeforeAnythi
     }
 }
 
+TEST_F(CVMDKGrainDirectoryTest, DirectoriesThatOverlapAreRefused) {
+    make(false, 2);
+    EXPECT_LUM_ERROR(makeDirectory(5, 5, 8192, 8, 512), CIOError, 5,
+                     "VMDK grain directories overlap (sectors: 5 and 5, size: 1 sectors).",
+                     {{"uri", m_extent->uriText()}, {"position", "5"}, {"otherPosition", "5"}});
+    EXPECT_LUM_ERROR(makeDirectory(5, 6, int64{8} * 129, 8, 1), CIOError, 5,
+                     "VMDK grain directories overlap (sectors: 5 and 6, size: 2 sectors).",
+                     {{"uri", m_extent->uriText()}, {"position", "5"}, {"otherPosition", "6"}});
+}
+
 TEST_F(CVMDKGrainDirectoryTest, LargestNumbersThatFitAreTaken) {
     make(false, 2);
     const int64 lastPos = m_extent->fileLength() / 512 - 1;
-    EXPECT_NO_THROW(makeDirectory(lastPos, lastPos, 8192, 8, 512));
+    EXPECT_NO_THROW(makeDirectory(lastPos, lastPos - 1, 8192, 8, 512));
     EXPECT_NO_THROW(makeDirectory(1, 2, 32768, 32768, 4096));
     EXPECT_NO_THROW(makeDirectory(1, INT64_MIN, 1, 1, 1));
 }

@@ -251,22 +251,27 @@ TEST_F(CVMDKGrainTableTest, DestructorOfACleanTableTouchesNothing) {
     EXPECT_THAT(m_stream->takeOperations(), IsEmpty());
 }
 
-TEST_F(CVMDKGrainTableTest, DestructorReportsWhatItCannotWrite) {
-    for (const FaultRule::Operation operation : {FaultRule::Flush, FaultRule::Write}) {
+TEST_F(CVMDKGrainTableTest, DestructorReportsWhatItCannotWriteAndTriesAgain) {
+    int64 position = 8000;
+    for (const FaultRule& rule :
+         {FaultRule{.operation = FaultRule::Flush}, FaultRule{.operation = FaultRule::Write},
+          FaultRule{.operation = FaultRule::Flush, .always = true},
+          FaultRule{.operation = FaultRule::Write, .always = true}}) {
         P<CVMDKGrainTable> table = open(true);
-        table->setGrainInfo(1, 8000, 60);
-        m_faults->addRule({.operation = operation});
+        const uint32 before = fileEntry(tableSector, 1);
+        table->setGrainInfo(1, ++position, 60);
+        m_faults->addRule(rule);
         CLogRecorder log;
         table = nullptr;
         m_faults->clearRules();
-        const String error = operation == FaultRule::Flush ? "Cannot flush file: Injected fault"
-                                                           : "Cannot write to file: Injected fault";
+        const String error = rule.operation == FaultRule::Flush ? "Cannot flush file: Injected fault"
+                                                                : "Cannot write to file: Injected fault";
         EXPECT_THAT(log.takeEntries(),
                     ElementsAre(CLogRecorder::Entry{
                         ILogSink::Level_Error,
                         "Exception ignored in the destructor of tessel::CVMDKGrainTable; data may be lost",
                         error, String()}));
-        EXPECT_EQ(fileEntry(tableSector, 1), 1001u) << "nothing was written";
+        EXPECT_EQ(fileEntry(tableSector, 1), rule.always ? before : position);
     }
 }
 

@@ -31,8 +31,9 @@ CConfinedFileSystem::CConfinedFileSystem(IFileSystem* fileSystem, const CURI& fo
 }
 
 void CConfinedFileSystem::allow(const CURI& folder) {
+    const CURI real = m_fileSystem->followLinks(folder);
     m_folders.push_back(folder.toNormalized());
-    m_realFolders.push_back(m_fileSystem->followLinks(folder));
+    m_realFolders.push_back(real);
 }
 
 bool CConfinedFileSystem::isAllowed(const CURI& uri) {

@@ -95,12 +95,17 @@ void CPosixFile::throwOpenFailed(int systemError) const {
 /// anybody; the file is as good as the system makes it then.
 void CPosixFile::openFolderOf(const char* path) {
     const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path, nullptr), &std::free);
-    if (!real)
-        return; // somebody has moved or deleted the file already
+    if (!real) {
+        // Somebody may have moved or deleted the file already.
+        m_folderError = errno == ENOENT || errno == EACCES ? 0 : errno;
+        return;
+    }
     std::string folder(real.get());
     folder.resize(folder.find_last_of('/') + 1);
     m_folder = CFileDescriptor(
         untilNotInterrupted([&] { return ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    if (!m_folder.isOpen() && errno != ENOENT && errno != EACCES)
+        m_folderError = errno;
 }
 
 bool CPosixFile::isFileOf(const struct stat& status) const {
@@ -187,7 +192,7 @@ void CPosixFile::flush() {
 /// Makes the name of a new file durable. Returns the system's error, 0 for none.
 int CPosixFile::syncFolder() noexcept {
     if (!m_folder.isOpen())
-        return 0;
+        return m_folderError;
     const int result = untilNotInterrupted([&] { return ::fsync(m_folder.get()); });
     // EINVAL: a file system that cannot synchronise folders has no better to offer.
     const int error = result != 0 && errno != EINVAL ? errno : 0;

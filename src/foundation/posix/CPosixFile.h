@@ -40,6 +40,8 @@ private:
     CFileDescriptor m_file;
     /// Where the file was made, until its name there is durable.
     CFileDescriptor m_folder;
+    /// Why that folder could not be opened, for the flush that needs it; 0: it could, or nobody can.
+    int m_folderError = 0;
     bool m_isBlockDevice = false;
     bool m_mayWrite;
     bool m_waitForMedium;
