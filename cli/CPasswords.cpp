@@ -1,5 +1,6 @@
 #include "CPasswords.h"
 
+#include "Confinement.h"
 #include "Disks.h"
 #include "Errors.h"
 #include "Names.h"
@@ -48,6 +49,7 @@ String askPassword(const std::string& question) {
 void CPasswords::addOpenOption(CLI::App& verb) {
     verb.add_option("--password-file", m_file, "File whose first line is the password of an encrypted disk")
         ->type_name("FILE");
+    addAllowOption(verb);
 }
 
 void CPasswords::addCreateOptions(CLI::App& verb) {
@@ -61,6 +63,7 @@ void CPasswords::addCreateOptions(CLI::App& verb) {
     verb.add_option("--open-password-file", m_openFile,
                     "Password of disks which are opened; does not encrypt the new one")
         ->type_name("FILE");
+    addAllowOption(verb);
 }
 
 String CPasswords::getForOpening(const std::string& file) {

@@ -13,9 +13,9 @@ namespace tessel::cli {
 /// fetched once, when it is first needed.
 class CPasswords {
 public:
-    /// --password-file: for a disk that is opened.
+    /// --password-file, and --allow: for a disk that is opened.
     void addOpenOption(CLI::App& verb);
-    /// --password-file, --encrypt and --open-password-file: for a verb that makes a disk.
+    /// --password-file, --encrypt, --open-password-file and --allow: for a verb that makes a disk.
     void addCreateOptions(CLI::App& verb);
 
     /// The password of disks that are opened; empty when there is none. `file` is asked about at the terminal

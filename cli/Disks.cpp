@@ -1,5 +1,6 @@
 #include "Disks.h"
 
+#include "Confinement.h"
 #include "Errors.h"
 #include "Names.h"
 #include "lum/CNativeFileSystem.h"
@@ -17,9 +18,13 @@ namespace fs = std::filesystem;
 
 namespace {
 
-P<CVMDKDescriptor> readDescriptorAt(const CURI& uri) {
+P<IFileSystem> confinedFiles(const std::string& name) {
     const P<IFileSystem> files(new CNativeFileSystem(false));
-    const P<IIOStream> stream = openVMDKFileStream(files.get(), uri, IIOStream::Access_Read);
+    return confine(files.get(), name);
+}
+
+P<CVMDKDescriptor> readDescriptorAt(IFileSystem* files, const CURI& uri) {
+    const P<IIOStream> stream = openVMDKFileStream(files, uri, IIOStream::Access_Read);
     const P<CVMDKDescriptorAccessor> accessor(
         new CVMDKDescriptorAccessor(stream.get(), IIOStream::Access_Read));
     return accessor->getDescriptor();
@@ -31,8 +36,9 @@ template <class Visit>
 void walkChain(const std::string& name, Visit visit) {
     try {
         CURI uri = uriFromName(name).toNormalized();
+        const P<IFileSystem> files = confinedFiles(name);
         for (int depth = 0; depth <= CVMDKParentDiskDataProvider::maxChainLength; ++depth) {
-            const P<CVMDKDescriptor> descriptor = readDescriptorAt(uri);
+            const P<CVMDKDescriptor> descriptor = readDescriptorAt(files.get(), uri);
             String reference;
             if (!visit(uri, *descriptor) || descriptor->getParentContentID() == noContentID ||
                 !descriptor->tryGetParentFileNameHint(reference))
@@ -75,15 +81,16 @@ void verifyMayBeDisk(const std::string& name) {
 P<CVMDKDisk> openDisk(const std::string& name, IIOStream::Access access, const String& password,
                       IFileSystem* files, int compressionLevel, CVMDKDisk* parent) {
     verifyMayBeDisk(name);
+    const P<IFileSystem> confined = confine(files, name);
     return about(name, [&] {
-        return P<CVMDKDisk>(
-            new CVMDKDisk(files, uriFromName(name), access, password, compressionLevel, nullptr, parent));
+        return P<CVMDKDisk>(new CVMDKDisk(confined.get(), uriFromName(name), access, password,
+                                          compressionLevel, nullptr, parent));
     });
 }
 
 P<CVMDKDescriptor> readDescriptor(const std::string& name) {
     verifyMayBeDisk(name);
-    return about(name, [&] { return readDescriptorAt(uriFromName(name)); });
+    return about(name, [&] { return readDescriptorAt(confinedFiles(name).get(), uriFromName(name)); });
 }
 
 bool needsPassword(const std::string& name) {
@@ -106,13 +113,18 @@ bool looksLikeVMDK(const unsigned char* bytes, int count) {
 }
 
 TArray<P<CVMDKDisk>> openParents(CVMDKDisk& disk, const String& password, IFileSystem* files) {
+    // What a disk may name its parents may name, not what lies beside those.
+    const P<IFileSystem> confined = confine(files, nameFromPath(pathFromURI(disk.getMainFileURI())));
     TArray<P<CVMDKDisk>> parents;
     P<CVMDKDisk> child(&disk);
     while (!child->getParentDiskMainURI().isEmpty()) {
         const std::string name = nameFromPath(pathFromURI(child->getParentDiskMainURI()));
         if (parents.size() >= static_cast<std::size_t>(CVMDKParentDiskDataProvider::maxChainLength))
             throw CFailure(name, "The chain of parents is too deep, or comes back to itself");
-        const P<CVMDKDisk> parent = openDisk(name, IIOStream::Access_Read, password, files);
+        const P<CVMDKDisk> parent = about(name, [&] {
+            return P<CVMDKDisk>(new CVMDKDisk(confined.get(), child->getParentDiskMainURI(),
+                                              IIOStream::Access_Read, password, -1, nullptr, nullptr));
+        });
         if (parent->getDescriptor()->getContentID() != child->getDescriptor()->getParentContentID())
             throw CFailure(name, "This disk has changed since a child was made from it");
         parents.push_back(parent);

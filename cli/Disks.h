@@ -12,7 +12,7 @@ namespace tessel::cli {
 /// Throws: CFailure when there is no such file, or it is surely no disk: a raw image, say.
 void verifyMayBeDisk(const std::string& name);
 
-/// Opens a disk. Throws: CFailure, which names it.
+/// Opens a disk, which reaches `files` as far as confine() lets it. Throws: CFailure, which names it.
 P<CVMDKDisk> openDisk(const std::string& name, IIOStream::Access access, const String& password,
                       IFileSystem* files, int compressionLevel = -1, CVMDKDisk* parent = nullptr);
 
@@ -25,8 +25,8 @@ bool needsPassword(const std::string& name);
 /// Whether the first bytes of a file are those of a VMDK: a sparse extent or a text descriptor.
 bool looksLikeVMDK(const unsigned char* bytes, int count);
 
-/// The parents of an open disk, nearest first, opened for reading once more by themselves.
-/// Throws: CFailure when one cannot be opened or has changed.
+/// The parents of an open disk, nearest first, opened for reading once more by themselves, as far as `disk`
+/// may name files. Throws: CFailure when one cannot be opened or has changed.
 TArray<P<CVMDKDisk>> openParents(CVMDKDisk& disk, const String& password, IFileSystem* files);
 
 /// The files of a disk and of its parents, or of a raw image, as far as they can be told without opening more

@@ -60,6 +60,8 @@ std::string adviceFor(const String& message) {
                "line "
                "encoding=\"UTF-8\" is written first); to a descriptor file of its own add zero bytes with "
                "truncate -s +512, or convert the disk into a new one";
+    if (message == "The file is outside the folders that may be used.")
+        return "; --allow DIR lets a disk name files below another folder";
     return std::string();
 }
 

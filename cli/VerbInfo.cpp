@@ -1,3 +1,4 @@
+#include "Confinement.h"
 #include "Disks.h"
 #include "Errors.h"
 #include "Names.h"
@@ -30,6 +31,7 @@ struct UExtentFacts {
     std::string type;
     int64 startBytes = 0;
     int64 sizeBytes = 0;
+    bool isOutside = false; ///< not a file that this disk may name; not looked at
     bool isThere = false;
     int64 fileSizeBytes = 0;
     int64 allocatedBytes = 0;
@@ -48,6 +50,7 @@ struct UDiskFacts {
     unsigned int parentContentID = noContentID;
     std::string parentReference;
     std::string parentFile;
+    bool isParentOutside = false;
     bool isParentThere = false;
     int64 allocatedBytes = 0;
     std::vector<UExtentFacts> extents;
@@ -61,14 +64,19 @@ P<CVMDKSparseExtentHeader> readHeader(IFileSystem* files, const CURI& uri) {
     return header;
 }
 
-UExtentFacts collectExtent(const CVMDKExtentInfo& extent, const CURI& folder) {
+UExtentFacts collectExtent(const CVMDKExtentInfo& extent, const CURI& folder, const std::string& disk) {
     UExtentFacts facts;
-    const fs::path path = pathFromURI(vmdkFileReferenceToURI(folder, extent.getFilename()));
-    facts.file = nameFromPath(path);
     facts.access = extent.getAccess().toUTF8Lossy();
     facts.type = extent.getType().toUTF8Lossy();
     facts.sizeBytes =
         std::clamp<int64>(extent.getSizeSectors(), 0, INT64_MAX / vmdkSectorSize) * vmdkSectorSize;
+    const CURI uri = vmdkFileReferenceToURI(folder, extent.getFilename());
+    facts.file = showPaths(uri.toString(true));
+    facts.isOutside = !isAllowedFor(disk, uri);
+    if (facts.isOutside)
+        return facts;
+    const fs::path path = pathFromURI(uri);
+    facts.file = nameFromPath(path);
     facts.isThere = fs::is_regular_file(path);
     if (facts.isThere) {
         facts.fileSizeBytes = static_cast<int64>(fs::file_size(path));
@@ -77,13 +85,19 @@ UExtentFacts collectExtent(const CVMDKExtentInfo& extent, const CURI& folder) {
     return facts;
 }
 
-void collectParent(const CVMDKDescriptor& descriptor, const CURI& folder, UDiskFacts& facts) {
+void collectParent(const CVMDKDescriptor& descriptor, const CURI& folder, const std::string& disk,
+                   UDiskFacts& facts) {
     facts.parentContentID = descriptor.getParentContentID();
     String reference;
     if (facts.parentContentID == noContentID || !descriptor.tryGetParentFileNameHint(reference))
         return;
     facts.parentReference = reference.toUTF8Lossy();
-    const fs::path path = pathFromURI(vmdkFileReferenceToURI(folder, reference));
+    const CURI uri = vmdkFileReferenceToURI(folder, reference);
+    facts.parentFile = showPaths(uri.toString(true));
+    facts.isParentOutside = !isAllowedFor(disk, uri);
+    if (facts.isParentOutside)
+        return;
+    const fs::path path = pathFromURI(uri);
     facts.parentFile = nameFromPath(path);
     facts.isParentThere = fs::is_regular_file(path);
 }
@@ -97,7 +111,8 @@ void collectGrains(IFileSystem* files, const CURI& uri, UDiskFacts& facts) {
                          (header->getFlags() & CVMDKSparseExtentHeader::Flag_Compressed) != 0;
 }
 
-UDiskFacts collect(const CURI& uri, IFileSystem* files) {
+UDiskFacts collect(const std::string& name, IFileSystem* files) {
+    const CURI uri = uriFromName(name);
     const P<IIOStream> stream = openVMDKFileStream(files, uri, IIOStream::Access_Read);
     const P<CVMDKDescriptorAccessor> accessor(
         new CVMDKDescriptorAccessor(stream.get(), IIOStream::Access_Read));
@@ -109,14 +124,14 @@ UDiskFacts collect(const CURI& uri, IFileSystem* files) {
     facts.contentID = descriptor->getContentID();
     facts.isEncrypted = !descriptor->getLumEncryptionAlgorithm().isEmpty();
     facts.isOnDemand = descriptor->getLumCreateExtentFilesOnDemand();
-    collectParent(*descriptor, folder, facts);
+    collectParent(*descriptor, folder, name, facts);
     if (!facts.isDescriptorEmbedded)
         facts.allocatedBytes = getAllocatedSize(pathFromURI(uri));
 
     TArray<P<CVMDKExtentInfo>> extents;
     descriptor->getExtentEntries(extents);
     for (const auto& extent : extents) {
-        UExtentFacts found = collectExtent(*extent, folder);
+        UExtentFacts found = collectExtent(*extent, folder, name);
         found.startBytes = facts.sizeBytes;
         facts.sizeBytes =
             found.sizeBytes > INT64_MAX - facts.sizeBytes ? INT64_MAX : facts.sizeBytes + found.sizeBytes;
@@ -145,6 +160,7 @@ void tellAsJSON(const std::string& name, const UDiskFacts& facts) {
         json["parent"] = Json({{"reference", facts.parentReference},
                                {"file", facts.parentFile},
                                {"contentID", toHexString(facts.parentContentID).toUTF8()},
+                               {"outside", facts.isParentOutside},
                                {"exists", facts.isParentThere}});
     json["extents"] = Json::array();
     for (const UExtentFacts& extent : facts.extents)
@@ -154,16 +170,21 @@ void tellAsJSON(const std::string& name, const UDiskFacts& facts) {
              {"type", extent.type},
              {"startBytes", extent.startBytes},
              {"sizeBytes", extent.sizeBytes},
+             {"outside", extent.isOutside},
              {"exists", extent.isThere},
              {"fileSizeBytes", extent.isThere ? Json(extent.fileSizeBytes) : Json(nullptr)},
              {"allocatedBytes", extent.isThere ? Json(extent.allocatedBytes) : Json(nullptr)}});
     writeJson(json);
 }
 
+constexpr const char* outsideNote = "  (outside the disk's folder, not looked at; --allow DIR)";
+
 std::string describeExtent(const UExtentFacts& extent, bool isOnDemand) {
     std::string text = extent.file + "  " + extent.type + "  " + formatSize(extent.sizeBytes);
     if (extent.isThere)
         return text + "  (file: " + formatSize(extent.fileSizeBytes) + ")";
+    if (extent.isOutside)
+        return text + outsideNote;
     return text + (isOnDemand ? "  (no file yet)" : "  (FILE IS MISSING)");
 }
 
@@ -182,7 +203,9 @@ void tellAsText(const std::string& name, const UDiskFacts& facts) {
     if (facts.parentContentID == noContentID) {
         table.add("parent", "none");
     } else {
-        table.add("parent", facts.parentFile + (facts.isParentThere ? "" : "  (FILE IS MISSING)"));
+        table.add("parent", facts.parentFile + (facts.isParentOutside ? outsideNote
+                                                : facts.isParentThere ? ""
+                                                                      : "  (FILE IS MISSING)"));
         table.add("parent's ID", toHexString(facts.parentContentID).toUTF8());
     }
     for (std::size_t i = 0; i < facts.extents.size(); ++i)
@@ -193,7 +216,7 @@ void tellAsText(const std::string& name, const UDiskFacts& facts) {
 /// What was told is of use whether the disk can be opened or not; this says whether it can.
 void verifyOpens(UInfo& verb, const UDiskFacts& facts, IFileSystem* files) {
     for (const UExtentFacts& extent : facts.extents)
-        if (!extent.isThere && !facts.isOnDemand && extent.sizeBytes > 0)
+        if (!extent.isThere && !extent.isOutside && !facts.isOnDemand && extent.sizeBytes > 0)
             throw CFailure(verb.disk, "A file of the disk is missing: " + extent.file);
     if (facts.isEncrypted && !verb.passwords.isGivenForOpening())
         return;
@@ -213,8 +236,9 @@ void verifyOpens(UInfo& verb, const UDiskFacts& facts, IFileSystem* files) {
 
 void tellInfo(UInfo& verb) {
     verifyMayBeDisk(verb.disk);
-    const P<IFileSystem> files(new CNativeFileSystem(false));
-    const UDiskFacts facts = about(verb.disk, [&] { return collect(uriFromName(verb.disk), files.get()); });
+    const P<IFileSystem> native(new CNativeFileSystem(false));
+    const P<IFileSystem> files = confine(native.get(), verb.disk);
+    const UDiskFacts facts = about(verb.disk, [&] { return collect(verb.disk, files.get()); });
     if (verb.json)
         tellAsJSON(verb.disk, facts);
     else

@@ -32,7 +32,9 @@ CConfinedFileSystem::CConfinedFileSystem(IFileSystem* fileSystem, const CURI& fo
 
 void CConfinedFileSystem::allow(const CURI& folder) {
     const CURI real = m_fileSystem->followLinks(folder);
-    m_folders.push_back(folder.toNormalized());
+    const CURI name = folder.toNormalized();
+    if (std::find(m_folders.begin(), m_folders.end(), name) == m_folders.end())
+        m_folders.push_back(name);
     m_realFolders.push_back(real);
 }
 

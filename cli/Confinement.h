@@ -1,0 +1,25 @@
+#pragma once
+
+#include "lum/IFileSystem.h"
+#include "tessel/types.h"
+
+#include <CLI/CLI.hpp>
+
+#include <string>
+
+// Disks name other files: their extents, their parents. A disk that came from somewhere could name any file
+// of this machine, so that only files beside the disk are opened, and below the folders that the user names.
+
+namespace tessel::cli {
+
+/// --allow, for a verb that opens disks.
+void addAllowOption(CLI::App& verb);
+
+/// `files` as far as it may be used by the disk `name`: its own folder (that of the file, too, which a link
+/// leads to) and what --allow names. Throws: CFailure for a folder that is none.
+P<IFileSystem> confine(IFileSystem* files, const std::string& name);
+
+/// Whether the disk `name` may use the file `uri`.
+bool isAllowedFor(const std::string& name, const CURI& uri);
+
+} // namespace tessel::cli
