@@ -191,12 +191,11 @@ P<CVMDKSparseExtentHeader> CExtentChecker::findFooter(IIOStream& stream) {
     }
 }
 
-/// Whether the footer is that of an extent with slot sizes, whose directories are never named by the footer
-/// alone.
-bool CExtentChecker::isOwnBeforeDamage(const UExtentLine& line, int64 index, IIOStream& stream,
-                                       const Header& footer) {
-    CCheckedExtent extent(line, index, &stream, stream.getLength(), footer, *m_sink);
-    return findSlotSizeDirectory(extent) != 0;
+/// Whether a header leads to slot sizes.
+bool CExtentChecker::leadsToSlotSizes(const UExtentLine& line, int64 index, IIOStream& stream,
+                                      const Header& header) {
+    CCheckedExtent extent(line, index, &stream, stream.getLength(), header, *m_sink);
+    return extent.isCompressed() && findSlotSizeDirectory(extent) != 0;
 }
 
 /// The header to go by, which may be the footer; null, after telling why, when there is none.
@@ -213,14 +212,20 @@ P<CVMDKSparseExtentHeader> CExtentChecker::chooseHeader(const UExtentLine& line,
             finding.severity = Finding::Severity_Unchecked;
             finding.message = "the extent marks grains of zeros in its tables, which is not supported";
         } else if (header->getGrainDirectoryOffsetSectors() == directoryAtEnd &&
-                   !(footer && isOwnBeforeDamage(line, index, stream, *footer))) {
+                   !(footer && leadsToSlotSizes(line, index, stream, *footer))) {
             finding.kind = Finding::Kind_NotSupported;
             finding.severity = Finding::Severity_Unchecked;
             finding.message = "only the footer says where the grain directory is, which is not supported";
         } else {
             finding.message = CCheckedExtent::findHeaderProblem(*header, stream.getLength());
-            if (finding.message.isEmpty())
+            const bool isUsable = finding.message.isEmpty();
+            if (isUsable && (!footer || leadsToSlotSizes(line, index, stream, *header) ||
+                             !leadsToSlotSizes(line, index, stream, *footer)))
                 return header;
+            if (isUsable) {
+                finding.kind = Finding::Kind_TrailDiffers;
+                finding.message = "the header, which differs from the footer, leads to no slot sizes";
+            }
         }
     } catch (const CError& error) {
         const auto* const ioError = dynamic_cast<const CIOError*>(&error);

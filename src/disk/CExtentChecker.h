@@ -44,7 +44,7 @@ private:
 
     P<IIOStream> openFile(const UExtentLine& line, int64 index);
     P<Header> chooseHeader(const UExtentLine& line, int64 index, IIOStream& stream);
-    bool isOwnBeforeDamage(const UExtentLine& line, int64 index, IIOStream& stream, const Header& footer);
+    bool leadsToSlotSizes(const UExtentLine& line, int64 index, IIOStream& stream, const Header& header);
     void checkFit(const CCheckedExtent& extent, const Header& header);
     void checkEncryption(const CCheckedExtent& extent, const Header& header);
     void checkContents(CCheckedExtent& extent, Header& header);
