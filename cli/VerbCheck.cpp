@@ -8,7 +8,10 @@
 #include "lum/CNativeFileSystem.h"
 #include "platform.h"
 #include "tessel/CVMDKDiskChecker.h"
+#include "tessel/VMDKMarker.h"
 
+#include <array>
+#include <fstream>
 #include <optional>
 
 namespace tessel::cli {
@@ -164,18 +167,24 @@ String choosePassword(UCheck& verb) {
     return verb.passwords.getForOpening(verb.disk);
 }
 
+/// Whether a file ends as a compressed extent does. Its header may be damaged, and is there once more.
+bool endsWithTrail(const std::string& name) {
+    constexpr std::streamoff trailSize = 3 * vmdkSectorSize;
+    std::array<char, vmdkSectorSize> sector{};
+    std::ifstream file(pathFromName(name), std::ios::binary);
+    return file.seekg(-trailSize, std::ios::end).read(sector.data(), sector.size()) &&
+           isVMDKMarker(reinterpret_cast<const unsigned char*>(sector.data()), MarkerFooter, nullptr);
+}
+
 void checkDisk(UCheck& verb) {
     verifyIsFile(verb.disk);
+    if (!endsWithTrail(verb.disk))
+        verifyMayBeDisk(verb.disk);
     const P<IFileSystem> files(new CNativeFileSystem(false));
     const P<CVMDKDiskChecker> checker(new CVMDKDiskChecker(files.get(), uriFromName(verb.disk)));
     const P<CFindingWriter> writer(new CFindingWriter(verb.disk, verb.json, verb.quick));
     const String password = choosePassword(verb);
-    try {
-        checker->check(password, verb.quick, *writer);
-    } catch (const CError& error) {
-        verifyMayBeDisk(verb.disk); // says more about a file of another kind
-        throw CFailure(verb.disk, explainError(error, verb.disk));
-    }
+    about(verb.disk, [&] { checker->check(password, verb.quick, *writer); });
     writer->finish(*checker);
     if (checker->getDamageCount() > 0)
         throw CDamageFound();

@@ -14,6 +14,7 @@ struct UVMDKCheckFinding {
     };
 
     enum Kind {
+        Kind_MainFileUnused,       ///< a main file whose embedded descriptor names another first extent
         Kind_ExtentMissing,        ///< an extent's file is not there
         Kind_ExtentMismatch,       ///< an extent does not fit the disk: its size, kind or key
         Kind_HeaderInvalid,        ///< a header that cannot be used

@@ -4,6 +4,7 @@
 #include "disk/CExtentChecker.h"
 #include "lum/CFileSystemError.h"
 #include "lum/CLockFile.h"
+#include "lum/LittleEndian.h"
 #include "tessel/CVMDKDescriptorAccessor.h"
 #include "tessel/CVMDKParentDiskDataProvider.h"
 #include "tessel/VMDKFileReference.h"
@@ -44,21 +45,34 @@ P<CVMDKDescriptor> readDescriptor(IFileSystem* fileSystem, const CURI& uri) {
     return accessor->getDescriptor();
 }
 
-P<CVMDKDescriptor> readMainDescriptor(IFileSystem* fileSystem, const CURI& uri) {
+struct UMainFile {
+    P<CVMDKDescriptor> descriptor;
+    bool isEmbedded = false; ///< the descriptor is in an extent
+};
+
+bool hasMagicNumber(IIOStream& stream) {
+    unsigned char bytes[4] = {};
+    stream.seek(0);
+    stream.readLax(bytes, sizeof bytes);
+    stream.seek(0);
+    const auto magic = loadLittleEndian<uint32>(bytes);
+    return magic == CVMDKSparseExtentHeader::magicNumber ||
+           magic == CVMDKSparseExtentHeader::magicNumberEncrypted;
+}
+
+/// A damaged magic number makes an extent look like a text file. The footer tells that it is none.
+UMainFile readMainFile(IFileSystem* fileSystem, const CURI& uri) {
     const P<IIOStream> stream = openVMDKFileStream(fileSystem, uri, IIOStream::Access_Read);
-    const auto isDisk = [](const CVMDKDescriptor& descriptor) { return descriptor.hasValue("createType"); };
+    if (!hasMagicNumber(*stream))
+        if (const P<CVMDKDescriptor> descriptor = readDescriptorByFooter(*stream))
+            return {descriptor, true};
     try {
         const P<CVMDKDescriptorAccessor> accessor(
             new CVMDKDescriptorAccessor(stream.get(), IIOStream::Access_Read));
-        // A damaged magic number makes an embedded descriptor look like a text file without settings.
-        if (isDisk(*accessor->getDescriptor()))
-            return accessor->getDescriptor();
-        const P<CVMDKDescriptor> descriptor = readDescriptorByFooter(*stream);
-        return descriptor && isDisk(*descriptor) ? descriptor : accessor->getDescriptor();
+        return {accessor->getDescriptor(), accessor->getEmbeddedInSparseExtentFile()};
     } catch (const CError&) {
-        const P<CVMDKDescriptor> descriptor = readDescriptorByFooter(*stream);
-        if (descriptor && isDisk(*descriptor))
-            return descriptor;
+        if (const P<CVMDKDescriptor> descriptor = readDescriptorByFooter(*stream))
+            return {descriptor, true};
         throw;
     }
 }
@@ -180,7 +194,8 @@ void CVMDKDiskChecker::check(const String& password, bool quick, IVMDKCheckRepor
     const P<CLockFile> lock(new CLockFile(m_fileSystem.get(),
                                           m_mainFileURI.getParent() << (m_mainFileURI.getName() + ".lock"),
                                           CLockFile::LockType_Shared, false, true));
-    const P<CVMDKDescriptor> descriptor = readMainDescriptor(m_fileSystem.get(), m_mainFileURI);
+    const UMainFile mainFile = readMainFile(m_fileSystem.get(), m_mainFileURI);
+    const P<CVMDKDescriptor> descriptor = mainFile.descriptor;
     const CProps uriProps = CProps().add("uri", m_mainFileURI.toString(true));
     verifyCreateType(*descriptor, uriProps);
     UDiskToCheck disk;
@@ -203,6 +218,15 @@ void CVMDKDiskChecker::check(const String& password, bool quick, IVMDKCheckRepor
     CCheckSink sink(report);
     if (disk.isEncrypted)
         readKeyHash(*descriptor, m_mainFileURI, disk, sink);
+    if (mainFile.isEmbedded && lines.front().uri != m_mainFileURI) {
+        Finding finding =
+            makeFinding(Finding::Kind_MainFileUnused, m_mainFileURI,
+                        "the descriptor in this file names another one as the first extent, '" +
+                            lines.front().uri.toString(true) +
+                            "', and that one is checked: the disk may have been renamed or copied");
+        finding.severity = Finding::Severity_Information;
+        sink.add(finding);
+    }
     CParentsChecker(m_fileSystem.get(), sink).check(m_mainFileURI, descriptor);
     CExtentChecker checker(m_fileSystem.get(), disk, sink);
     std::set<std::string> names;
@@ -226,13 +250,13 @@ void CVMDKDiskChecker::check(const String& password, bool quick, IVMDKCheckRepor
 
 const char* getVMDKCheckKindName(UVMDKCheckFinding::Kind kind) noexcept {
     static constexpr const char* names[] = {
-        "extentMissing",      "extentMismatch",   "headerInvalid",      "trailDiffers",
-        "writeInterrupted",   "slotSizesMissing", "directoriesDiffer",  "tablePositionInvalid",
-        "tablesDiffer",       "entryBehindEnd",   "entryInMetadata",    "entryMisaligned",
-        "slotShared",         "slotsOverlap",     "slotSizeInvalid",    "slotSizeWithoutSlot",
-        "recordOfOtherGrain", "recordTooLong",    "recordDamaged",      "recordSizeWrong",
-        "deadSpace",          "parentMissing",    "parentChainInvalid", "contentIDMismatch",
-        "unreadable",         "notSupported",
+        "mainFileUnused",       "extentMissing",      "extentMismatch",   "headerInvalid",
+        "trailDiffers",         "writeInterrupted",   "slotSizesMissing", "directoriesDiffer",
+        "tablePositionInvalid", "tablesDiffer",       "entryBehindEnd",   "entryInMetadata",
+        "entryMisaligned",      "slotShared",         "slotsOverlap",     "slotSizeInvalid",
+        "slotSizeWithoutSlot",  "recordOfOtherGrain", "recordTooLong",    "recordDamaged",
+        "recordSizeWrong",      "deadSpace",          "parentMissing",    "parentChainInvalid",
+        "contentIDMismatch",    "unreadable",         "notSupported",
     };
     static_assert(std::size(names) == UVMDKCheckFinding::Kind_NotSupported + 1);
     return names[kind];

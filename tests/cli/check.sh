@@ -48,7 +48,7 @@ for disk in plain packed sealed parts later; do
     ok check $disk.vmdk "${options[@]}"
     files=1
     plural=
-    [[ $disk != parts ]] || { files=2 plural=s; }
+    [[ $disk != parts ]] || { files=3 plural=s; }
     [[ $(tail -n 1 -- "$out") == "$disk.vmdk: no damage found; 3 grains in $files file$plural checked" ]] ||
         fail "the last line should sum up"
     ok check $disk.vmdk --json --quick
@@ -59,6 +59,7 @@ done
 # An extent that has no file yet is worth a note, and what was given up is too.
 ok check later.vmdk
 output_is "note: $PWD/later-s00001.vmdk: the extent has no file yet: nothing was written to it
+note: $PWD/later-s00002.vmdk: the extent has no file yet: nothing was written to it
 later.vmdk: no damage found; 3 grains in 1 file checked"
 ok create moved.vmdk 10M --compressed
 ok write moved.vmdk 0 <text
@@ -68,47 +69,58 @@ json_is '[(f["severity"], f["kind"], f["path"], f["extent"], f["table"]) for f i
     "[('note', 'deadSpace', '$PWD/moved.vmdk', 0, None)]"
 json_is 'd["damageCount"], d["noteCount"]' '(0, 1)'
 
+mkdir whole
+cp *.vmdk whole
+
 # A lost entry is told with its grain and its place, and can be had from the redundant table.
 for disk in plain packed; do
-    cp $disk.vmdk spoiled.vmdk
-    spoil spoiled.vmdk 'p(entry(1), 0)'
-    damaged tablesDiffer 0 1 True spoiled.vmdk
+    cp whole/$disk.vmdk .
+    spoil $disk.vmdk 'p(entry(1), 0)'
+    damaged tablesDiffer 0 1 True $disk.vmdk
     json_is 'd["findings"][0]["diskPositionBytes"]' 65536
-    damaged tablesDiffer 0 1 True spoiled.vmdk --quick
+    damaged tablesDiffer 0 1 True $disk.vmdk --quick
 done
-cp plain.vmdk spoiled.vmdk
-spoil spoiled.vmdk 'p(other(2), 0)'
-damaged tablesDiffer 0 2 False spoiled.vmdk
-cp plain.vmdk spoiled.vmdk
-spoil spoiled.vmdk 'p(entry(2), u(entry(0))); p(other(2), u(entry(0)))'
-damaged slotShared 0 2 False spoiled.vmdk
-spoil spoiled.vmdk 'p(entry(2), 1 << 20); p(other(2), 1 << 20)'
-damaged entryBehindEnd 0 2 False spoiled.vmdk
-run 3 check spoiled.vmdk
-output_is "damage: $PWD/spoiled.vmdk: table 0, grain 2: the slot does not lie in the file of \
-$(($(size_of spoiled.vmdk) / 512)) sectors (sector 1048576, 128 sectors long)
-spoiled.vmdk: 1 damage found; 3 grains in 1 file checked"
+cp whole/plain.vmdk .
+spoil plain.vmdk 'p(other(2), 0)'
+damaged tablesDiffer 0 2 False plain.vmdk
+cp whole/plain.vmdk .
+spoil plain.vmdk 'p(entry(2), u(entry(0))); p(other(2), u(entry(0)))'
+damaged slotShared 0 2 False plain.vmdk
+spoil plain.vmdk 'p(entry(2), 1 << 20); p(other(2), 1 << 20)'
+damaged entryBehindEnd 0 2 False plain.vmdk
+run 3 check plain.vmdk
+output_is "damage: $PWD/plain.vmdk: table 0, grain 2: the slot does not lie in the file of \
+$(($(size_of plain.vmdk) / 512)) sectors (sector 1048576, 128 sectors long)
+note: $PWD/plain.vmdk: 65536 bytes of the file are not used any more
+plain.vmdk: 1 damage found; 3 grains in 1 file checked"
 
 # What only the contents tell, --quick does not see.
-cp packed.vmdk spoiled.vmdk
-spoil spoiled.vmdk 'd[u(entry(1)) * 512 + 5000] ^= 1'
-damaged recordDamaged 0 1 False spoiled.vmdk
-ok check spoiled.vmdk --quick
-output_is "spoiled.vmdk: no damage found; metadata of 3 grains in 1 file checked"
-cp sealed.vmdk spoiled.vmdk
-spoil spoiled.vmdk 'd[u(entry(2)) * 512 + 5000] ^= 1'
-damaged recordDamaged 0 2 False spoiled.vmdk --password-file password
-ok check spoiled.vmdk --quick
+cp whole/packed.vmdk .
+spoil packed.vmdk 'd[u(entry(1)) * 512 + 5000] ^= 1'
+damaged recordDamaged 0 1 False packed.vmdk
+ok check packed.vmdk --quick
+output_is "packed.vmdk: no damage found; metadata of 3 grains in 1 file checked"
+cp whole/sealed.vmdk .
+spoil sealed.vmdk 'd[u(entry(2)) * 512 + 5000] ^= 1'
+damaged recordDamaged 0 2 False sealed.vmdk --password-file password
+ok check sealed.vmdk --quick
 
 # The header of a compressed disk is in its footer once more.
-cp packed.vmdk spoiled.vmdk
-spoil spoiled.vmdk 'd[len(d) - 1024 + 70] ^= 1'
-damaged trailDiffers None None False spoiled.vmdk
-cp packed.vmdk spoiled.vmdk
-spoil spoiled.vmdk 'd[0:4] = bytes(4)'
-damaged headerInvalid None None False spoiled.vmdk
+cp whole/packed.vmdk .
+spoil packed.vmdk 'd[len(d) - 1024 + 70] ^= 1'
+damaged trailDiffers None None False packed.vmdk
+cp whole/packed.vmdk .
+spoil packed.vmdk 'd[0:4] = bytes(4)'
+damaged headerInvalid None None False packed.vmdk
+
+# A copy by another name is not what is checked.
+cp whole/packed.vmdk .
+cp whole/packed.vmdk copy.vmdk
+ok check copy.vmdk
+output_holds "note: $PWD/copy.vmdk: "
 
 # Files and parents.
+cp whole/plain.vmdk whole/packed.vmdk whole/sealed.vmdk .
 ok create child.vmdk --parent plain.vmdk
 ok check child.vmdk
 ok write plain.vmdk 1M <text
@@ -123,17 +135,18 @@ refused 1 'sealed.vmdk: VMDK is encrypted but no password provided' check sealed
 echo wrong >other
 run 1 check sealed.vmdk --password-file other
 error_is_one_line
-cp plain.vmdk zeroed.vmdk
-spoil zeroed.vmdk 'd[8] |= 4'
-run 1 check zeroed.vmdk
-error_is 'tessel: zeroed.vmdk: Not all of the disk could be checked'
-output_holds "unchecked: $PWD/zeroed.vmdk: "
-run 1 check zeroed.vmdk --json
+cp whole/plain.vmdk .
+spoil plain.vmdk 'd[8] |= 4'
+run 1 check plain.vmdk
+error_is 'tessel: plain.vmdk: Not all of the disk could be checked'
+output_holds "unchecked: $PWD/plain.vmdk: "
+run 1 check plain.vmdk --json
 json_is 'd["damageCount"], d["uncheckedCount"], d["findings"][0]["kind"]' "(0, 1, 'notSupported')"
 refused 2 'check: DISK is required (see tessel check --help)' check
 
 # Nothing was changed, and no lock was left.
-before=$(sha256sum -- *)
+before=$(sha256sum -- *.* data)
 run 0 check packed.vmdk
-run 3 check spoiled.vmdk
-[[ $(sha256sum -- *) == "$before" ]] || fail "check should change nothing"
+run 1 check plain.vmdk
+run 3 check parts.vmdk
+[[ $(sha256sum -- *.* data) == "$before" ]] || fail "check should change nothing"

@@ -187,6 +187,18 @@ TEST_F(CVMDKDiskCheckerTest, NotesThatAnExtentOnDemandHasNoFileYet) {
     EXPECT_EQ(findings[0].severity, Finding::Severity_Damage);
 }
 
+TEST_F(CVMDKDiskCheckerTest, NotesThatARenamedFileIsNotWhatIsChecked) {
+    for (const bool isCompressed : {false, true}) {
+        makeDisk({.name = "", .isCompressed = isCompressed});
+        putFile("copy.vmdk", getFile("disk.vmdk"));
+        const std::vector<Finding> findings = check("", false, "copy.vmdk");
+        ASSERT_EQ(findings.size(), 1U);
+        EXPECT_EQ(findings[0].kind, Finding::Kind_MainFileUnused);
+        EXPECT_EQ(findings[0].severity, Finding::Severity_Information);
+        EXPECT_EQ(findings[0].uri, uri("copy.vmdk"));
+    }
+}
+
 TEST_F(CVMDKDiskCheckerTest, FindsThatTwoExtentsHaveOneFile) {
     putExtent("a.vmdk", 128);
     putSplitDescriptor({"RW 16384 SPARSE \"a.vmdk\"", "RW 16384 SPARSE \"./a.vmdk\""});
