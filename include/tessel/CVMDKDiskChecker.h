@@ -34,7 +34,7 @@ public:
     /// Everything else is a finding.
     void check(const String& password, bool quick, IVMDKCheckReport& report);
 
-    // What the last check came across; all 0 before the first.
+    // What the last check came across; all 0 before the first, and after one that threw.
 
     int64 getDamageCount() const noexcept { return m_damageCount; }
     int64 getInformationCount() const noexcept { return m_informationCount; }

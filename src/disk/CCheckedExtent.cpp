@@ -90,6 +90,12 @@ int64 CCheckedExtent::getStartGrainIndex() const noexcept {
     return divideRoundingUp(m_line.startSector, m_grainSizeSectors);
 }
 
+int64 CCheckedExtent::calcDiskPosition(int64 grainIndex) const noexcept {
+    int64 position = -1; // both parts are below 2^63 bytes, their sum may not be
+    tryAdd(m_line.startSector * vmdkSectorSize, grainIndex * getGrainSizeBytes(), position);
+    return position;
+}
+
 bool CCheckedExtent::isInFile(int64 posSectors, int64 sizeBytes) const noexcept {
     return posSectors <= m_fileBytes / vmdkSectorSize &&
            posSectors * vmdkSectorSize <= m_fileBytes - sizeBytes;
@@ -126,9 +132,7 @@ UVMDKCheckFinding CCheckedExtent::makeGrainFinding(UVMDKCheckFinding::Kind kind,
                                                    const String& message) const {
     UVMDKCheckFinding finding = makeTableFinding(kind, grainIndex / m_entriesPerTable, message);
     finding.grainIndex = grainIndex;
-    // Both parts are below 2^63 bytes, their sum may not be.
-    if (!tryAdd(m_line.startSector * vmdkSectorSize, grainIndex * getGrainSizeBytes(), finding.diskPosition))
-        finding.diskPosition = -1;
+    finding.diskPosition = calcDiskPosition(grainIndex);
     return finding;
 }
 

@@ -40,6 +40,9 @@ public:
     /// Index, in the disk, of the first grain.
     int64 getStartGrainIndex() const noexcept;
 
+    /// The byte of the disk where a grain begins; -1 when no disk has it.
+    int64 calcDiskPosition(int64 grainIndex) const noexcept;
+
     /// True when so many bytes from a sector on lie in the file.
     bool isInFile(int64 posSectors, int64 sizeBytes) const noexcept;
 

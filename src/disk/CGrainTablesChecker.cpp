@@ -152,8 +152,7 @@ void CGrainTablesChecker::loadSlotSizes(int64 tableIndex, int count, int64 posSe
 
 void CGrainTablesChecker::checkTable(int64 tableIndex, const UPositions& positions) {
     const int64 firstGrain = tableIndex * m_extent->getEntriesPerTable();
-    m_extent->getSink().onProgress(
-        m_extent->makeGrainFinding(Finding::Kind_TablesDiffer, firstGrain, String()).diskPosition);
+    m_extent->getSink().onProgress(m_extent->calcDiskPosition(firstGrain));
     const auto count = static_cast<int>(
         std::min<int64>(m_extent->getEntriesPerTable(), m_extent->getGrainCount() - firstGrain));
     UCopy primary{"the grain table", positions.table, {}};
@@ -314,25 +313,22 @@ void CGrainTablesChecker::checkEntries(int64 tableIndex, const UCopy& copy) {
 
 bool CGrainTablesChecker::isPlausible(int64 posSectors, int64 slotSectors, Finding::Kind& kind,
                                       String& problem) const {
-    const String where = " (" + describeSector(posSectors) + ", " + toDecimal(slotSectors) + " sectors long)";
     if (!m_extent->isInFile(posSectors, slotSectors * vmdkSectorSize)) {
         kind = Finding::Kind_EntryBehindEnd;
-        problem = "the slot does not lie in the file of " + toDecimal(m_extent->getFileSectors()) +
-                  " sectors" + where;
-        return false;
-    }
-    if (posSectors < m_overheadSectors || m_metadata.containsAny(posSectors, slotSectors)) {
+        problem = "does not lie in the file of " + toDecimal(m_extent->getFileSectors()) + " sectors";
+    } else if (posSectors < m_overheadSectors || m_metadata.containsAny(posSectors, slotSectors)) {
         kind = Finding::Kind_EntryInMetadata;
-        problem = "the slot lies where metadata is" + where;
-        return false;
-    }
-    if (posSectors % m_unitSectors != 0) {
+        problem = "lies where metadata is";
+    } else if (posSectors % m_unitSectors != 0) {
         kind = Finding::Kind_EntryMisaligned;
-        problem = "the slot does not begin at a multiple of the grain size of " + toDecimal(m_unitSectors) +
-                  " sectors" + where;
-        return false;
+        problem =
+            "does not begin at a multiple of the grain size of " + toDecimal(m_unitSectors) + " sectors";
+    } else {
+        return true;
     }
-    return true;
+    problem = "the slot " + problem + " (" + describeSector(posSectors) + ", " + toDecimal(slotSectors) +
+              " sectors long)";
+    return false;
 }
 
 void CGrainTablesChecker::checkSlot(int64 grainIndex, int64 posSectors, int64 recordedSize) {
@@ -371,7 +367,7 @@ void CGrainTablesChecker::checkSlot(int64 grainIndex, int64 posSectors, int64 re
     m_slotsEnd = std::max(m_slotsEnd, posSectors + slotSectors);
     if (m_quick)
         return;
-    m_extent->getSink().onProgress(m_extent->makeGrainFinding(kind, grainIndex, String()).diskPosition);
+    m_extent->getSink().onProgress(m_extent->calcDiskPosition(grainIndex));
     m_records->check(grainIndex, posSectors, slotSectors);
 }
 

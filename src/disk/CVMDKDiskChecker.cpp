@@ -191,6 +191,7 @@ CVMDKDiskChecker::CVMDKDiskChecker(IFileSystem* fileSystem, const CURI& mainFile
 CVMDKDiskChecker::~CVMDKDiskChecker() = default;
 
 void CVMDKDiskChecker::check(const String& password, bool quick, IVMDKCheckReport& report) {
+    m_damageCount = m_informationCount = m_uncheckedCount = m_extentCount = m_grainCount = 0;
     const P<CLockFile> lock(new CLockFile(m_fileSystem.get(),
                                           m_mainFileURI.getParent() << (m_mainFileURI.getName() + ".lock"),
                                           CLockFile::LockType_Shared, false, true));
