@@ -376,10 +376,11 @@ TEST_P(CVMDKDiskCheckerDamageTest, IsFoundWhateverItIs) {
             spoil(names[index], [&](CExtentBytes& extent) { expected = row.change(extent); });
             const auto found = Tells(expected, uri(names[index]), static_cast<int64>(index));
             EXPECT_THAT(check(kind.password), found);
-            if (row.isQuick)
+            if (row.isQuick) {
                 EXPECT_THAT(quickCheck(), found);
-            else
+            } else {
                 EXPECT_THAT(withoutDeadSpace(quickCheck()), ::testing::IsEmpty());
+            }
             putFile(names[index], whole);
             ++tried;
         }
@@ -389,8 +390,8 @@ TEST_P(CVMDKDiskCheckerDamageTest, IsFoundWhateverItIs) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Kinds, CVMDKDiskCheckerDamageTest, ::testing::ValuesIn(checkedKinds()),
-                         [](const auto& info) {
-                             std::string name = info.param.name;
+                         [](const auto& kind) {
+                             std::string name = kind.param.name;
                              std::erase_if(name, [](char c) { return c == ',' || c == ' '; });
                              return name;
                          });

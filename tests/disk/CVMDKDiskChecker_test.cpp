@@ -379,8 +379,9 @@ TEST_F(CVMDKDiskCheckerTest, BearsAnyByteOfTheMetadataChanged) {
             } catch (const CError&) {
                 continue; // no disk any more, and said so
             }
-            if (findings.empty())
+            if (findings.empty()) {
                 EXPECT_EQ(readAt(*openForReading(), 0, 6 * grainBytes), contents);
+            }
         }
         putFile("disk.vmdk", whole);
         takeLog();
