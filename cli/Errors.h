@@ -9,7 +9,7 @@
 namespace tessel::cli {
 
 /// What the program's exit code says.
-enum ExitCode { Exit_Done = 0, Exit_Failed = 1, Exit_Usage = 2 };
+enum ExitCode { Exit_Done = 0, Exit_Failed = 1, Exit_Usage = 2, Exit_Damaged = 3 };
 
 /// A failure as the user is told of it: which file, and what is wrong with it. UTF-8.
 class CFailure : public std::exception {
@@ -31,6 +31,12 @@ public:
 
 private:
     std::string m_text;
+};
+
+/// The work is done, and what it had to tell is that a disk is damaged. Nothing is left to be told.
+class CDamageFound : public std::exception {
+public:
+    const char* what() const noexcept override { return "damage found"; }
 };
 
 /// The user, or the reader of a pipe, wants no more.

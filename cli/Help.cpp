@@ -69,7 +69,7 @@ std::string makeHelp(const CLI::App& verb) {
             help += makeRow(each->get_name(), each->get_description());
     }
     help += "\nOptions:\n" + options;
-    help += "\nExit codes: 0 done, 1 failed, 2 wrong usage.\n";
+    help += "\nExit codes: 0 done, 1 failed, 2 wrong usage, 3 damage found by check.\n";
     return help;
 }
 

@@ -11,6 +11,7 @@ using VerbAction = std::function<void()>;
 
 // Each declares one verb, with its options, and sets `chosen` when the command line names it.
 
+void addCheckVerb(CLI::App& program, VerbAction& chosen);
 void addConvertVerb(CLI::App& program, VerbAction& chosen);
 void addCreateVerb(CLI::App& program, VerbAction& chosen);
 void addFlattenVerb(CLI::App& program, VerbAction& chosen);

@@ -20,6 +20,7 @@ void addVerbs(CLI::App& program, VerbAction& chosen) {
     addReadVerb(program, chosen);
     addWriteVerb(program, chosen);
     addSpaceVerb(program, chosen);
+    addCheckVerb(program, chosen);
     addRebaseVerb(program, chosen);
     addFlattenVerb(program, chosen);
 }
@@ -53,6 +54,8 @@ int run(std::vector<std::string> arguments) {
         program.parse(arguments);
         chosen();
         return Exit_Done;
+    } catch (const CDamageFound&) {
+        return Exit_Damaged;
     } catch (const CLI::CallForHelp&) {
         writeHelp(findVerb(program));
         return Exit_Done;

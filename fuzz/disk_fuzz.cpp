@@ -1,4 +1,4 @@
-// A disk of several files, all of them hostile: opened, read, walked, and opened for writing.
+// A disk of several files, all of them hostile: checked, opened, read, walked, and opened for writing.
 //
 // The input is a row of files, each with a length of 3 bytes before it: disk.vmdk, a.vmdk, b.vmdk, c.vmdk.
 
@@ -37,6 +37,28 @@ void readSome(CVMDKDisk& disk) {
     }
 }
 
+/// Counts what it is told, which must be whole.
+class CCountingReport : public CBase, public IVMDKCheckReport {
+public:
+    void addFinding(const UVMDKCheckFinding& finding) override {
+        REQUIRE(!finding.message.isEmpty() && !finding.uri.isEmpty());
+        ++count;
+    }
+    void onProgress(int64 position) override { REQUIRE(position >= -1); }
+
+    int64 count = 0;
+};
+
+void check(IFileSystem& files, bool quick) {
+    const P<CCountingReport> report(new CCountingReport);
+    mayFail([&] {
+        const P<CVMDKDiskChecker> checker(new CVMDKDiskChecker(&files, uriOf(names[0])));
+        checker->check("", quick, *report);
+        REQUIRE(report->count ==
+                checker->getDamageCount() + checker->getInformationCount() + checker->getUncheckedCount());
+    });
+}
+
 void open(IFileSystem& files, IIOStream::Access access) {
     mayFail([&] {
         const P<CVMDKDisk> disk(new CVMDKDisk(&files, uriOf(names[0]), access, "", 1, nullptr, nullptr));
@@ -62,6 +84,8 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
     for (const char* name : names)
         if (!input.isEmpty())
             writeFile(*files, uriOf(name), input.takeBytes(input.takeNumber()));
+    check(*files, true);
+    check(*files, false);
     open(*files, IIOStream::Access_Read);
     open(*files, IIOStream::Access_ReadWrite);
     return 0;

@@ -180,9 +180,7 @@ private:
               CVMDKDisk* parentDisk, const TArray<CURI>& children);
 
     // Steps of opening. `uriProps`: the main file's URI as it was given, for every error.
-    void verifyCreateType(const CProps& uriProps) const;
     void unlock(const String& password, const CProps& uriProps);
-    void verifyNoUnknownExtentLines(const CProps& uriProps) const;
     void buildExtentMap(const CProps& uriProps);
     void probeFirstExtent();
     void openParent(const String& password, CVMDKDisk* parentDisk, const TArray<CURI>& children,

@@ -3,6 +3,7 @@
 #include "tessel/CVMDKDisk.h"
 
 #include "disk/DiskKeys.h"
+#include "disk/ExtentLines.h"
 #include "lum/CIOError.h"
 #include "lum/Logging.h"
 #include "lum/Numbers.h"
@@ -19,31 +20,6 @@ namespace {
 constexpr unsigned int noContentID = 0xFFFFFFFF;
 constexpr int64 minDiskSize = 8388608;
 constexpr int64 createdGrainSize = 65536;
-
-/// The first words of a line, however they are set apart.
-TArray<String> splitWords(const String& line, std::size_t most) {
-    TArray<String> words;
-    String word;
-    for (int i = 0; i <= line.getLength() && words.size() < most; ++i) {
-        const wchar_t c = i < line.getLength() ? line[i] : L' ';
-        if (c != L' ' && c != L'\t' && c != L'\r') {
-            word += c;
-        } else if (!word.isEmpty()) {
-            words.push_back(word);
-            word = String();
-        }
-    }
-    return words;
-}
-
-/// With or without a sign, of any size.
-bool isNumber(const String& text) {
-    const String digits = text.StartsWith("-") || text.StartsWith("+") ? text.Mid(1) : text;
-    for (int i = 0; i < digits.getLength(); ++i)
-        if (digits[i] < L'0' || digits[i] > L'9')
-            return false;
-    return !digits.isEmpty();
-}
 
 } // namespace
 
@@ -80,10 +56,10 @@ CVMDKDisk::CVMDKDisk(IFileSystem* fileSystem, const CURI& mainFileURI, IIOStream
     const CProps uriProps = CProps().add("uri", mainFileURI.toString(true));
     if (!m_descriptor)
         throw CIOError(CIOError::Code_BadFormat, "No descriptor found in main VMDK file.", uriProps);
-    verifyCreateType(uriProps);
+    verifyCreateType(*m_descriptor, uriProps);
     unlock(password, uriProps);
     m_createExtentFilesOnDemand = m_descriptor->getLumCreateExtentFilesOnDemand();
-    verifyNoUnknownExtentLines(uriProps);
+    verifyNoUnknownExtentLines(*m_descriptor, uriProps);
     buildExtentMap(uriProps);
     if (embedded && m_firstExtentFileURI != m_mainFileURI)
         logWarning("The descriptor in VMDK file '" + m_mainFileURI.toString(true) +
@@ -115,13 +91,6 @@ P<CVMDKDescriptorAccessor> CVMDKDisk::openDescriptorAccessor() {
     return new CVMDKDescriptorAccessor(stream.get(), m_access);
 }
 
-void CVMDKDisk::verifyCreateType(const CProps& uriProps) const {
-    const String type = m_descriptor->getCreateType();
-    if (type != "twoGbMaxExtentSparse" && type != "streamOptimized" && type != "monolithicSparse")
-        throw CIOError(CIOError::Code_BadFormat, "VMDK disk has an unsupported create type: '" + type + "'.",
-                       uriProps);
-}
-
 void CVMDKDisk::unlock(const String& password, const CProps& uriProps) {
     const String algorithm = m_descriptor->getLumEncryptionAlgorithm();
     if (algorithm.isEmpty())
@@ -133,55 +102,14 @@ void CVMDKDisk::unlock(const String& password, const CProps& uriProps) {
     m_encryptionKeyHash = std::move(keys.keyHash);
 }
 
-// An extent line of a kind that is not understood stays in the descriptor as text, or as a setting where its
-// file's name holds an equals sign. To pass over it would shift everything behind it.
-void CVMDKDisk::verifyNoUnknownExtentLines(const CProps& uriProps) const {
-    TArray<String> lines;
-    m_descriptor->getGenericLines(lines);
-    m_descriptor->getSettingLines(lines);
-    for (const String& line : lines) {
-        const TArray<String> words = splitWords(line, 3);
-        if (words.size() < 2 || !isNumber(words[1]))
-            continue;
-        const String access = words[0].Lower();
-        if (access == "rw" || access == "rdonly" || access == "noaccess")
-            throw CIOError(CIOError::Code_BadFormat,
-                           "VMDK disk has an unsupported extent type: '" +
-                               (words.size() > 2 ? words[2] : String()) + "'.",
-                           uriProps);
-    }
-}
-
 void CVMDKDisk::buildExtentMap(const CProps& uriProps) {
-    const CURI folder = m_mainFileURI.getParent();
     m_descriptor->getExtentEntries(m_extents);
-    constexpr int64 maxSizeSectors = INT64_MAX / vmdkSectorSize;
-    for (const auto& extent : m_extents) {
-        if (extent->getType() != "SPARSE")
-            throw CIOError(CIOError::Code_BadFormat,
-                           "VMDK disk has an unsupported extent type: '" + extent->getType() + "'.",
-                           uriProps);
-        if (!extent->isSizeKnown())
-            throw CIOError(CIOError::Code_BadFormat,
-                           "VMDK disk has an extent whose size is no number (file: '" +
-                               extent->getFilename() + "').",
-                           uriProps);
-        const int64 size = extent->getSizeSectors();
-        if (size < 0 || size > maxSizeSectors - m_sizeSectors)
-            throw CIOError(CIOError::Code_BadFormat,
-                           "VMDK disk has an extent of an invalid size: " + toDecimal(size) +
-                               " sectors (allowed: 0 to " + toDecimal(maxSizeSectors - m_sizeSectors) + ").",
-                           CProps(uriProps).add("sizeSectors", size));
-        if (size == 0)
-            continue;
-        const CURI uri = vmdkFileReferenceToURI(folder, extent->getFilename());
-        if (m_extentMap.empty())
-            m_firstExtentFileURI = uri;
-        m_extentMap.insert_or_assign(CExtentKey{m_sizeSectors, size}, CExtentValue{uri, -1});
-        m_sizeSectors += size;
-    }
-    if (m_extentMap.empty())
-        throw CIOError(CIOError::Code_BadFormat, "VMDK disk has no extents.", uriProps);
+    const TArray<UExtentLine> lines = placeExtents(m_extents, m_mainFileURI.getParent(), uriProps);
+    m_firstExtentFileURI = lines.front().uri;
+    for (const UExtentLine& line : lines)
+        m_extentMap.insert_or_assign(CExtentKey{line.startSector, line.sizeSectors},
+                                     CExtentValue{line.uri, -1});
+    m_sizeSectors = lines.back().startSector + lines.back().sizeSectors;
     m_sizeBytes = m_sizeSectors * vmdkSectorSize;
 }
 

@@ -36,6 +36,18 @@ members >found
 sed -n '/^## `space --json`/,$p' "$TESSEL_SOURCE_DIR/docs/program.md" | grep '^| `' | cut -d'|' -f2 |
     grep -o '[a-zA-Z]*' | sort -u >told
 same told found
+ok write base.vmdk 0 <found
+run 3 check child.vmdk --json
+json '"\n".join(sorted([*d, *d["findings"][0]]))' | sort -u >found
+sed -n '/^## `check --json`/,/^###/p' "$TESSEL_SOURCE_DIR/docs/program.md" | grep '^| `' | cut -d'|' -f2 |
+    grep -o '[a-zA-Z]*' | sort -u >told
+same told found
+# Every kind of finding has its row, and only these.
+sed -n '/getVMDKCheckKindName/,/};/p' "$TESSEL_SOURCE_DIR/src/disk/CVMDKDiskChecker.cpp" | grep -o '"[a-zA-Z]*"' |
+    tr -d '"' | sort >found
+sed -n '/^### Kinds of findings/,/^## /p' "$TESSEL_SOURCE_DIR/docs/program.md" | grep '^| `' | cut -d'|' -f2 |
+    grep -o '[a-zA-Z]*' | sort >told
+same told found
 
 # Links between the documents lead somewhere.
 cd -- "$TESSEL_SOURCE_DIR"

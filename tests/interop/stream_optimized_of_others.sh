@@ -20,11 +20,21 @@ verify_all_refuse() {
             write) verify_refused "$message" write "$disk" 0 ;;
             rebase) verify_refused "$message" rebase "$disk" own.vmdk --unsafe
                 verify_refused "$message" rebase own.vmdk "$disk" --unsafe ;;
+            check) verify_not_whole "$disk" ;;
             space | flatten) verify_refused "$message" "$verb" "$disk" ;;
             *) fail "say here how $verb refuses a disk" ;;
         esac
     done
     equal "the files" "$before" "$(sha256sum -- *.vmdk *.raw)"
+}
+
+# verify_not_whole DISK: what is there is checked all the same, but nobody takes the disk for one that can be opened.
+# In a disk made here, a header that is unlike the footer is damage.
+verify_not_whole() {
+    local code=0 wanted=1
+    tessel check "$1" >/dev/null 2>&1 || code=$?
+    [[ $1 == theirs.vmdk ]] || wanted=3
+    equal "exit code of check" $wanted $code
 }
 
 noise 12 65536 >data.raw

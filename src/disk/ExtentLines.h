@@ -1,0 +1,29 @@
+#pragma once
+
+#include "lum/CProps.h"
+#include "lum/CURI.h"
+#include "tessel/CVMDKDescriptor.h"
+
+namespace tessel {
+
+// What a descriptor must be for its disk to be used. `props` (with "uri") go into every error.
+
+/// An extent that takes a place in the disk.
+struct UExtentLine {
+    CURI uri;
+    int64 startSector; ///< in the disk
+    int64 sizeSectors; ///< at least 1
+};
+
+/// Throws: CIOError 5 for a kind of disk that is not supported.
+void verifyCreateType(const CVMDKDescriptor& descriptor, const CProps& props);
+
+/// Throws: CIOError 5 for an extent line of a kind that is not understood.
+void verifyNoUnknownExtentLines(const CVMDKDescriptor& descriptor, const CProps& props);
+
+/// Where the extents of a disk are, in order, without those of no size. `folder` holds the descriptor.
+/// Throws: CIOError 5 for a type or size that cannot be, or when nothing is left; as vmdkFileReferenceToURI.
+TArray<UExtentLine> placeExtents(const TArray<P<CVMDKExtentInfo>>& extents, const CURI& folder,
+                                 const CProps& props);
+
+} // namespace tessel
