@@ -61,23 +61,45 @@ class Soak:
         self.disk = disk
         self.compressed = compressed
         self.random = random.Random(seed)
-        begin = time.monotonic()
         self.next_number = 1
-        run("write", disk, str(POSITION), data=pattern_of(0))
-        self.duration = time.monotonic() - begin
+        # How long each takes: the time to be killed in. A first run, whose files are not in memory yet, takes longer.
+        self.durations = {}
+        for _ in range(2):
+            for kind, arguments in self.uses().items():
+                process = start(*arguments, data=pattern_of(0))
+                begin = time.monotonic()
+                code, _, errors = finish(process)
+                assert code == 0, errors
+                self.durations[kind] = time.monotonic() - begin
         # The writers whose bytes may be there: one who ended well, or several after some were killed.
         self.known = {0}
         self.figures = dict.fromkeys(
             ["rounds", "written", "writers killed", "writers locked out", "read", "readers killed",
              "readers locked out", "mixtures of killed writers", "grains cut in their rewrite"], 0)
 
-    def start_writer(self):
-        number = self.next_number
-        self.next_number += 1
-        return "writer", number, start("write", self.disk, str(POSITION), data=pattern_of(number))
+    def uses(self):
+        return {"writer": ("write", self.disk, str(POSITION)),
+                "reader": ("read", self.disk, str(POSITION), str(COUNT * GRAIN))}
 
-    def start_reader(self):
-        return "reader", None, start("read", self.disk, str(POSITION), str(COUNT * GRAIN))
+    def start_users(self):
+        """Kind, number of the pattern (None of readers) and process of a few users, who start at once."""
+        kinds = self.random.choices(["writer", "reader"], k=self.random.randint(1, 4))
+        numbers = []
+        for kind in kinds:
+            numbers.append(self.next_number if kind == "writer" else None)
+            self.next_number += kind == "writer"
+        inputs = [b"" if number is None else pattern_of(number) for number in numbers]
+        users = []
+        deaths = []
+        for kind, number, data in zip(kinds, numbers, inputs):
+            process = start(*self.uses()[kind], data=data)
+            users.append((kind, number, process))
+            if self.random.random() < 0.4:
+                deaths.append((time.monotonic() + self.random.random() * self.durations[kind], len(users)))
+        for when, user in sorted(deaths):
+            time.sleep(max(0, when - time.monotonic()))
+            users[user - 1][2].kill()
+        return users
 
     def check(self, data, known, killed):
         """One pattern as a whole; where writers were killed, of each sector that of one of them or their
@@ -99,12 +121,7 @@ class Soak:
 
     def round(self):
         """A few users at once. Some are killed; what the others say is checked."""
-        users = [self.start_writer() if self.random.random() < 0.5 else self.start_reader()
-                 for _ in range(self.random.randint(1, 4))]
-        for _, _, process in users:
-            if self.random.random() < 0.4:
-                time.sleep(self.random.uniform(0.4, 1.0) * self.duration)
-                process.kill()
+        users = self.start_users()
         killed, ended, outputs, refused = set(), set(), [], []
         for kind, number, process in users:
             code, output, errors = finish(process)
@@ -166,8 +183,7 @@ def soak(name, options, seconds, seed):
         assert not any(name.endswith(".lock") for name in names), f"a lock file is left behind: {names}"
     for what, count in state.figures.items():
         print(f"figures: soak {name}: {what}: {count}", flush=True)
-    for what in "written", "read", "writers killed", "readers killed", "writers locked out":
-        assert state.figures[what] > 0, what
+    return state.figures
 
 
 def main():
@@ -175,8 +191,9 @@ def main():
     seed = int(sys.argv[2]) if len(sys.argv) > 2 else random.SystemRandom().randrange(1 << 32)
     print(f"seed: {seed}", flush=True)
     kinds = {"plain": [], "compressed": ["--compressed"], "on demand": ["--split=4M", "--on-demand"]}
-    for name, options in kinds.items():
-        soak(name, options, seconds / len(kinds), seed)
+    figures = [soak(name, options, seconds / len(kinds), seed) for name, options in kinds.items()]
+    for what in "written", "read", "writers killed", "readers killed", "writers locked out":
+        assert sum(each[what] for each in figures) > 0, what
 
 
 main()
