@@ -11,7 +11,7 @@ namespace tessel {
 
 /// An extent whose file is made when it is first changed. Until then it reads as zeros or as what the
 /// fallback provider has; the change that comes first makes the file, opens it at the same position,
-/// and goes on there.
+/// and goes on there. A file that was left half-made counts as missing, and is made anew.
 class TESSEL_EXPORT CVMDKOnDemandExtentFile : public CBase, public IVMDKExtentFile {
 public:
     /// Opens the file when it exists. `creationData`: the key hash for the header of an encrypted extent,
@@ -56,6 +56,8 @@ protected:
     void updateInnerFileObject(bool useNull);
 
 private:
+    bool hasFile();
+
     P<IFileSystem> m_fileSystem;
     CURI m_uri;
     IIOStream::Access m_access;

@@ -22,4 +22,9 @@ TESSEL_EXPORT void createEmptyVMDKSparseExtentFile(IFileSystem* fileSystem, cons
                                                    CVMDKDescriptor* descriptor, int64 descriptorSizeSectors,
                                                    const TBuffer<unsigned char>& encryptionKeyHash);
 
+/// True for a file whose making was cut short, by a loss of power or the end of the process: it is shorter
+/// than a header, or its header has no offsets yet. No grain was ever stored in it.
+/// Throws: what opening and reading throw.
+TESSEL_EXPORT bool isHalfMadeVMDKSparseExtentFile(IFileSystem* fileSystem, const CURI& uri);
+
 } // namespace tessel

@@ -223,9 +223,21 @@ void verifyDescriptorFits(const CVMDKDescriptor& descriptor, int64 sizeBytes) {
                                CProps().add("descriptorSize", needed));
 }
 
+/// Empties the file first, which one flush makes durable: its removal may reach the medium at any time.
+void removeOldMainFile(IFileSystem* fileSystem, const CURI& uri) {
+    if (!fileSystem->fileExists(uri))
+        return;
+    const P<IIOStream> stream = openVMDKFileStream(fileSystem, uri, IIOStream::Access_ReadWrite);
+    stream->setLength(0);
+    stream->flush();
+    stream->close();
+    fileSystem->deleteFile(uri, true);
+}
+
 void writeDescriptorFile(IFileSystem* fileSystem, const CURI& uri, CVMDKDescriptor& descriptor,
                          int64 sizeBytes, const TBuffer<unsigned char>& zeros) {
     const P<IIOStream> stream = openVMDKFileStream(fileSystem, uri, IIOStream::Access_ReadWrite);
+    stream->flush(); // of a new file: makes durable that the old files are gone
     descriptor.store(*stream, static_cast<int>(sizeBytes), zeros);
     stream->setLength(sizeBytes);
     stream->flush();
@@ -263,7 +275,8 @@ P<CVMDKDisk> CVMDKDisk::create(IFileSystem* fileSystem, const CURI& mainFileURI,
         const P<CLockFile> lock(
             new CLockFile(fileSystem, lockURI, CLockFile::LockType_Exclusive, false, true));
         // All of the old extents, those that are made later included, go before the new descriptor is
-        // there: it must never name what it was not made for.
+        // there: it must never name what it was not made for. Nor may the old descriptor outlive them.
+        removeOldMainFile(fileSystem, mainFileURI);
         for (const auto& extent : extents)
             fileSystem->deleteFile(folder << extent->getFilename(), true);
         if (!plan.descriptorEmbedded)

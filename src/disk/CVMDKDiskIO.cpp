@@ -6,6 +6,7 @@
 #include "tessel/CVMDKOnDemandExtentFile.h"
 #include "tessel/CVMDKParentDiskDataProvider.h"
 #include "tessel/CVMDKSparseExtentFile.h"
+#include "tessel/VMDKEmptyExtentFile.h"
 #include "tessel/VMDKFileReference.h"
 
 #include <algorithm>
@@ -33,7 +34,9 @@ P<CVMDKSparseExtentFile> sparseExtentOf(const P<IVMDKExtentFile>& extent) {
 
 P<IVMDKExtentFile> CVMDKDisk::openExtentFile(const CExtentKey& key, const CExtentValue& value) {
     try {
-        if (m_createExtentFilesOnDemand && !m_fileSystem->fileExists(m_currentExtentURI))
+        if (m_createExtentFilesOnDemand &&
+            (!m_fileSystem->fileExists(m_currentExtentURI) ||
+             isHalfMadeVMDKSparseExtentFile(m_fileSystem.get(), m_currentExtentURI)))
             return new CVMDKOnDemandExtentFile(
                 m_fileSystem.get(), m_currentExtentURI, m_access, value.startGrainIndex, m_grainSizeSectors,
                 key.sizeSectors, vmdkSectorSize, m_compressed, m_compressionLevel, m_parentDataProvider.get(),

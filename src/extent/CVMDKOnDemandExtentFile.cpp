@@ -37,7 +37,11 @@ CVMDKOnDemandExtentFile::CVMDKOnDemandExtentFile(
       m_encryptionKey(key),
       m_encryptionIV(iv),
       m_creationData(creationData) {
-    updateInnerFileObject(!m_fileSystem->fileExists(m_uri));
+    updateInnerFileObject(!hasFile());
+}
+
+bool CVMDKOnDemandExtentFile::hasFile() {
+    return m_fileSystem->fileExists(m_uri) && !isHalfMadeVMDKSparseExtentFile(m_fileSystem.get(), m_uri);
 }
 
 void CVMDKOnDemandExtentFile::updateInnerFileObject(bool useNull) {
@@ -72,7 +76,7 @@ void CVMDKOnDemandExtentFile::prepareWrite() {
                      String(), -1, uri);
     if (!m_isNull)
         return;
-    if (!m_fileSystem->fileExists(m_uri)) {
+    if (!hasFile()) {
         if (m_capacitySectors % m_grainSizeSectors != 0)
             throw CIOError(
                 CIOError::Code_BadFormat,
@@ -80,6 +84,8 @@ void CVMDKOnDemandExtentFile::prepareWrite() {
                     " sectors is no whole number of grains (grain size: " + toDecimal(m_grainSizeSectors) +
                     " sectors).",
                 CProps(uri).add("capacity", m_capacitySectors).add("grainSize", m_grainSizeSectors));
+        if (m_fileSystem->fileExists(m_uri)) // half-made; only a new file's name becomes durable with it
+            m_fileSystem->deleteFile(m_uri, true);
         const TBuffer<unsigned char> zeros(zerosSize);
         createEmptyVMDKSparseExtentFile(m_fileSystem.get(), m_uri, m_compressed,
                                         m_capacitySectors / m_grainSizeSectors, m_grainSizeSectors, zeros,

@@ -1,5 +1,6 @@
 #include "tessel/VMDKEmptyExtentFile.h"
 
+#include "lum/CIOError.h"
 #include "lum/CInvalidArgError.h"
 #include "lum/Logging.h"
 #include "lum/Numbers.h"
@@ -64,7 +65,9 @@ void initHeader(CVMDKSparseExtentHeader& header, const UExtentPlan& plan) {
 }
 
 // header | descriptor | redundant directory, tables | directory, tables | slot size directory, tables |
-// padding to a grain | footer. The header comes twice: its offsets are known only at the end.
+// padding to a grain | footer. The header comes twice: its offsets are known only at the end. The first one
+// is durable before anything else, the second one after everything else, so that a file that was left
+// half-made is known by its header without offsets.
 void writeExtent(CDataOutStream& out, const UExtentPlan& plan) {
     IOutStream& stream = out.getStream();
     const auto sector = [&stream] {
@@ -76,6 +79,7 @@ void writeExtent(CDataOutStream& out, const UExtentPlan& plan) {
     initHeader(*header, plan);
     stream.setLength(0); // whatever an older file held
     header->store(out);
+    stream.flush();
 
     if (plan.descriptor) {
         header->setDescriptorOffsetSectors(sector());
@@ -104,6 +108,7 @@ void writeExtent(CDataOutStream& out, const UExtentPlan& plan) {
         header->store(out);
         writeVMDKMarker(out, MarkerEndOfStream, 0, plan.zeros);
     }
+    stream.flush();
     out.seek(0);
     header->store(out);
     stream.flush();
@@ -141,6 +146,22 @@ void createEmptyVMDKSparseExtentFile(IFileSystem* fileSystem, const CURI& uri, b
         }
         throw;
     }
+}
+
+bool isHalfMadeVMDKSparseExtentFile(IFileSystem* fileSystem, const CURI& uri) {
+    const P<IIOStream> stream = openVMDKFileStream(fileSystem, uri, IIOStream::Access_Read);
+    if (stream->getLength() < vmdkSectorSize)
+        return true; // not even the first header
+    const P<CVMDKSparseExtentHeader> header(new CVMDKSparseExtentHeader);
+    try {
+        CDataInStream in(stream.get());
+        header->load(in);
+    } catch (const CIOError& error) {
+        if (error.getCode() == CIOError::Code_ReadFailed)
+            throw;
+        return false; // whoever opens it says what it is
+    }
+    return header->getGrainDirectoryOffsetSectors() == 0 && header->getOverheadSectors() == 0;
 }
 
 } // namespace tessel

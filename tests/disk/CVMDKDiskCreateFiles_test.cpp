@@ -132,6 +132,21 @@ TEST_F(CVMDKDiskCreateFilesTest, LockIsHeldFromBeforeTheFirstRemovalUntilTheResu
                             "open disk-s00000.vmdk", "close disk-s00000.vmdk"));
 }
 
+TEST_F(CVMDKDiskCreateFilesTest, OldMainFileIsDurablyEmptyBeforeItsExtentsGo) {
+    create(splitOptions());
+    const P<CEventFileSystem> recorder(new CEventFileSystem(m_memory.get()));
+    m_files = recorder;
+    create(splitOptions());
+    const std::vector<std::string> events = recorder->takeEvents();
+    const auto first = std::find(events.begin(), events.end(), "open+ disk.vmdk");
+    ASSERT_GE(events.end() - first, 10);
+    // The new one is a new file, whose first flush makes durable that the old files are gone.
+    EXPECT_THAT(std::vector<std::string>(first, first + 10),
+                ElementsAre("open+ disk.vmdk", "length disk.vmdk", "flush disk.vmdk", "close disk.vmdk",
+                            "delete disk.vmdk", "delete disk-s00000.vmdk", "delete disk-s00001.vmdk",
+                            "delete disk-s00002.vmdk", "open+ disk.vmdk", "flush disk.vmdk"));
+}
+
 TEST_F(CVMDKDiskCreateFilesTest, EveryFileIsFlushedBeforeItIsClosed) {
     for (const DiskOptions& options : {DiskOptions{}, splitOptions(), compressedSplitOptions()}) {
         const P<CEventFileSystem> recorder(new CEventFileSystem(m_memory.get()));

@@ -2,6 +2,7 @@
 
 #include "CFakeDataProvider.h"
 #include "ExtentFixture.h"
+#include "tessel/VMDKEmptyExtentFile.h"
 
 namespace tessel::test {
 namespace {
@@ -320,6 +321,44 @@ TEST_P(CVMDKOnDemandExtentFileTest, ExistingFileIsOpenedAtOnce) {
     extent->flushChanges();
     EXPECT_EQ(extent->gatherSpaceInfo()->getPayloadSize(), grainSize);
     EXPECT_EQ(readAt(*openExtent({.access = IIOStream::Access_Read}), 0, 100), patternBytes(100));
+}
+
+TEST_P(CVMDKOnDemandExtentFileTest, FileThatWasLeftHalfMadeCountsAsMissingAndIsMadeAnew) {
+    m_journal->start(extentURI);
+    createEmptyVMDKSparseExtentFile(m_journal.get(), extentURI, GetParam(), grainCount, grainSize / 512,
+                                    Bytes(2048), nullptr, 0, Bytes());
+    const std::size_t total = m_journal->getEventCount();
+    int halfMade = 0;
+    for (std::size_t count = 0; count <= total; ++count)
+        for (const bool keepsAll : {true, false}) {
+            SCOPED_TRACE(count);
+            storeFile(m_journal->replay(count, [&](const CJournalFileSystem::Event& event) {
+                return keepsAll ? event.data.getUsed() : int64{0};
+            }));
+            {
+                const auto extent = open({.access = IIOStream::Access_Read});
+                halfMade += extent->isNull() ? 1 : 0;
+                EXPECT_EQ(readAt(*extent, 0, 10), Bytes(10));
+            }
+            const auto extent = open();
+            writeAt(*extent, 77, bytesOf("x"));
+            extent->flushChanges();
+            EXPECT_EQ(readAt(*openExtent({.access = IIOStream::Access_Read}), 77, 1), bytesOf("x"));
+        }
+    EXPECT_GT(halfMade, 5);
+    EXPECT_LT(halfMade, static_cast<int>(2 * total));
+}
+
+TEST_P(CVMDKOnDemandExtentFileTest, FileWithDataIsNeverTakenForAHalfMadeOne) {
+    createExtent({.compressed = GetParam(), .grainCount = grainCount});
+    EXPECT_FALSE(isHalfMadeVMDKSparseExtentFile(m_memory.get(), extentURI));
+    writeAt(*openExtent(), 0, patternBytes(100));
+    Bytes file = loadFile();
+    for (int64 i = 0; i < 512; ++i)
+        file[i] = 0;
+    storeFile(file);
+    EXPECT_FALSE(isHalfMadeVMDKSparseExtentFile(m_memory.get(), extentURI));
+    EXPECT_LUM_ERROR(open(), CIOError, 5, "Invalid magic number in VMDK sparse header", {{"num", "0"}});
 }
 
 TEST_P(CVMDKOnDemandExtentFileTest, ExistingFileThatCannotBeOpenedIsAnError) {

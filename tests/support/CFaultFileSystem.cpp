@@ -6,6 +6,7 @@
 #include "lum/CInvalidArgError.h"
 #include "lum/Numbers.h"
 
+#include <algorithm>
 #include <mutex>
 #include <optional>
 
@@ -105,10 +106,11 @@ public:
     void write(const void* data, int size, IWriteBarrier* barrier = nullptr) override {
         if (const auto kind = judgeTransfer(FaultRule::Write, size)) {
             const int64 position = getPosition();
-            if (*kind == FaultRule::Short && size > 1) {
+            if (*kind == FaultRule::Short && size > 1)
                 getBelow().write(data, size / 2, barrier);
-                getBelow().seek(position);
-            }
+            if (*kind == FaultRule::Torn)
+                writeEverySecondSector(position, static_cast<const unsigned char*>(data), size);
+            getBelow().seek(position);
             CIOError error =
                 makeIOError(*kind, CIOError::Code_WriteFailed, "Cannot write to file",
                             makeProps(m_uri).add("position", position).add("bytesToWrite", size));
@@ -162,6 +164,20 @@ private:
         int64 end = INT64_MAX;
         (void)tryAdd(position, count, end);
         return m_rules->judge(operation, m_uri, position, end);
+    }
+
+    /// Of the sectors that the write touches, those of odd numbers.
+    void writeEverySecondSector(int64 position, const unsigned char* data, int size) {
+        constexpr int64 sector = 512;
+        const int64 end = position + size;
+        for (int64 start = position; start < end;) {
+            const int64 next = std::min((start / sector + 1) * sector, end);
+            if (start / sector % 2 == 1) {
+                getBelow().seek(start);
+                getBelow().write(data + (start - position), static_cast<int>(next - start), nullptr);
+            }
+            start = next;
+        }
     }
 
     /// Throws when the read is to fail.

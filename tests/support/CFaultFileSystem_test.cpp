@@ -137,6 +137,22 @@ TEST_F(CFaultFileSystemTest, ShortWriteLeavesHalf) {
     EXPECT_EQ(stream->getPosition(), 4);
 }
 
+TEST_F(CFaultFileSystemTest, TornWriteLeavesEverySecondSector) {
+    const P<IIOStream> stream = open();
+    const std::string ones(2000, '1');
+    const std::string twos(1500, '2');
+    stream->write(ones.data(), 2000);
+    m_faults->addRule({.operation = FaultRule::Write, .kind = FaultRule::Torn});
+    stream->seek(100);
+    EXPECT_THROW(stream->write(twos.data(), 1500), CIOError);
+    EXPECT_EQ(stream->getPosition(), 100);
+    std::string found(2000, '0');
+    stream->seek(0);
+    stream->read(found.data(), 2000);
+    EXPECT_EQ(found, std::string(512, '1') + std::string(512, '2') + std::string(512, '1') +
+                         std::string(64, '2') + std::string(400, '1'));
+}
+
 TEST_F(CFaultFileSystemTest, FullDisk) {
     const P<IIOStream> stream = open();
     m_faults->addRule({.kind = FaultRule::FullDisk, .always = true});

@@ -13,6 +13,7 @@ struct FaultRule {
         Refused,  ///< nothing is done; CIOError 1 or 2, or CFileSystemError: access denied (locks: locked)
         Short,    ///< a transfer is done by half, a change of length half the way, then it fails as above
         FullDisk, ///< nothing is done; CIOError 8 or CFileSystemError: no space
+        Torn,     ///< of a write every second sector of 512 bytes is done; else as Refused
     };
 
     Operation operation = Any;
