@@ -1,4 +1,5 @@
 #include "CProgress.h"
+#include "Confinement.h"
 #include "Disks.h"
 #include "Errors.h"
 #include "Names.h"
@@ -180,7 +181,8 @@ void checkDisk(UCheck& verb) {
     verifyIsFile(verb.disk);
     if (!endsWithTrail(verb.disk))
         verifyMayBeDisk(verb.disk);
-    const P<IFileSystem> files(new CNativeFileSystem(false));
+    const P<IFileSystem> native(new CNativeFileSystem(false));
+    const P<IFileSystem> files = confine(native.get(), verb.disk);
     const P<CVMDKDiskChecker> checker(new CVMDKDiskChecker(files.get(), uriFromName(verb.disk)));
     const P<CFindingWriter> writer(new CFindingWriter(verb.disk, verb.json, verb.quick));
     const String password = choosePassword(verb);

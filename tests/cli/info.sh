@@ -13,7 +13,7 @@ json_is 'list(d)' "['file', 'kind', 'sizeBytes', 'grainSizeBytes', 'contentID', 
 json_is 'd' "{'file': 'plain.vmdk', 'kind': 'monolithicSparse', 'sizeBytes': 10485760, 'grainSizeBytes': 65536, \
 'contentID': '$id', 'compressed': False, 'encrypted': False, 'onDemand': False, 'descriptorEmbedded': True, \
 'allocatedBytes': $taken, 'parent': None, 'extents': [{'file': '$PWD/plain.vmdk', 'access': 'RW', \
-'type': 'SPARSE', 'startBytes': 0, 'sizeBytes': 10485760, 'exists': True, 'fileSizeBytes': $bytes, \
+'type': 'SPARSE', 'startBytes': 0, 'sizeBytes': 10485760, 'outside': False, 'exists': True, 'fileSizeBytes': $bytes, \
 'allocatedBytes': $taken}]}"
 run 0 info plain.vmdk
 output_is "disk:       plain.vmdk
@@ -48,7 +48,7 @@ json_is 'd["kind"], d["compressed"]' "('streamOptimized', True)"
 
 ok create child.vmdk --parent plain.vmdk
 ok info child.vmdk --json
-json_is 'd["parent"]' "{'reference': 'plain.vmdk', 'file': '$PWD/plain.vmdk', 'contentID': '$id', 'exists': True}"
+json_is 'd["parent"]' "{'reference': 'plain.vmdk', 'file': '$PWD/plain.vmdk', 'contentID': '$id', 'outside': False, 'exists': True}"
 mv plain.vmdk elsewhere.vmdk
 ok info child.vmdk --json
 json_is 'd["parent"]["exists"]' False
