@@ -42,6 +42,9 @@ public:
     /// Slot position and slot size of a grain in sectors, both 0 for a grain without a slot, so too for
     /// all grains of a table that was never allocated. Throws: as getGrainTable and the table.
     void getGrainInfo(int64 grainIndex, int64& grainPosSectors, int64& slotSizeSectors);
+    /// From a grain on, how many grains of the same table in a row have slots, or have none; `hasSlot` tells
+    /// which. Throws: as getGrainTable and the table.
+    int64 findSlotRun(int64 grainIndex, bool& hasSlot);
     /// Changes them, in memory. Throws: as getGrainTable and the table.
     void setGrainInfo(int64 grainIndex, int64 grainPosSectors, int64 slotSizeSectors);
 
