@@ -11,7 +11,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int grainsPerFolder = 64;
+constexpr int grainsPerFolder = 16;
 
 void addGrains(const char* folder, std::vector<P<TBuffer<unsigned char>>>& grains) {
     std::error_code error;

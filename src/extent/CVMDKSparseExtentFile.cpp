@@ -256,7 +256,7 @@ void CVMDKSparseExtentFile::read(void* buffer, int size) {
         int piece = isAtWholePlainGrains(size) ? readWholeGrains(target, size) : 0;
         if (piece == 0) {
             piece = static_cast<int>(beginIOOp(size));
-            m_grain->read(target, piece);
+            m_grain->readInPlace(target, piece);
         }
         target += piece;
         size -= piece;
