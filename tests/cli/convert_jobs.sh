@@ -65,7 +65,7 @@ done
 # Of several failures the first in the copy is told, and nothing is left.
 ok convert big.raw broken.vmdk --quiet --compressed
 size=$(size_of broken.vmdk)
-# The bytes do not compress, so that the grains lie in the file as they do in the disk.
+# Behind the first 7 MiB, which do not compress, and so behind where a file of 3000 KiB is full.
 for at in $((size / 2)) $((size / 2 + 1000000)) $((size - 500000)); do
     put broken.vmdk $at 3000 7
 done
@@ -84,7 +84,7 @@ for jobs in 1 2 7; do
         run 1 convert broken.vmdk new.vmdk --compressed --level 1 --jobs $jobs
         same told "$err"
         code=0
-        (ulimit -f 9000; exec "$TESSEL_PROGRAM" convert broken.vmdk new.raw --jobs $jobs) 2>"$err" || code=$?
+        (ulimit -f 3000; exec "$TESSEL_PROGRAM" convert broken.vmdk new.raw --jobs $jobs) 2>"$err" || code=$?
         ((code == 1)) || fail "the exit code is $code, not 1"
         error_is_one_line
         error_holds 'File too large'
