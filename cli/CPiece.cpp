@@ -31,7 +31,7 @@ P<TBuffer<unsigned char>> CPiece::takeRecord() {
         m_records.emplace_back(new TBuffer<unsigned char>);
         return m_records.back();
     }
-    const P<TBuffer<unsigned char>> record = m_spare.back();
+    P<TBuffer<unsigned char>> record = m_spare.back();
     m_spare.pop_back();
     return record;
 }

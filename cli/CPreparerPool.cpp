@@ -7,7 +7,7 @@ CPreparerPool::UWorker CPreparerPool::take() {
         const std::lock_guard lock(m_mutex);
         m_free.reserve(m_free.size() + 1); // giving back cannot fail
         if (!m_free.empty()) {
-            const UWorker worker = m_free.back();
+            UWorker worker = m_free.back();
             m_free.pop_back();
             return worker;
         }
