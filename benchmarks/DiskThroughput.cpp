@@ -2,15 +2,20 @@
 //
 //   disk-throughput write RAW DISK [plain|compressed] [PASSWORD]   makes DISK and writes RAW's bytes to it
 //   disk-throughput read DISK RAW [PASSWORD]                       writes DISK's bytes to RAW
+//   disk-throughput random DISK COUNT                              reads COUNT times 4 KiB from anywhere in
+//   DISK
 //
 // Nothing waits for the medium, as with cp.
 
 #include "tessel/tessel.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <random>
 #include <vector>
 
 namespace {
@@ -55,6 +60,23 @@ void readDisk(const char* diskPath, const char* rawPath, const String& password)
     raw->flush();
 }
 
+void readAtRandom(const char* diskPath, int count) {
+    constexpr int size = 4096;
+    const P<CNativeFileSystem> files(new CNativeFileSystem(false));
+    const P<CVMDKDisk> disk(
+        new CVMDKDisk(files.get(), toURI(diskPath), IIOStream::Access_Read, String(), 1, nullptr, nullptr));
+    std::mt19937_64 random(1);
+    std::uniform_int_distribution<int64> places(0, disk->getSizeBytes() / size - 1);
+    std::vector<char> bytes(size);
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < count; ++i) {
+        disk->seek(places(random) * size);
+        disk->read(bytes.data(), size);
+    }
+    const std::chrono::duration<double> seconds = std::chrono::steady_clock::now() - start;
+    std::printf("%d requests in %.6f seconds\n", count, seconds.count());
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -68,8 +90,13 @@ int main(int argc, char** argv) {
             readDisk(argv[2], argv[3], argc >= 5 ? String::fromUTF8(argv[4]) : String());
             return 0;
         }
+        if (argc == 4 && std::strcmp(argv[1], "random") == 0) {
+            readAtRandom(argv[2], std::atoi(argv[3]));
+            return 0;
+        }
         std::fprintf(stderr, "usage: disk-throughput write RAW DISK [plain|compressed] [PASSWORD]\n"
-                             "       disk-throughput read DISK RAW [PASSWORD]\n");
+                             "       disk-throughput read DISK RAW [PASSWORD]\n"
+                             "       disk-throughput random DISK COUNT\n");
         return 2;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "disk-throughput: %s\n", describeError(error).toUTF8Lossy().c_str());

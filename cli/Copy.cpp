@@ -1,78 +1,137 @@
 #include "Copy.h"
 
-#include "lum/Numbers.h"
+#include "CPieceReader.h"
 #include "platform.h"
 
+#include <oneapi/tbb/global_control.h>
+#include <oneapi/tbb/parallel_pipeline.h>
+#include <oneapi/tbb/task_arena.h>
+
 #include <algorithm>
-#include <memory>
 
 namespace tessel::cli {
 
 namespace {
 
-constexpr int64 roundDown(int64 value) {
-    return value / copyAlignment * copyAlignment;
+/// The plain bytes of all pieces together.
+constexpr int64 bytesUnderWay = int64{20} << 20;
+
+int getPieceCount(int jobs) {
+    return jobs == 1 ? 1 : 2 * jobs + 2;
 }
 
-/// What stands at `position`, cut so that it begins and ends at copyAlignment: data grow, zeros shrink.
-USourceRun findAlignedRun(ISource& source, int64 position, int64 size) {
-    USourceRun run = source.findRun(position);
-    int64 end = std::min(size, position + run.sizeBytes);
-    if (!run.isData)
-        end = end == size ? size : roundDown(end);
-    if (end == position) { // zeros that end within the unit
-        run.isData = true;
-        end = position + 1;
+int getPieceSize(int jobs) {
+    const int64 most = bytesUnderWay / getPieceCount(jobs) / copyAlignment * copyAlignment;
+    return static_cast<int>(std::clamp<int64>(most, copyAlignment, largestPiece));
+}
+
+class CCopy {
+public:
+    CCopy(ISource& source, ISink& sink, int64 sizeBytes, int jobs, CProgress& progress)
+        : m_source(source),
+          m_sink(sink),
+          m_progress(progress),
+          m_reader(&source, sizeBytes, getPieceSize(jobs)),
+          m_mustUnpack(!sink.takesStoredGrains(source.getStoredGrainSizeBytes())) {
+        for (int i = 0; i < getPieceCount(jobs); ++i)
+            m_pieces.push_back(std::make_unique<CPiece>(getPieceSize(jobs)));
     }
-    if (run.isData)
-        end = size - end <= copyAlignment ? size : roundUp(end, copyAlignment);
-    return {end - position, run.isData};
-}
 
-/// Zeros up to the next unit or `most` bytes in all. Returns how many bytes the buffer holds then.
-int padToUnit(unsigned char* buffer, int size, int64 most) {
-    const auto padded = static_cast<int>(std::min(roundUp(size, copyAlignment), most));
-    std::fill(buffer + size, buffer + padded, static_cast<unsigned char>(0));
-    return padded;
-}
+    void runAlone() {
+        CPiece& piece = *m_pieces.front();
+        while (m_reader.readNext(piece)) {
+            prepare(piece);
+            write(piece);
+        }
+    }
+
+    void runWith(int jobs) {
+        const tbb::global_control control(tbb::global_control::max_allowed_parallelism,
+                                          static_cast<std::size_t>(jobs));
+        tbb::task_arena arena(jobs);
+        arena.execute([this] { runPipeline(); });
+    }
+
+    int64 finish() {
+        const int64 size = m_reader.getSizeBytes();
+        const int64 position = m_reader.getPosition();
+        if (position < size)
+            m_sink.writeZeros(position, size - position);
+        m_progress.advanceTo(size);
+        m_sink.finish(size);
+        return m_reader.getSourceBytes();
+    }
+
+private:
+    void runPipeline() {
+        using tbb::filter_mode;
+        // Pieces end in the order in which they begin, and no more are under way than there are, so that the
+        // one that is next in the row is free.
+        std::size_t next = 0;
+        const auto read = tbb::make_filter<void, CPiece*>(filter_mode::serial_in_order,
+                                                          [this, &next](tbb::flow_control& flow) -> CPiece* {
+                                                              CPiece* const piece = m_pieces[next].get();
+                                                              if (!m_reader.readNext(*piece)) {
+                                                                  flow.stop();
+                                                                  return nullptr;
+                                                              }
+                                                              next = (next + 1) % m_pieces.size();
+                                                              return piece;
+                                                          });
+        const auto work = tbb::make_filter<CPiece*, CPiece*>(filter_mode::parallel, [this](CPiece* piece) {
+            prepare(*piece);
+            return piece;
+        });
+        const auto write =
+            tbb::make_filter<CPiece*, void>(filter_mode::serial_in_order, [this](CPiece* piece) {
+                try {
+                    this->write(*piece);
+                } catch (...) {
+                    stopWaitingForInput(); // the reader may be doing so
+                    throw;
+                }
+            });
+        tbb::parallel_pipeline(m_pieces.size(), read & work & write);
+    }
+
+    void prepare(CPiece& piece) noexcept {
+        if (!piece.isData() || piece.hasError())
+            return;
+        try {
+            m_source.unpack(piece, m_mustUnpack);
+            m_sink.prepare(piece);
+        } catch (...) {
+            piece.setError(std::current_exception());
+        }
+    }
+
+    void write(CPiece& piece) {
+        piece.throwError();
+        throwIfInterrupted();
+        if (piece.isData())
+            m_sink.write(piece);
+        else
+            m_sink.writeZeros(piece.getPosition(), piece.getSizeBytes());
+        m_progress.advanceTo(piece.getPosition() + piece.getSizeBytes());
+    }
+
+    ISource& m_source;
+    ISink& m_sink;
+    CProgress& m_progress;
+    CPieceReader m_reader;
+    bool m_mustUnpack;
+    std::vector<std::unique_ptr<CPiece>> m_pieces;
+};
 
 } // namespace
 
-int64 copy(ISource& source, ISink& sink, int64 sizeBytes, CProgress& progress) {
-    const std::unique_ptr<unsigned char[]> buffer(new unsigned char[transferSize]);
-    const int64 known = source.getSizeBytes();
-    const int64 wanted = sizeBytes < 0 ? known : sizeBytes;
-    int64 fromSource = wanted < 0 ? INT64_MAX : known < 0 ? wanted : std::min(wanted, known);
-    int64 position = 0;
-    while (position < fromSource) {
-        throwIfInterrupted();
-        const USourceRun run = findAlignedRun(source, position, fromSource);
-        if (!run.isData) {
-            sink.writeZeros(position, run.sizeBytes);
-            position += run.sizeBytes;
-            progress.advanceTo(position);
-            continue;
-        }
-        const int64 end = position + run.sizeBytes;
-        for (; position < end; progress.advanceTo(position)) {
-            throwIfInterrupted();
-            const int count = static_cast<int>(std::min<int64>(end - position, transferSize));
-            const int got = source.read(position, buffer.get(), count);
-            if (got < count)
-                fromSource = position + got;
-            const int padded = padToUnit(buffer.get(), got, wanted < 0 ? got : wanted - position);
-            sink.write(position, buffer.get(), padded);
-            position += padded;
-            if (got < count)
-                break;
-        }
-    }
-    const int64 size = wanted < 0 ? fromSource : wanted;
-    if (position < size)
-        sink.writeZeros(position, size - position);
-    progress.advanceTo(size);
-    sink.finish(size);
-    return fromSource;
+int64 copy(ISource& source, ISink& sink, int64 sizeBytes, int jobs, CProgress& progress) {
+    CCopy copying(source, sink, sizeBytes, jobs, progress);
+    if (jobs == 1)
+        copying.runAlone();
+    else
+        copying.runWith(jobs);
+    return copying.finish();
 }
 
 } // namespace tessel::cli

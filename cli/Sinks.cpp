@@ -18,7 +18,9 @@ constexpr std::array<unsigned char, 65536> zeros{};
 
 } // namespace
 
-void CRawSink::write(int64 position, const unsigned char* data, int size) {
+void CRawSink::write(CPiece& piece) {
+    const unsigned char* const data = piece.getBytes();
+    const auto size = static_cast<int>(piece.getSizeBytes());
     const auto isHole = [&](int offset) {
         return isZeroMemory(data + offset, static_cast<std::size_t>(std::min(holeUnit, size - offset)));
     };
@@ -31,13 +33,13 @@ void CRawSink::write(int64 position, const unsigned char* data, int size) {
         while (end < size && !isHole(end))
             end += holeUnit;
         end = std::min(end, size);
-        m_file->getFile().write(position + start, data + start, end - start);
+        m_file->getFile().write(piece.getPosition() + start, data + start, end - start);
         start = end;
     }
 }
 
-void COutputSink::write(int64, const unsigned char* data, int size) {
-    writeOutput(data, size);
+void COutputSink::write(CPiece& piece) {
+    writeOutput(piece.getBytes(), piece.getSizeBytes());
 }
 
 void COutputSink::writeZeros(int64, int64 sizeBytes) {
@@ -48,8 +50,57 @@ void COutputSink::writeZeros(int64, int64 sizeBytes) {
     }
 }
 
-void CDiskSink::write(int64 position, const unsigned char* data, int size) {
-    m_disk->run([&] { m_writer.write(position, data, size); });
+CDiskSink::CDiskSink(CNewDisk* disk, int level)
+    : m_disk(disk),
+      m_writer(&disk->getDisk(), true),
+      m_grainSize(disk->getDisk().getGrainSizeBytes()),
+      m_keepsLevel(level < 0) {
+    if (disk->getDisk().getCompressed() && disk->getDisk().getParentDiskMainURI().isEmpty())
+        m_preparers.emplace(m_grainSize, level);
+}
+
+bool CDiskSink::takesStoredGrains(int64 grainSizeBytes) const {
+    return m_preparers && m_keepsLevel && grainSizeBytes == m_grainSize;
+}
+
+void CDiskSink::prepare(CPiece& piece) {
+    if (m_preparers)
+        m_disk->run([&] { prepareGrains(piece); });
+}
+
+void CDiskSink::prepareGrains(CPiece& piece) {
+    CPreparerPool::CLease worker(&*m_preparers);
+    const std::vector<CPiece::UGrain>& stored = piece.getStored();
+    auto nextStored = stored.begin();
+    for (int64 at = 0; piece.getSizeBytes() - at >= m_grainSize; at += m_grainSize) {
+        const auto offset = static_cast<int>(at);
+        if (nextStored != stored.end() && nextStored->offset == offset) {
+            piece.addPrepared(*nextStored++);
+            continue;
+        }
+        const unsigned char* const bytes = piece.getBytes() + offset;
+        if (isZeroMemory(bytes, static_cast<std::size_t>(m_grainSize)))
+            continue;
+        worker.getPlain().assign(bytes, m_grainSize);
+        worker.getPreparer().prepareGrainData(&worker.getPlain(), 0, piece.addPrepared(offset).get());
+    }
+}
+
+void CDiskSink::write(CPiece& piece) {
+    m_disk->run([&] { writePiece(piece); });
+}
+
+void CDiskSink::writePiece(CPiece& piece) {
+    int64 done = 0;
+    if (m_preparers) {
+        CVMDKDisk& disk = m_disk->getDisk();
+        for (const CPiece::UGrain& grain : piece.getPrepared()) {
+            disk.seek(piece.getPosition() + grain.offset);
+            disk.writePreparedGrainData(*grain.record);
+        }
+        done = piece.getSizeBytes() / m_grainSize * m_grainSize;
+    }
+    m_writer.write(piece.getPosition() + done, piece.getBytes() + done, piece.getSizeBytes() - done);
 }
 
 void CDiskSink::writeZeros(int64 position, int64 sizeBytes) {

@@ -2,8 +2,11 @@
 
 #include "CDiskWriter.h"
 #include "CNewDisk.h"
+#include "CPreparerPool.h"
 #include "CStagedFile.h"
-#include "Copy.h"
+#include "ISink.h"
+
+#include <optional>
 
 namespace tessel::cli {
 
@@ -12,7 +15,7 @@ class CRawSink : public ISink {
 public:
     explicit CRawSink(CStagedFile* file) : m_file(file) {}
 
-    void write(int64 position, const unsigned char* data, int size) override;
+    void write(CPiece& piece) override;
     void writeZeros(int64, int64) override {}
     void finish(int64 sizeBytes) override { m_file->getFile().setLength(sizeBytes); }
 
@@ -23,7 +26,7 @@ private:
 /// Raw data to standard output.
 class COutputSink : public ISink {
 public:
-    void write(int64 position, const unsigned char* data, int size) override;
+    void write(CPiece& piece) override;
     void writeZeros(int64 position, int64 sizeBytes) override;
     void finish(int64) override {}
 };
@@ -31,15 +34,26 @@ public:
 /// A new disk, in which grains of zeros are not stored unless they hide a parent's data.
 class CDiskSink : public ISink {
 public:
-    explicit CDiskSink(CNewDisk* disk) : m_disk(disk), m_writer(&disk->getDisk(), true) {}
+    /// `disk` is borrowed. `level` is that of the new disk, -1 when none was asked for: compressed grains are
+    /// then taken over as the source stores them.
+    CDiskSink(CNewDisk* disk, int level);
 
-    void write(int64 position, const unsigned char* data, int size) override;
+    bool takesStoredGrains(int64 grainSizeBytes) const override;
+    void prepare(CPiece& piece) override;
+    void write(CPiece& piece) override;
     void writeZeros(int64 position, int64 sizeBytes) override;
     void finish(int64) override {}
 
 private:
+    void prepareGrains(CPiece& piece);
+    void writePiece(CPiece& piece);
+
     CNewDisk* m_disk;
     CDiskWriter m_writer;
+    int64 m_grainSize;
+    bool m_keepsLevel;
+    /// Where grains are prepared ahead of the writing. In a child they are not: most equal the parent's.
+    std::optional<CPreparerPool> m_preparers;
 };
 
 } // namespace tessel::cli

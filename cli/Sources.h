@@ -1,8 +1,11 @@
 #pragma once
 
-#include "Copy.h"
+#include "CPreparerPool.h"
+#include "ISource.h"
 #include "platform.h"
 #include "tessel/CVMDKDisk.h"
+
+#include <optional>
 
 namespace tessel::cli {
 
@@ -32,18 +35,28 @@ private:
     int64 m_size = getInputSize();
 };
 
-/// A disk with its parents.
+/// A disk with its parents. Compressed grains are read as they are stored, those of parents too where they
+/// are of the same kind and size.
 class CDiskSource : public ISource {
 public:
-    CDiskSource(std::string name, CVMDKDisk* disk) : m_name(std::move(name)), m_disk(disk) {}
+    CDiskSource(std::string name, CVMDKDisk* disk);
 
     int64 getSizeBytes() const override { return m_disk->getSizeBytes(); }
     USourceRun findRun(int64 position) override;
     int read(int64 position, unsigned char* buffer, int count) override;
+    int64 getStoredGrainSizeBytes() const override { return m_preparers ? m_grainSize : 0; }
+    int readPiece(CPiece& piece, int count) override;
+    void unpack(CPiece& piece, bool all) override;
 
 private:
+    const UVMDKGrainRun& lookUp(int64 position);
+    void readBytes(int64 position, unsigned char* buffer, int64 count);
+
     std::string m_name;
     P<CVMDKDisk> m_disk;
+    int64 m_grainSize;
+    UVMDKGrainRun m_run = {0, 0, UVMDKGrainRun::nowhere};
+    std::optional<CPreparerPool> m_preparers;
 };
 
 } // namespace tessel::cli

@@ -1,5 +1,7 @@
 #include "CNewDisk.h"
+#include "Copy.h"
 #include "Errors.h"
+#include "Jobs.h"
 #include "Names.h"
 #include "Sinks.h"
 #include "Sizes.h"
@@ -29,6 +31,7 @@ struct UConvert {
     CPasswords passwords;
     bool sync = false;
     bool quiet = false;
+    int jobs = getDefaultJobs();
 };
 
 bool isStandardStream(const std::string& name) {
@@ -127,7 +130,7 @@ void convertToRaw(UConvert& verb, ISource& source, int64 size) {
         if (isOutputTerminal())
             throw CUsageError("The bytes of a disk are not for a terminal; redirect standard output");
         COutputSink sink;
-        copy(source, sink, size, progress);
+        copy(source, sink, size, verb.jobs, progress);
         verifyInputIsUsedUp(verb, source);
         return;
     }
@@ -138,7 +141,7 @@ void convertToRaw(UConvert& verb, ISource& source, int64 size) {
                 throw CFailure(verb.target, "It is in use here, as the source, and cannot be replaced");
     CStagedFile file(target, verb.options.force);
     CRawSink sink(&file);
-    copy(source, sink, size, progress);
+    copy(source, sink, size, verb.jobs, progress);
     verifyInputIsUsedUp(verb, source);
     file.commit(verb.sync);
 }
@@ -165,10 +168,10 @@ void convertToVMDK(UConvert& verb, ISource& source, Kind sourceKind, int64 size)
         tellWarning(verb.target + ": The source is encrypted and this disk is not");
 
     CProgress progress(diskSize, verb.quiet);
-    CDiskSink sink(&target);
+    CDiskSink sink(&target, verb.options.level);
     // Of a pipe no more is taken than was announced, though the disk may have a little more room.
     const int64 limit = sourceSize < 0 && wanted >= 0 ? wanted : diskSize;
-    const int64 copied = copy(source, sink, limit, progress);
+    const int64 copied = copy(source, sink, limit, verb.jobs, progress);
     verifyInputIsUsedUp(verb, source);
     target.commit();
     if (sourceSize < 0 && wanted >= 0 && copied < wanted)
@@ -217,6 +220,7 @@ void addConvertVerb(CLI::App& program, VerbAction& chosen) {
         ->type_name("N");
     verb->options.addTo(*app);
     verb->passwords.addCreateOptions(*app);
+    addJobsOption(*app, verb->jobs);
     app->add_flag("--sync", verb->sync, "Wait until the medium has everything");
     app->add_flag("--quiet", verb->quiet, "Show no progress and no notes");
     app->callback([verb, &chosen] { chosen = [verb] { convert(*verb); }; });

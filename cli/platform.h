@@ -41,6 +41,9 @@ std::string askWithoutEcho(const std::string& question);
 int64 getInputSize();
 /// Reads until `count` bytes are there or the end is met. Throws: CFailure; CInterrupted.
 int readInput(void* buffer, int count);
+/// From now on nobody waits for input any more: readInput throws CInterrupted instead. For a failure
+/// elsewhere that ends the work.
+void stopWaitingForInput() noexcept;
 /// Throws: CFailure; CInterrupted, also when nobody reads any more.
 void writeOutput(const void* data, int64 size);
 /// Writes to standard error; what cannot be written is dropped.

@@ -29,12 +29,17 @@ std::atomic<int> g_signal = 0;
 /// The handler writes a byte here, so that whoever waits for input wakes even when the signal comes just
 /// before the wait.
 int g_wakePipe[2] = {-1, -1};
+std::atomic<bool> g_inputIsOver = false;
+
+void wakeWhoeverWaits() noexcept {
+    const char byte = 0;
+    [[maybe_unused]] const ssize_t written = ::write(g_wakePipe[1], &byte, 1);
+}
 
 void noteSignal(int signal) noexcept {
     const int savedError = errno;
     g_signal = signal;
-    const char byte = 0;
-    [[maybe_unused]] const ssize_t written = ::write(g_wakePipe[1], &byte, 1);
+    wakeWhoeverWaits();
     errno = savedError;
 }
 
@@ -178,6 +183,8 @@ int readInput(void* buffer, int count) {
     int done = 0;
     while (done < count) {
         waitFor(STDIN_FILENO, POLLIN);
+        if (g_inputIsOver)
+            throw CInterrupted();
         const ssize_t got =
             ::read(STDIN_FILENO, static_cast<char*>(buffer) + done, static_cast<std::size_t>(count - done));
         if (got == 0)
@@ -188,6 +195,11 @@ int readInput(void* buffer, int count) {
             failStandardStream("standard input", "Cannot read", errno);
     }
     return done;
+}
+
+void stopWaitingForInput() noexcept {
+    g_inputIsOver = true;
+    wakeWhoeverWaits();
 }
 
 void writeOutput(const void* data, int64 size) {

@@ -50,6 +50,9 @@ public:
     /// Throws: CInvalidArgError for a negative count; CIOError 4 beyond the grain's end; what loading
     /// throws, the grain then not being loaded.
     void read(void* buffer, int count);
+    /// The same, but of a plain grain that is not loaded only the bytes that are asked for are read. Throws:
+    /// as read.
+    void readInPlace(void* buffer, int count);
     /// Throws: CInvalidArgError for a negative count; CIOError 3 beyond the grain's end; CError without
     /// write access; what loading throws.
     void write(const void* buffer, int count);

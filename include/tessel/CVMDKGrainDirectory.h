@@ -52,6 +52,9 @@ public:
     void getGrainInfo(int64 grainIndex, int64& grainPosSectors, int64& slotSizeSectors);
     /// The same, whatever bounds there are. Throws: as getGrainTable and the table.
     void findGrainEntry(int64 grainIndex, int64& grainPosSectors, int64& slotSizeSectors);
+    /// From a grain on, how many grains of the same table in a row have slots, or have none; `hasSlot` tells
+    /// which. Throws: as getGrainTable and the table.
+    int64 findSlotRun(int64 grainIndex, bool& hasSlot);
     /// Changes them, in memory. Throws: as getGrainTable and the table.
     void setGrainInfo(int64 grainIndex, int64 grainPosSectors, int64 slotSizeSectors);
 

@@ -26,6 +26,10 @@ public:
     /// Throws: CInvalidArgError ("uri") for an index outside the table.
     void getGrainInfo(int64 grainIndex, int64& grainPosSectors, int64& slotSizeSectors);
 
+    /// From a grain on, how many grains of this table in a row have slots, or have none; `hasSlot` tells
+    /// which. Throws: CInvalidArgError ("uri") for an index outside the table.
+    int64 findSlotRun(int64 grainIndex, bool& hasSlot) const;
+
     /// Changes an entry in memory. Without a slot size table the slot size must be the grain size. The
     /// caller keeps positions below 2^32 and slot sizes below 2^16.
     /// Throws: CInvalidArgError ("uri") for a bad index or slot size, CError without write access; the

@@ -12,6 +12,9 @@ struct UVMDKGrainRun {
     int64 position;  ///< first byte
     int64 sizeBytes; ///< at least 1
     int layer;       ///< 0: the disk itself, 1: its parent, and so on; or nowhere
+    /// Whole grains of the run can be read in prepared form: every disk on the way to the layer has grains of
+    /// the same size and kind, and extents that begin where grains do.
+    bool isStoredAlike = false;
 };
 
 } // namespace tessel

@@ -235,6 +235,7 @@ UVMDKGrainRun CVMDKDisk::findGrainRun(int64 position) {
         int64 extentLeft = 0;
         beginIOOp(m_sizeBytes - position, extent, extentLeft);
         run.sizeBytes = extentLeft;
+        run.isStoredAlike = m_currentExtentStartBytes % m_grainSizeBytes == 0;
         if (const auto sparse = sparseExtentOf(extent)) {
             const int64 offset = position - m_currentExtentStartBytes;
             const int64 grainIndex = offset / m_grainSizeBytes;
@@ -254,6 +255,9 @@ UVMDKGrainRun CVMDKDisk::findGrainRun(int64 position) {
             const UVMDKGrainRun below = parent->findGrainRun(position);
             run.sizeBytes = std::min(run.sizeBytes, below.sizeBytes);
             run.layer = below.layer == UVMDKGrainRun::nowhere ? below.layer : below.layer + 1;
+            run.isStoredAlike = run.isStoredAlike && below.isStoredAlike &&
+                                parent->m_grainSizeBytes == m_grainSizeBytes &&
+                                parent->m_compressed == m_compressed;
         }
     }
     return run;

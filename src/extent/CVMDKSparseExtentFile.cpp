@@ -265,7 +265,7 @@ void CVMDKSparseExtentFile::read(void* buffer, int size) {
         int piece = moveWholeGrains(size, singly, [&](int most) { return readWholeGrains(target, most); });
         if (piece == 0) {
             piece = static_cast<int>(beginIOOp(size));
-            m_grain->read(target, piece);
+            m_grain->readInPlace(target, piece);
         }
         target += piece;
         size -= piece;
@@ -497,35 +497,27 @@ bool CVMDKSparseExtentFile::isGrainWrittenAndIndependentOfParent() {
 
 int64 CVMDKSparseExtentFile::findSlotRun(int64 grainIndex, bool& hasSlot) {
     m_grain->flushChangesToStream();
-    const int entriesPerTable = m_grainDirectory->getEntriesPerTable();
-    const int64 tableEnd = (grainIndex / entriesPerTable + 1) * entriesPerTable;
-    const int64 end = std::min(tableEnd, m_grainDirectory->getGrainCount());
-    const auto grainHasSlot = [this](int64 index) {
-        int64 grainPosSectors = 0;
-        int64 slotSizeSectors = 0;
-        m_grainDirectory->findGrainEntry(index, grainPosSectors, slotSizeSectors);
-        return grainPosSectors > 0;
-    };
-    hasSlot = grainHasSlot(grainIndex);
-    int64 next = grainIndex + 1;
-    while (next < end && grainHasSlot(next) == hasSlot)
-        ++next;
-    return next - grainIndex;
+    return m_grainDirectory->findSlotRun(grainIndex, hasSlot);
 }
 
 P<CVMDKSpaceInfo> CVMDKSparseExtentFile::gatherSpaceInfo() {
     flushChanges();
     int64 payloadSize = 0;
     int64 payloadSizeInFile = 0;
-    for (int64 i = 0; i < m_grainDirectory->getGrainCount(); ++i) {
-        int64 grainPosSectors = 0;
-        int64 slotSizeSectors = 0;
-        m_grainDirectory->findGrainEntry(i, grainPosSectors, slotSizeSectors);
-        if (grainPosSectors <= 0)
-            continue;
-        payloadSize += m_grainSizeBytes;
-        payloadSizeInFile += m_compressed ? slotSizeSectors * vmdkSectorSize : m_grainSizeBytes;
+    for (int64 i = 0; i < m_grainDirectory->getGrainCount();) {
+        bool hasSlot = false;
+        const int64 runEnd = i + m_grainDirectory->findSlotRun(i, hasSlot);
+        payloadSize += hasSlot ? (runEnd - i) * m_grainSizeBytes : 0;
+        for (; hasSlot && m_compressed && i < runEnd; ++i) {
+            int64 grainPosSectors = 0;
+            int64 slotSizeSectors = 0;
+            m_grainDirectory->findGrainEntry(i, grainPosSectors, slotSizeSectors);
+            payloadSizeInFile += slotSizeSectors * vmdkSectorSize;
+        }
+        i = runEnd;
     }
+    if (!m_compressed)
+        payloadSizeInFile = payloadSize;
     const int64 headerSize = static_cast<int64>(m_header->getOverheadSectors()) * vmdkSectorSize;
     int64 deadSpace = m_stream->getLength() - headerSize - payloadSizeInFile;
     if (deadSpace < 0) {

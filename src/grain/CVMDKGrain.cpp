@@ -222,6 +222,18 @@ void CVMDKGrain::read(void* buffer, int count) {
     m_position += count;
 }
 
+void CVMDKGrain::readInPlace(void* buffer, int count) {
+    const bool isInPlace = !m_compressed && !m_cipher && hasSlot() && !isLoaded() && count >= 0 &&
+                           count <= m_grainSizeBytes - m_position;
+    if (!isInPlace) {
+        read(buffer, count);
+        return;
+    }
+    m_stream->seek(m_grainPosSectors * vmdkSectorSize + m_position);
+    m_stream->read(buffer, count);
+    m_position += count;
+}
+
 // --- Writing ---
 
 void CVMDKGrain::write(const void* buffer, int count) {

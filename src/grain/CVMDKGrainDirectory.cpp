@@ -329,6 +329,16 @@ void CVMDKGrainDirectory::findGrainEntry(int64 grainIndex, int64& grainPosSector
     getGrainTable(tableIndex)->getGrainInfo(grainIndex % m_entriesPerTable, grainPosSectors, slotSizeSectors);
 }
 
+int64 CVMDKGrainDirectory::findSlotRun(int64 grainIndex, bool& hasSlot) {
+    const int64 tableIndex = grainIndex / m_entriesPerTable;
+    verifyTableIndex(tableIndex);
+    const int64 left = std::min((tableIndex + 1) * m_entriesPerTable, m_grainCount) - grainIndex;
+    hasSlot = false;
+    if (grainIndex >= 0 && m_directory[tableIndex] == 0)
+        return left;
+    return std::min(left, getGrainTable(tableIndex)->findSlotRun(grainIndex % m_entriesPerTable, hasSlot));
+}
+
 void CVMDKGrainDirectory::setGrainInfo(int64 grainIndex, int64 grainPosSectors, int64 slotSizeSectors) {
     const int64 tableIndex = grainIndex / m_entriesPerTable;
     const P<CVMDKGrainTable> table = getGrainTable(tableIndex);

@@ -3,6 +3,9 @@
 #include "grain/TableStreams.h"
 #include "lum/CInvalidArgError.h"
 #include "lum/Logging.h"
+#include "lum/Numbers.h"
+
+#include <algorithm>
 
 namespace tessel {
 
@@ -62,6 +65,18 @@ void CVMDKGrainTable::getGrainInfo(int64 grainIndex, int64& grainPosSectors, int
         slotSizeSectors = 0;
     else
         slotSizeSectors = m_slotSizes.isEmpty() ? m_grainSizeSectors : m_slotSizes[grainIndex];
+}
+
+int64 CVMDKGrainTable::findSlotRun(int64 grainIndex, bool& hasSlot) const {
+    verifyIndex("CVMDKGrainTable::findSlotRun", grainIndex);
+    const uint32* const entries = m_entries.getData();
+    const uint32* const first = entries + grainIndex;
+    const uint32* const end = entries + m_entryCount;
+    hasSlot = *first != 0;
+    // Most tables of a large disk are empty from here to the end, which is seen fastest as memory.
+    if (!hasSlot && isZeroMemory(first, static_cast<std::size_t>(end - first) * sizeof(uint32)))
+        return end - first;
+    return std::find_if(first, end, [&](uint32 entry) { return (entry != 0) != hasSlot; }) - first;
 }
 
 void CVMDKGrainTable::setGrainInfo(int64 grainIndex, int64 grainPosSectors, int64 slotSizeSectors) {

@@ -201,3 +201,33 @@ TEST_F(CVMDKDiskGrainRunTest, GrainOfZerosIsHereOnlyWhereItHasASlot) {
     writeAt(*disk, 5 * grainBytes, zeroBytes(10));
     EXPECT_THAT(runsOf(*disk), ElementsAre(Grains{0, 5, nowhere}, Grains{5, 1, 0}, Grains{6, 122, nowhere}));
 }
+
+TEST_F(CVMDKDiskGrainRunTest, TellsWhetherGrainsAreStoredAlikeDownTheChain) {
+    P<CVMDKDisk> base = create({.compressed = true}, "base.vmdk");
+    writeGrains(*base, {1, 2});
+    base = create({}, "plain.vmdk");
+    writeGrains(*base, {1, 2});
+    base = nullptr;
+    P<CVMDKDisk> child = createChild("child.vmdk", "base.vmdk", {.compressed = true});
+    writeGrains(*child, {0});
+    EXPECT_TRUE(child->findGrainRun(0).isStoredAlike);
+    EXPECT_TRUE(child->findGrainRun(grainBytes).isStoredAlike);
+    child = nullptr;
+    P<CVMDKDisk> other = createChild("other.vmdk", "plain.vmdk", {.compressed = true});
+    writeGrains(*other, {0});
+    EXPECT_TRUE(other->findGrainRun(0).isStoredAlike);
+    EXPECT_FALSE(other->findGrainRun(grainBytes).isStoredAlike);
+    other = nullptr;
+    const P<CVMDKDisk> grandchild = createChild("grandchild.vmdk", "other.vmdk", {.compressed = true});
+    EXPECT_TRUE(grandchild->findGrainRun(0).isStoredAlike);
+    EXPECT_FALSE(grandchild->findGrainRun(grainBytes).isStoredAlike);
+}
+
+TEST_F(CVMDKDiskGrainRunTest, GrainsOfAnExtentThatBeginsWithinOneAreNotStoredAlike) {
+    putExtent("a.vmdk", 2);
+    putExtent("b.vmdk", 2);
+    putSplitDescriptor({"RW 192 SPARSE \"a.vmdk\"", "RW 256 SPARSE \"b.vmdk\""});
+    const P<CVMDKDisk> disk = open();
+    EXPECT_TRUE(disk->findGrainRun(0).isStoredAlike);
+    EXPECT_FALSE(disk->findGrainRun(192 * 512).isStoredAlike);
+}

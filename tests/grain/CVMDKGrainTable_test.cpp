@@ -49,6 +49,31 @@ TEST_F(CVMDKGrainTableTest, EntryOfZeroHasSlotSizeZero) {
     EXPECT_EQ(info(*open(true), 0), (Info{0, 0}));
 }
 
+TEST_F(CVMDKGrainTableTest, FindsRunsOfGrainsWithAndWithoutSlots) {
+    const P<CVMDKGrainTable> table = open(true);
+    bool hasSlot = true;
+    EXPECT_EQ(table->findSlotRun(0, hasSlot), 1);
+    EXPECT_FALSE(hasSlot);
+    EXPECT_EQ(table->findSlotRun(1, hasSlot), 511);
+    EXPECT_TRUE(hasSlot);
+    for (int i = 100; i < entryCount; ++i)
+        table->setGrainInfo(i, 0, 1);
+    table->setGrainInfo(300, 5000, 1);
+    EXPECT_EQ(table->findSlotRun(50, hasSlot), 50);
+    EXPECT_TRUE(hasSlot);
+    EXPECT_EQ(table->findSlotRun(100, hasSlot), 200);
+    EXPECT_FALSE(hasSlot);
+    EXPECT_EQ(table->findSlotRun(300, hasSlot), 1);
+    EXPECT_TRUE(hasSlot);
+    EXPECT_EQ(table->findSlotRun(301, hasSlot), 211);
+    EXPECT_FALSE(hasSlot);
+    EXPECT_EQ(table->findSlotRun(511, hasSlot), 1);
+    EXPECT_FALSE(hasSlot);
+    for (const int64 index : {int64{-1}, int64{512}})
+        EXPECT_LUM_ERROR(table->findSlotRun(index, hasSlot), CInvalidArgError, -1,
+                         "Invalid grain index: " + toDecimal(index), {{"uri", m_uriText}});
+}
+
 TEST_F(CVMDKGrainTableTest, WithoutSlotSizesEverySlotHasTheGrainSize) {
     const P<CVMDKGrainTable> table = open(false);
     EXPECT_EQ(info(*table, 1), (Info{1001, grainSize}));

@@ -187,6 +187,36 @@ TEST_P(CVMDKGrainTest, GrainWithASlotIsLoadedOnceWhateverTheProviderHolds) {
     EXPECT_THAT(m_provider->takeCalls(), IsEmpty());
 }
 
+TEST_P(CVMDKGrainTest, ReadInPlaceReadsNoMoreThanIsAskedForOfAPlainGrain) {
+    const bool isCompressed = GetParam();
+    store(5, patternBytes(grainBytes));
+    m_extent->openGrain(5);
+    m_extent->recorder().takeOperations();
+    grain().seek(700);
+    Bytes bytes(300);
+    grain().readInPlace(bytes.getData(), 300);
+    EXPECT_EQ(bytes, slice(patternBytes(grainBytes), 700, 300));
+    EXPECT_EQ(grain().getPosition(), 1000);
+    const auto operations = m_extent->recorder().takeOperations();
+    ASSERT_FALSE(operations.empty());
+    if (!isCompressed) {
+        const int64 place = m_extent->info(5).posSectors * 512 + 700;
+        EXPECT_THAT(operations, ElementsAre(CRecordingStream::Operation{CRecordingStream::Read, place, 300}));
+    }
+    // A change that was not written yet is read all the same.
+    grain().seek(710);
+    writeHere(Bytes(5));
+    grain().seek(700);
+    grain().readInPlace(bytes.getData(), 300);
+    EXPECT_EQ(bytes, slice(overwritten(patternBytes(grainBytes), 710, Bytes(5)), 700, 300));
+    grain().seek(4000);
+    EXPECT_LUM_ERROR(grain().readInPlace(bytes.getData(), 97), CIOError, 4,
+                     "Unexpected end of data trying to read 97 bytes from VMDK grain.",
+                     {{"uri", m_extent->uriText()}, {"position", "4000"}, {"bytesToRead", "97"}});
+    EXPECT_INVALID_ARG_ERROR(grain().readInPlace(bytes.getData(), -1), "CVMDKGrain::read",
+                             "Invalid number of bytes to read: -1", {{"uri", m_extent->uriText()}});
+}
+
 TEST_P(CVMDKGrainTest, ReadingBeyondTheEndIsRefused) {
     store(5, patternBytes(grainBytes));
     for (const int64 grainIndex : {5, 6}) {

@@ -1,0 +1,116 @@
+#!/usr/bin/env bash
+# However many jobs work on a conversion, the result is the same, and so is what is said of a failure.
+. "$(dirname -- "$0")/lib.sh"
+
+make_image disk.raw
+data 20M 9 >big.raw
+dd if=disk.raw of=big.raw bs=1M seek=7 conv=notrunc status=none
+printf 'an old password\n' >password
+printf 'a new password\n' >other
+
+# A disk's own name and random content ID stand in its descriptor: the names are made the same, the ID is blanked.
+make_alike() {
+    sed -i -e 's/CID=[0-9a-f]\{8\}/CID=00000000/' -- "$1"
+}
+convert_with() {
+    local jobs=$1 target=$2
+    mkdir -p "$jobs"
+    run 0 convert big.raw "$jobs/$target" --quiet --force --jobs "$jobs" "${@:3}"
+    [[ ! -s $err ]] || fail "there should be nothing on standard error"
+}
+
+# Level 2 is an engine whose output depends on nothing but the bytes.
+for kind in "" "--compressed --level 2" "--compressed --level 6" "--compressed --level 0"; do
+    read -ra options <<<"$kind"
+    for jobs in 1 2 7; do
+        convert_with $jobs disk.vmdk "${options[@]}"
+        make_alike $jobs/disk.vmdk
+    done
+    same 1/disk.vmdk 2/disk.vmdk
+    same 1/disk.vmdk 7/disk.vmdk
+done
+for jobs in 1 2 7; do
+    convert_with $jobs split.vmdk --split=6M
+    make_alike $jobs/split.vmdk
+done
+for file in 1/split*.vmdk; do
+    same "$file" "2/${file#1/}"
+    same "$file" "7/${file#1/}"
+done
+
+# Back again, by each number of jobs, and from disk to disk: compressed, encrypted, of another kind.
+ok convert big.raw plain.vmdk --quiet
+ok convert big.raw packed.vmdk --quiet --compressed
+ok convert big.raw locked.vmdk --quiet --compressed --password-file password
+for jobs in 1 2 7 64; do
+    for source in plain packed locked; do
+        ok convert $source.vmdk back.raw --force --jobs $jobs --open-password-file password
+        same big.raw back.raw
+        run 0 convert $source.vmdk copy.vmdk --compressed --force --jobs $jobs --password-file other \
+            --open-password-file password
+        ok convert copy.vmdk back.raw --force --jobs $jobs --open-password-file other
+        same big.raw back.raw
+        run 0 convert $source.vmdk copy.vmdk --compressed --level 3 --force --jobs $jobs \
+            --open-password-file password
+        ok convert copy.vmdk back.raw --force --jobs $jobs
+        same big.raw back.raw
+    done
+    ok convert packed.vmdk - --jobs $jobs
+    same big.raw "$out"
+    run 0 convert - piped.vmdk --size 20M --compressed --force --quiet --jobs $jobs <big.raw
+    ok convert piped.vmdk back.raw --force
+    same big.raw back.raw
+done
+
+# Of several failures the first in the copy is told, and nothing is left.
+ok convert big.raw broken.vmdk --quiet --compressed
+size=$(size_of broken.vmdk)
+# Behind the first 7 MiB, which do not compress, and so behind where a file of 3000 KiB is full.
+for at in $((size / 2)) $((size / 2 + 1000000)) $((size - 500000)); do
+    put broken.vmdk $at 3000 7
+done
+rm -rf 1 2 7
+before=$(find . | sort)
+run 1 convert broken.vmdk new.raw --jobs 1
+error_is_one_line
+error_holds 'tessel: broken.vmdk: '
+cp "$err" told
+before="$before
+./told"
+for jobs in 1 2 7; do
+    for attempt in 1 2 3; do
+        run 1 convert broken.vmdk new.raw --jobs $jobs
+        same told "$err"
+        run 1 convert broken.vmdk new.vmdk --compressed --level 1 --jobs $jobs
+        same told "$err"
+        code=0
+        (ulimit -f 3000; exec "$TESSEL_PROGRAM" convert broken.vmdk new.raw --jobs $jobs) 2>"$err" || code=$?
+        ((code == 1)) || fail "the exit code is $code, not 1"
+        error_is_one_line
+        error_holds 'File too large'
+    done
+done
+[[ $(find . | sort) == "$(sort <<<"$before")" ]] || fail "other files than before are there"
+
+# A target that fails ends the program, though the source has nothing to say for a long time.
+mkfifo pipe
+(ulimit -f 1000; exec "$TESSEL_PROGRAM" convert - new.raw --to raw --size 64M --jobs 4) <pipe 2>"$err" &
+child=$!
+exec 3>pipe
+head -c 20000000 big.raw >&3 || true
+for ((i = 0; i < 500; i++)); do
+    kill -0 $child 2>/dev/null || break
+    sleep 0.02
+done
+code=0
+last="convert from a pipe that stays open, with files limited to 1000 KiB"
+kill -0 $child 2>/dev/null && fail "the program still waits for input"
+wait $child || code=$?
+exec 3>&-
+((code == 1)) || fail "the exit code is $code, not 1"
+error_is_one_line
+error_holds 'File too large'
+
+# How many jobs there may be.
+refused 2 "convert: --jobs: Value 0 not in range 1 to 64 (see tessel convert --help)" convert big.raw new.vmdk --jobs 0
+refused 2 "convert: --jobs: Value 65 not in range 1 to 64 (see tessel convert --help)" convert big.raw new.vmdk --jobs 65
