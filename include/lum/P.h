@@ -40,6 +40,7 @@ public:
             m_object->release();
     }
 
+    // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): the copy holds what this lets go of
     P& operator=(const P& other) noexcept {
         P(other).swap(*this);
         return *this;

@@ -58,6 +58,8 @@ public:
               const String& password, int compressionLevel, CVMDKGrainTableCache* grainTableCache,
               CVMDKDisk* parentDisk);
     ~CVMDKDisk() override;
+    CVMDKDisk(const CVMDKDisk&) = delete;
+    CVMDKDisk& operator=(const CVMDKDisk&) = delete;
 
     /// Makes a new, empty disk and opens it for reading and writing; an older one of the same name is
     /// replaced. `sizeBytes` is rounded up to whole grains of 64 KiB, at least 8 MiB. `password` empty: not
@@ -170,9 +172,6 @@ protected:
 
 private:
     friend class CVMDKParentDiskDataProvider;
-
-    CVMDKDisk(const CVMDKDisk&) = delete;
-    CVMDKDisk& operator=(const CVMDKDisk&) = delete;
 
     /// `children`: the main files of the disks that this one is a parent of, nearest last.
     CVMDKDisk(IFileSystem* fileSystem, const CURI& mainFileURI, IIOStream::Access access,

@@ -26,6 +26,8 @@ public:
                const TCryptBuffer<unsigned char>& key, const TBuffer<unsigned char>& baseIV);
     /// Closes; a failure goes to onExceptionInDestructorIgnored.
     ~CVMDKGrain() override;
+    CVMDKGrain(const CVMDKGrain&) = delete;
+    CVMDKGrain& operator=(const CVMDKGrain&) = delete;
 
     /// A new preparer for grains of this size and kind.
     P<CVMDKDataPreparer> createDataPreparer() const;
@@ -98,9 +100,6 @@ public:
     int64 makeIndependentOfParent();
 
 private:
-    CVMDKGrain(const CVMDKGrain&) = delete;
-    CVMDKGrain& operator=(const CVMDKGrain&) = delete;
-
     bool hasSlot() const noexcept { return m_grainPosSectors > 0; }
     bool isLoaded() const noexcept { return !m_data->isEmpty(); }
     int64 diskBytePosition() const noexcept { return m_diskGrainIndex * m_grainSizeBytes; }

@@ -19,6 +19,8 @@ public:
                         const TBuffer<unsigned char>& expectedTrailData, int64 metadataEndSectors = 0);
     /// Flushes; a failure goes to onExceptionInDestructorIgnored.
     ~CVMDKGrainAllocator() override;
+    CVMDKGrainAllocator(const CVMDKGrainAllocator&) = delete;
+    CVMDKGrainAllocator& operator=(const CVMDKGrainAllocator&) = delete;
 
     /// Writes the slot, zeros up to its whole size, then sets the directory's entry: a failure leaves
     /// the grain as it was.
@@ -44,9 +46,6 @@ public:
     void flushChangesToStream() override;
 
 private:
-    CVMDKGrainAllocator(const CVMDKGrainAllocator&) = delete;
-    CVMDKGrainAllocator& operator=(const CVMDKGrainAllocator&) = delete;
-
     int64 allocNewGrainImpl(int64 grainIndex, const void* data, int64 dataSize,
                             const TConstBufferSlice<unsigned char>* slice, int slotSizeSectors);
     bool fileEndsWith(const TBuffer<unsigned char>& trail, int64 size);

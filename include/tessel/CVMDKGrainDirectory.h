@@ -27,6 +27,8 @@ public:
     /// Writes the changed tables and takes all out of the cache. Failures go to
     /// onExceptionInDestructorIgnored.
     ~CVMDKGrainDirectory() override;
+    CVMDKGrainDirectory(const CVMDKGrainDirectory&) = delete;
+    CVMDKGrainDirectory& operator=(const CVMDKGrainDirectory&) = delete;
 
     /// Grains, and grain tables, of an extent.
     static int64 calcExtentGrainCount(int64 capacitySectors, int64 grainSizeSectors);
@@ -71,9 +73,6 @@ public:
     void flushChangesInOrder();
 
 private:
-    CVMDKGrainDirectory(const CVMDKGrainDirectory&) = delete;
-    CVMDKGrainDirectory& operator=(const CVMDKGrainDirectory&) = delete;
-
     void verifyNumbers() const;
     void findSlotSizeDirectory(int64 overheadSectors);
     void readDirectory(int64 posSectors, TBuffer<uint32>& directory);

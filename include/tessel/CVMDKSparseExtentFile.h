@@ -29,6 +29,8 @@ public:
                           const TCryptBuffer<unsigned char>& key, const TBuffer<unsigned char>& iv);
     /// Flushes; a failure goes to onExceptionInDestructorIgnored.
     ~CVMDKSparseExtentFile() override;
+    CVMDKSparseExtentFile(const CVMDKSparseExtentFile&) = delete;
+    CVMDKSparseExtentFile& operator=(const CVMDKSparseExtentFile&) = delete;
 
     P<IIOStream> getStream() const { return m_stream; }
     const CVMDKSparseExtentHeader& getHeader() const noexcept { return *m_header; }
@@ -75,9 +77,6 @@ protected:
     void verifyHaveWriteAccess();
 
 private:
-    CVMDKSparseExtentFile(const CVMDKSparseExtentFile&) = delete;
-    CVMDKSparseExtentFile& operator=(const CVMDKSparseExtentFile&) = delete;
-
     CProps uriProps() const;
     void verifyEncryption() const;
     void verifyKey() const;

@@ -265,7 +265,7 @@ UVMDKGrainRun CVMDKDisk::findGrainRun(int64 position) {
 
 P<CVMDKSpaceInfo> CVMDKDisk::gatherSpaceInfo() {
     const int64 oldPosition = m_position;
-    const P<CVMDKSpaceInfo> total(new CVMDKSpaceInfo);
+    P<CVMDKSpaceInfo> total(new CVMDKSpaceInfo);
     seek(0);
     while (m_position < m_sizeBytes) {
         P<IVMDKExtentFile> extent;

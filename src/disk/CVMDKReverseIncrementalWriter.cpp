@@ -5,7 +5,7 @@ namespace tessel {
 CVMDKReverseIncrementalWriter::CVMDKReverseIncrementalWriter() = default;
 
 CVMDKReverseIncrementalWriter::CVMDKReverseIncrementalWriter(const CVMDKReverseIncrementalWriter& other)
-    : CBase(),
+    : CBase(other),
       firstPath(other.firstPath),
       secondPath(other.secondPath),
       disk(other.disk),

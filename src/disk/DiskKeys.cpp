@@ -121,7 +121,7 @@ TBuffer<unsigned char> addDiskKeys(CVMDKDescriptor& descriptor, const String& pa
     cipher->encrypt(dataKey.getData(), keySize, keyEncryptionKey, iv, wrappedKey, false);
     descriptor.setLumEncryptedEncryptionKey(wrappedKey);
     descriptor.setLumEncryptionKeyHashAlgorithm(keyHashName);
-    const TBuffer<unsigned char> keyHash = calcKeyHash(dataKey);
+    TBuffer<unsigned char> keyHash = calcKeyHash(dataKey);
     descriptor.setLumEncryptionKeyHash(keyHash);
     return keyHash;
 }

@@ -52,7 +52,8 @@ void initHeader(CVMDKSparseExtentHeader& header, const UExtentPlan& plan) {
         flags |= Header::Flag_Compressed | Header::Flag_MetaMarkers;
     header.setVersion(plan.compressed ? 3 : 1);
     header.setFlags(flags);
-    header.setCapacitySectors(static_cast<unsigned long long>(plan.grainCount * plan.grainSizeSectors));
+    const int64 capacitySectors = plan.grainCount * plan.grainSizeSectors;
+    header.setCapacitySectors(static_cast<unsigned long long>(capacitySectors));
     header.setGrainSizeSectors(static_cast<unsigned long long>(plan.grainSizeSectors));
     header.setGrainTableEntryCount(static_cast<unsigned int>(vmdkGrainTableEntryCount));
     header.setCompressAlgorithm(plan.compressed ? 1 : 0);

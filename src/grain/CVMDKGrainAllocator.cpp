@@ -43,7 +43,7 @@ CVMDKGrainAllocator::CVMDKGrainAllocator(IIOStream* stream, IIOStream::Access ac
 
 CVMDKGrainAllocator::~CVMDKGrainAllocator() {
     try {
-        flushChangesToStream();
+        CVMDKGrainAllocator::flushChangesToStream();
     } catch (const std::exception& error) {
         onExceptionInDestructorIgnored("tessel::CVMDKGrainAllocator", error, true);
     }

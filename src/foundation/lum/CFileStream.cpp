@@ -13,7 +13,7 @@ CFileStream::CFileStream(COpenFile* file, Access access)
 
 CFileStream::~CFileStream() {
     try {
-        close();
+        CFileStream::close();
     } catch (const std::exception& error) {
         onExceptionInDestructorIgnored("lum::CFileStream", error, true);
     }
