@@ -193,6 +193,32 @@ TEST_F(CVMDKDiskPreparedGrainsTest, RecordsThatAreNoneChangeNothing) {
     }
 }
 
+TEST_F(CVMDKDiskPreparedGrainsTest, RefusedDataOfAFreshDiskLeaveItsFilesAsTheyAre) {
+    for (const bool compressed : {false, true}) {
+        create({.compressed = compressed, .limit = compressed ? 11 * MiB : 3 * MiB, .onDemand = true});
+        const std::vector<std::string> names = listFiles();
+        const String descriptor = descriptorText();
+        {
+            const P<CVMDKDisk> disk = open();
+            const unsigned int contentID = disk->getDescriptor()->getContentID();
+            for (const int64 grain :
+                 {int64{0}, int64{100}}) // of an extent that is there, and one that is not
+                for (const int64 size : {int64{0}, int64{11}, 3 * grainBytes}) {
+                    disk->seek(grain * grainBytes);
+                    EXPECT_THROW(disk->writePreparedGrainData(TBuffer<unsigned char>(size)),
+                                 CInvalidArgError);
+                    EXPECT_EQ(disk->getPosition(), grain * grainBytes);
+                }
+            EXPECT_EQ(disk->getDescriptor()->getContentID(), contentID);
+        }
+        EXPECT_EQ(descriptorText(), descriptor);
+        EXPECT_EQ(listFiles(), names);
+        const P<CVMDKDisk> readOnly = openForReading();
+        EXPECT_LUM_ERROR(readOnly->writePreparedGrainData(TBuffer<unsigned char>(11)), CError, -1,
+                         notForWriting);
+    }
+}
+
 // --- What comes through ---
 
 INSTANTIATE_TEST_SUITE_P(All, CVMDKDiskPreparedGrainsByKindTest, ::testing::ValuesIn(kinds),
