@@ -77,6 +77,23 @@ TEST(ErrorMatchers, RefuseAnotherSourceOrClass) {
     EXPECT_FALSE(throwsInvalidArgError(throwNothing, "CThing::do", "Invalid thing", props));
 }
 
+TEST(ErrorMatchers, RefuseASecondTextThatNobodySpokeOf) {
+    const CError error("Failed", "because", -1, CProps().add("uri", "file:/a"));
+    EXPECT_EQ(messageOf(matchesError(error, typeid(CError), -1, "Failed", {{"uri", "file:/a"}})),
+              "second text is \"because\", expected none; message: \"Failed\"");
+    const auto throwWithText = [&] { throw CFileSystemError(CFileSystemError::Problem_Locked, error); };
+    EXPECT_FALSE(throwsFileSystemError(throwWithText, CFileSystemError::Problem_Locked, "Failed",
+                                       {{"uri", "file:/a"}}));
+}
+
+TEST(ErrorMatchers, RefuseAFileSystemErrorWithACode) {
+    const CError error("In use", String(), 7, CProps().add("uri", "file:/a"));
+    const auto throwWithCode = [&] { throw CFileSystemError(CFileSystemError::Problem_Locked, error); };
+    EXPECT_EQ(messageOf(throwsFileSystemError(throwWithCode, CFileSystemError::Problem_Locked, "In use",
+                                              {{"uri", "file:/a"}})),
+              "code is 7, expected -1; message: \"In use\"");
+}
+
 TEST(ErrorMatchers, TellWhatWasThrownInstead) {
     EXPECT_EQ(messageOf(throwsError(throwNothing, typeid(CError), -1, "x")), "threw nothing");
     EXPECT_EQ(messageOf(throwsError(throwForeign, typeid(CError), -1, "x")),
