@@ -49,14 +49,15 @@ AssertionResult matchesCode(const CError& error, int code) {
     return AssertionSuccess();
 }
 
-AssertionResult matchesMessageAndProps(const CError& error, const String& message, ExpectedProps props) {
+AssertionResult matchesMessageAndProps(const CError& error, const String& message, ExpectedProps props,
+                                       const String& secondText = String()) {
     if (error.getMessage() != message)
         return AssertionFailure() << "message is \"" << error.getMessage().toUTF8Lossy() << "\", expected \""
                                   << message.toUTF8Lossy() << "\"";
-    if (!error.getSecondText().isEmpty())
+    if (error.getSecondText() != secondText)
         return AssertionFailure() << "second text is \"" << error.getSecondText().toUTF8Lossy()
-                                  << "\", expected none; message: \"" << error.getMessage().toUTF8Lossy()
-                                  << "\"";
+                                  << "\", expected \"" << secondText.toUTF8Lossy() << "\"; message: \""
+                                  << error.getMessage().toUTF8Lossy() << "\"";
     const auto& entries = error.getProps().getEntries();
     if (!std::equal(entries.begin(), entries.end(), props.begin(), props.end()))
         return AssertionFailure() << "parameters are " << describeProps(entries) << ", expected "
@@ -96,6 +97,19 @@ AssertionResult throwsError(const std::function<void()>& action, const std::type
     if (!outcome.error)
         return AssertionFailure() << outcome.other;
     return matchesError(*outcome.error, type, code, message, props);
+}
+
+AssertionResult throwsErrorWithSecondText(const std::function<void()>& action, const std::type_info& type,
+                                          int code, const String& message, const String& secondText,
+                                          ExpectedProps props) {
+    const Outcome outcome = run(action);
+    if (!outcome.error)
+        return AssertionFailure() << outcome.other;
+    if (AssertionResult result = matchesType(*outcome.error, type); !result)
+        return result;
+    if (AssertionResult result = matchesCode(*outcome.error, code); !result)
+        return result;
+    return matchesMessageAndProps(*outcome.error, message, props, secondText);
 }
 
 AssertionResult throwsFileSystemError(const std::function<void()>& action, CFileSystemError::Problem problem,

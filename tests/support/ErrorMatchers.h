@@ -24,6 +24,11 @@
     EXPECT_TRUE(::tessel::test::throwsError([&] { statement; }, typeid(Class), code,                         \
                                             message __VA_OPT__(, ) __VA_ARGS__))
 
+/// The same for one of the few errors that have a second text, which stands behind the message.
+#define EXPECT_LUM_ERROR_WITH_SECOND_TEXT(statement, Class, code, message, secondText, ...)                  \
+    EXPECT_TRUE(::tessel::test::throwsErrorWithSecondText([&] { statement; }, typeid(Class), code, message,  \
+                                                          secondText __VA_OPT__(, ) __VA_ARGS__))
+
 /// The same for a CFileSystemError, which is told by its problem: the code is -1.
 #define EXPECT_FILE_SYSTEM_ERROR(statement, problem, message, ...)                                           \
     EXPECT_TRUE(::tessel::test::throwsFileSystemError([&] { statement; }, problem,                           \
@@ -48,6 +53,10 @@ std::unique_ptr<lum::CError> catchError(const std::function<void()>& action);
 
 ::testing::AssertionResult throwsError(const std::function<void()>& action, const std::type_info& type,
                                        int code, const lum::String& message, ExpectedProps props = {});
+::testing::AssertionResult throwsErrorWithSecondText(const std::function<void()>& action,
+                                                     const std::type_info& type, int code,
+                                                     const lum::String& message,
+                                                     const lum::String& secondText, ExpectedProps props = {});
 ::testing::AssertionResult throwsFileSystemError(const std::function<void()>& action,
                                                  lum::CFileSystemError::Problem problem,
                                                  const lum::String& message, ExpectedProps props = {});

@@ -80,10 +80,23 @@ TEST(ErrorMatchers, RefuseAnotherSourceOrClass) {
 TEST(ErrorMatchers, RefuseASecondTextThatNobodySpokeOf) {
     const CError error("Failed", "because", -1, CProps().add("uri", "file:/a"));
     EXPECT_EQ(messageOf(matchesError(error, typeid(CError), -1, "Failed", {{"uri", "file:/a"}})),
-              "second text is \"because\", expected none; message: \"Failed\"");
+              "second text is \"because\", expected \"\"; message: \"Failed\"");
     const auto throwWithText = [&] { throw CFileSystemError(CFileSystemError::Problem_Locked, error); };
     EXPECT_FALSE(throwsFileSystemError(throwWithText, CFileSystemError::Problem_Locked, "Failed",
                                        {{"uri", "file:/a"}}));
+}
+
+TEST(ErrorMatchers, AcceptTheSecondTextThatIsNamedAndNoOther) {
+    const CError error("Failed", "because", -1, CProps().add("uri", "file:/a"));
+    const auto action = [&] { throw error; };
+    EXPECT_LUM_ERROR_WITH_SECOND_TEXT(action(), CError, -1, "Failed", "because", {{"uri", "file:/a"}});
+    const ExpectedProps props = {{"uri", "file:/a"}};
+    EXPECT_FALSE(throwsErrorWithSecondText(action, typeid(CError), -1, "Failed", "", props));
+    EXPECT_FALSE(throwsErrorWithSecondText(action, typeid(CError), -1, "Passed", "because", props));
+    EXPECT_FALSE(throwsErrorWithSecondText(action, typeid(CError), 4, "Failed", "because", props));
+    EXPECT_FALSE(throwsErrorWithSecondText(action, typeid(CIOError), -1, "Failed", "because", props));
+    EXPECT_FALSE(throwsErrorWithSecondText(action, typeid(CError), -1, "Failed", "because"));
+    EXPECT_FALSE(throwsErrorWithSecondText(throwNothing, typeid(CError), -1, "Failed", "because", props));
 }
 
 TEST(ErrorMatchers, RefuseAFileSystemErrorWithACode) {
