@@ -48,7 +48,7 @@ TEST_F(NativePaths, CannotTellAFolderThatIsGone) {
     std::filesystem::remove_all(m_folder);
     EXPECT_LUM_ERROR_WITH_SECOND_TEXT(getCurrentWorkDirectoryAsString(), CFileSystemError, -1,
                                       "The current folder cannot be told", "No such file or directory");
-    const auto error = catchError([] { getCurrentWorkDirectoryAsString(); });
+    const auto error = tessel::test::catchError([] { getCurrentWorkDirectoryAsString(); });
     ASSERT_TRUE(error);
     EXPECT_EQ(dynamic_cast<const CFileSystemError&>(*error).getProblem(), CFileSystemError::Problem_NotFound);
 }
