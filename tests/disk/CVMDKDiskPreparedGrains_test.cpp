@@ -133,9 +133,16 @@ TEST_F(CVMDKDiskPreparedGrainsTest, WriteNeedsWriteAccessButLooksAtSizeAndBounda
     const P<CVMDKDisk> disk = openForReading();
     EXPECT_LUM_ERROR(disk->writePreparedGrainData(m_grain), CError, -1, notForWriting);
     disk->seek(1);
-    EXPECT_THROW(disk->writePreparedGrainData(m_grain), CIOError);
+    EXPECT_LUM_ERROR(disk->writePreparedGrainData(m_grain), CIOError, 11,
+                     "Prepared grain write in VMDK disk can only be done on a grain boundary.",
+                     {{"mainFileURI", path("disk.vmdk")}, {"position", "1"}, {"grainSize", "65536"}});
     disk->seek(8 * MiB);
-    EXPECT_THROW(disk->writePreparedGrainData(m_grain), CIOError);
+    EXPECT_LUM_ERROR(disk->writePreparedGrainData(m_grain), CIOError, 3,
+                     "Prepared grain write exceeds VMDK disk size.",
+                     {{"mainFileURI", path("disk.vmdk")},
+                      {"position", "8388608"},
+                      {"grainSize", "65536"},
+                      {"diskSize", "8388608"}});
 }
 
 TEST_F(CVMDKDiskPreparedGrainsTest, GrainThatCrossesAnExtentsEndIsRefused) {
