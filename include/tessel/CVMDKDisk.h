@@ -114,10 +114,11 @@ public:
     /// Throws: CIOError 7 ("mainFileURI", "diskSize") outside 0 to the size, both included.
     void seek(int64 position);
     /// Reads exactly `size` bytes. Throws: CIOError 4 ("mainFileURI", "position", "bytesToRead") past the
-    /// end; what extents throw, the position then telling how far it came.
+    /// end; what extents throw, the position then telling how far it came: to the start or to where the
+    /// extent that failed begins.
     void read(void* buffer, int size);
     /// Throws: CIOError 3 ("mainFileURI", "position", "bytesToWrite") past the end; CError without write
-    /// access; what extents throw, the position then telling how far it came.
+    /// access; what extents throw, the position as after read().
     void write(const void* buffer, int size);
 
     // Whole grains in prepared form, at a grain's start; the position moves to the next grain.

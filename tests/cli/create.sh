@@ -48,6 +48,39 @@ refused 1 'none.vmdk: No such file' create x.vmdk --parent none.vmdk
 refused 1 'full.raw: This is no VMDK disk: it begins with neither a sparse extent nor a descriptor' \
     create x.vmdk --parent full.raw
 
+# What a child cannot have of its parent is told: an end within a grain, and grains of another size.
+truncate -s $((10 * 1048576 + 512)) odd.raw
+for kind in monolithicSparse twoGbMaxExtentSparse; do
+    rm -f odd*.vmdk
+    qemu-img convert -f raw -O vmdk -o subformat=$kind odd.raw odd.vmdk
+    run 0 create oddchild.vmdk --parent odd.vmdk --force
+    error_is 'tessel: note: oddchild.vmdk: The size was rounded up from 10486272 to 10551296 bytes'
+    is_empty oddchild.vmdk 10551296 $kind 1
+done
+python3 - <<'END'
+# Grains of 64 sectors, one of which is stored: header, descriptor, directory, table, grain.
+import struct
+text = b"""# Disk DescriptorFile
+version=1
+CID=12345678
+parentCID=ffffffff
+createType="monolithicSparse"
+RW 20480 SPARSE "small.vmdk"
+"""
+header = struct.pack("<4sIIQQQQIQQQ?4sH", b"KDMV", 1, 1, 20480, 64, 1, 20, 512, 0, 21, 64, False, b"\n \r\n", 0)
+table = [0] * 512
+table[7] = 64
+with open("small.vmdk", "wb") as file:
+    for sector, data in ((0, header), (1, text), (21, struct.pack("<I", 22)), (22, struct.pack("<512I", *table)),
+                         (64, b"x" * 32768)):
+        file.seek(sector * 512)
+        file.write(data)
+END
+run 0 create smallchild.vmdk --parent small.vmdk
+error_is "tessel: note: smallchild.vmdk: Its grains have 65536 bytes, as all disks made here; the parent's have 32768"
+ok read smallchild.vmdk $((7 * 32768)) 32768
+same <(head -c 32768 /dev/zero | tr '\0' x) "$out"
+
 # Two disks of a name, one after the other, have different content IDs.
 ok info plain.vmdk --json
 before=$(json 'd["contentID"]')

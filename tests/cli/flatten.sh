@@ -49,7 +49,7 @@ for kind in monolithicSparse twoGbMaxExtentSparse; do
     rm -f ./*.vmdk
     qemu-img convert -f raw -O vmdk -o subformat=$kind odd.raw odd.vmdk
     run 0 create child.vmdk --parent odd.vmdk
-    error_is "tessel: note: child.vmdk: The size was rounded up from 8000000 to 8388608 bytes"
+    error_is 'tessel: note: child.vmdk: The size was rounded up from 8000000 to 8388608 bytes'
     check child.vmdk odd.raw
     ok flatten child.vmdk
     rm odd*.vmdk
@@ -63,6 +63,19 @@ ok rebase child.vmdk plain.vmdk --unsafe
 ok flatten child.vmdk
 rm plain.vmdk packed.vmdk
 check child.vmdk base.raw
+
+# A parent that has changed since is not taken over, whichever of them it is; the child stays as it is.
+for changed in base middle; do
+    rm -f ./*.vmdk
+    ok convert base.raw base.vmdk --quiet
+    run 0 convert middle.raw middle.vmdk --parent base.vmdk --quiet
+    ok create top.vmdk --parent middle.vmdk
+    cp top.vmdk before.vmdk
+    printf changed | ok write $changed.vmdk 0
+    refused 1 "$PWD/$changed.vmdk: This disk has changed since a child was made from it" flatten top.vmdk
+    same before.vmdk top.vmdk
+done
+rm -f ./*.vmdk
 
 # Ended by a full medium, and by the user: still a child with the same bytes, and the rest can be done later.
 data 40M 5 >big.raw

@@ -63,6 +63,16 @@ error_is 'tessel: warning: plain.vmdk: The parent is encrypted and this disk is 
 ok convert plain.vmdk back.raw --size $image_size --force --password-file pw
 same disk.raw back.raw
 refused 1 'plain.vmdk: VMDK is encrypted but no password provided (file: '"$PWD"'/secret.vmdk)' convert plain.vmdk x.raw
+# Who writes to a disk in the clear is told of the parent whose data come along.
+printf changed >change
+run 0 write plain.vmdk 3M --password-file pw <change
+error_is 'tessel: warning: plain.vmdk: A parent is encrypted and this disk is not: what it stores, the rest of each grain included, can be read by everybody'
+ok write child.vmdk 3M --password-file pw <change
+dd if=change of=disk.raw bs=64K oflag=seek_bytes seek=3M conv=notrunc status=none
+for disk in plain child; do
+    ok convert $disk.vmdk back.raw --size $image_size --force --password-file pw
+    same disk.raw back.raw
+done
 refused 1 'x.vmdk: A child needs the password of its parents' \
     create x.vmdk --parent secret.vmdk --open-password-file pw --password-file pw-wrong
 run 0 flatten plain.vmdk --password-file pw
@@ -70,6 +80,33 @@ error_is 'tessel: warning: plain.vmdk: A parent is encrypted and this disk is no
 ok convert plain.vmdk back.raw --size $image_size --force
 same disk.raw back.raw
 [[ ! -e x.vmdk && ! -e x.raw && -z $(find . -name 'tessel-tmp-*' -o -name '*.lock') ]] || fail "something was left"
+
+# The password serves rebase, space and flatten as well.
+ok space secret.vmdk --json --password-file pw
+json_is 'd["sizeBytes"], d["totalInFileBytes"]' "(9502720, $(size_of secret.vmdk))"
+payload=$(json 'd["payloadBytes"]')
+[[ $payload -gt 0 ]] || fail "the disk should store something"
+mkdir moved
+mv secret.vmdk moved/
+refused 1 "child.vmdk: Cannot open file: No such file or directory (file: $PWD/secret.vmdk)" \
+    convert child.vmdk x.raw --password-file pw
+refused 1 'child.vmdk: VMDK is encrypted but no password provided' rebase child.vmdk moved/secret.vmdk
+refused 1 'child.vmdk: Specified VMDK encryption password is not correct.' \
+    rebase child.vmdk moved/secret.vmdk --password-file pw-wrong
+ok rebase child.vmdk moved/secret.vmdk --password-file pw
+ok convert child.vmdk back.raw --size $image_size --force --password-file pw
+same disk.raw back.raw
+ok flatten child.vmdk --password-file pw
+mv moved/secret.vmdk .
+ok info child.vmdk --json
+json_is 'd["parent"], d["encrypted"]' '(None, True)'
+ok space child.vmdk --json --password-file pw
+json_is 'd["payloadBytes"]' $((payload + 65536)) # the grain that was written is one that was a hole
+mv secret.vmdk away.vmdk
+ok convert child.vmdk back.raw --size $image_size --force --password-file pw
+same disk.raw back.raw
+! grep -qaF 98765 child.vmdk || fail "the data are in the clear"
+mv away.vmdk secret.vmdk
 
 # A password file may be a pipe.
 ok read secret.vmdk 0 1000 --password-file <(echo 'correct horse')

@@ -65,6 +65,22 @@ ok rebase child.vmdk base.vmdk --unsafe
 ok read child.vmdk 0 7
 same change "$out"
 
+# A disk that is not encrypted takes an encrypted parent with a warning, also one that is so further back.
+echo secret >pw
+ok convert one.raw secret.vmdk --quiet --password-file pw
+ok create between.vmdk --parent secret.vmdk --password-file pw
+ok create open.vmdk --parent base.vmdk
+for parent in secret.vmdk between.vmdk; do
+    run 0 rebase open.vmdk $parent --unsafe --password-file pw
+    error_is 'tessel: warning: open.vmdk: The new parent is encrypted and this disk is not: what it stores can be read by everybody'
+    ok convert open.vmdk back.raw --size $image_size --force --password-file pw
+    same one.raw back.raw
+done
+refused 1 "between.vmdk: VMDK is encrypted but no password provided" rebase open.vmdk between.vmdk --unsafe
+ok create hidden.vmdk --parent secret.vmdk --password-file pw
+ok rebase hidden.vmdk between.vmdk --unsafe --password-file pw
+ok rebase open.vmdk base.vmdk --unsafe --password-file pw
+
 # Not a child; itself; a loop; files that are not there.
 refused 1 'base.vmdk: This disk has no parent that could be replaced (--unsafe gives it one)' \
     rebase base.vmdk 'a b/ö/other.vmdk'

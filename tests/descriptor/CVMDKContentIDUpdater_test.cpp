@@ -1,5 +1,6 @@
 #include "tessel/CVMDKContentIDUpdater.h"
 
+#include "CEventFileSystem.h"
 #include "CFaultFileSystem.h"
 #include "CRecordingFileSystem.h"
 #include "DescriptorText.h"
@@ -36,12 +37,29 @@ protected:
         openExtent(mainURI);
     }
 
+    /// The second extent of a disk whose descriptor is in its first.
+    void openSecondExtent() {
+        createExtent(mainURI, parseDescriptor("version=1\nCID=12345678\n").get());
+        createExtent(extentURI, nullptr);
+        openExtent(extentURI);
+    }
+
     /// A disk whose descriptor has a file of its own, with room for the line that says its encoding.
     void openSplitDisk() {
         createExtent(extentURI, nullptr);
         const P<IIOStream> stream = m_memory->openFile(mainURI, IIOStream::Access_ReadWrite);
         parseDescriptor("version=1\nCID=12345678\n")->store(*stream, 512, Bytes(512));
         openExtent(extentURI);
+    }
+
+    void openExtent(const CURI& uri) {
+        const CURI oddlyWritten(String("memory:/vm/../vm/./disk.vmdk"));
+        m_updater = new CVMDKContentIDUpdater(m_files.get(), oddlyWritten, m_descriptor.get());
+        m_extent = new CVMDKSparseExtentFile(
+            openVMDKFileStream(m_files.get(), uri, IIOStream::Access_ReadWrite).get(),
+            IIOStream::Access_ReadWrite, 0, -1, P<CVMDKGrainTableCache>(new CVMDKGrainTableCache).get(),
+            nullptr, m_updater.get(), nullptr, TCryptBuffer<unsigned char>(), Bytes());
+        m_files->takeOpenings();
     }
 
     void write(char c) {
@@ -79,16 +97,6 @@ private:
         createEmptyVMDKSparseExtentFile(m_memory.get(), uri, false, 4, 128, Bytes(2048), descriptor,
                                         areaSectors, Bytes());
     }
-
-    void openExtent(const CURI& uri) {
-        const CURI oddlyWritten(String("memory:/vm/../vm/./disk.vmdk"));
-        m_updater = new CVMDKContentIDUpdater(m_files.get(), oddlyWritten, m_descriptor.get());
-        m_extent = new CVMDKSparseExtentFile(
-            openVMDKFileStream(m_files.get(), uri, IIOStream::Access_ReadWrite).get(),
-            IIOStream::Access_ReadWrite, 0, -1, P<CVMDKGrainTableCache>(new CVMDKGrainTableCache).get(),
-            nullptr, m_updater.get(), nullptr, TCryptBuffer<unsigned char>(), Bytes());
-        m_files->takeOpenings();
-    }
 };
 
 /// How often the descriptor's area of a single-file disk was written.
@@ -113,6 +121,42 @@ TEST_F(CVMDKContentIDUpdaterTest, EmbeddedDescriptorIsWrittenThroughTheExtentsOw
     write('x');
     m_extent->flushChanges();
     EXPECT_THAT(m_files->takeOpenings(), IsEmpty());
+    expectNewID();
+}
+
+TEST_F(CVMDKContentIDUpdaterTest, ExtentIsTheMainFileHoweverItsNameIsWritten) {
+    openSingleFileDisk();
+    openExtent(CURI(String("memory:/vm/sub/.././disk.vmdk")));
+    write('x');
+    m_extent->flushChanges();
+    EXPECT_THAT(m_files->takeOpenings(), IsEmpty());
+    expectNewID();
+}
+
+TEST_F(CVMDKContentIDUpdaterTest, DescriptorInTheFirstExtentIsChangedForTheSecond) {
+    openSecondExtent();
+    write('x');
+    EXPECT_THAT(m_files->takeOpenings(), ElementsAre(Opening{mainURI, IIOStream::Access_ReadWrite}));
+    expectNewID();
+    const unsigned int id = idInMemory();
+    write('y');
+    m_extent->flushChanges();
+    EXPECT_THAT(m_files->takeOpenings(), IsEmpty());
+    EXPECT_EQ(idInFile(), id);
+}
+
+TEST_F(CVMDKContentIDUpdaterTest, DescriptorFileIsClosedBeforeTheChangeIsMade) {
+    openSplitDisk();
+    const P<CEventFileSystem> events(new CEventFileSystem(m_memory.get()));
+    const P<CVMDKContentIDUpdater> updater(
+        new CVMDKContentIDUpdater(events.get(), mainURI, m_descriptor.get()));
+    updater->onDiskAboutToChange(*m_extent);
+    EXPECT_THAT(events->getOpenFiles(), IsEmpty());
+    const std::vector<std::string> done = events->takeEvents();
+    ASSERT_GE(done.size(), 3U);
+    EXPECT_EQ(done.front(), "open+ disk.vmdk");
+    EXPECT_EQ(done[done.size() - 2], "flush disk.vmdk");
+    EXPECT_EQ(done.back(), "close disk.vmdk");
     expectNewID();
 }
 
@@ -200,7 +244,13 @@ TEST_F(CVMDKContentIDUpdaterTest, FailedWriteLeavesTheOldIDInMemoryAndTheNextCha
         m_descriptor = parseDescriptor("version=1\nCID=12345678\n");
         openSingleFileDisk();
         m_faults->addRule({.operation = operation});
-        EXPECT_THROW(write('x'), CIOError);
+        if (operation == FaultRule::Write)
+            EXPECT_LUM_ERROR(
+                write('x'), CIOError, 2, "Cannot write to file: Injected fault",
+                {{"uri", mainURI.toString(true)}, {"position", "512"}, {"bytesToWrite", "1024"}});
+        else
+            EXPECT_LUM_ERROR(write('x'), CIOError, 2, "Cannot flush file: Injected fault",
+                             {{"uri", mainURI.toString(true)}});
         EXPECT_EQ(m_faults->getHits(), 1);
         EXPECT_EQ(idInMemory(), oldID);
 
@@ -216,7 +266,8 @@ TEST_F(CVMDKContentIDUpdaterTest, FailedWriteLeavesTheOldIDInMemoryAndTheNextCha
 TEST_F(CVMDKContentIDUpdaterTest, FailedWriteToADescriptorFileIsTriedAgainToo) {
     openSplitDisk();
     m_faults->addRule({.operation = FaultRule::Write, .fileSuffix = "disk.vmdk"});
-    EXPECT_THROW(write('x'), CIOError);
+    EXPECT_LUM_ERROR(write('x'), CIOError, 2, "Cannot write to file: Injected fault",
+                     {{"uri", mainURI.toString(true)}, {"position", "0"}, {"bytesToWrite", "512"}});
     EXPECT_EQ(idInMemory(), oldID);
     write('y');
     expectNewID();

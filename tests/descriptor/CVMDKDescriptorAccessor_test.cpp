@@ -267,6 +267,14 @@ TEST_F(CVMDKDescriptorAccessorTest, ContentIDIsChangedOnlyWhereThereIsOne) {
     EXPECT_LUM_ERROR(open()->changeContentID(), CError, -1, "VMDK descriptor value 'CID' not found.");
 }
 
+TEST_F(CVMDKDescriptorAccessorTest, AccessIsAskedForBeforeTheContentID) {
+    writeFile("version=1\n");
+    EXPECT_LUM_ERROR(
+        open(IIOStream::Access_Read)->changeContentID(), CError, -1,
+        "Internal error: CVMDKDescriptorAccessor::changeContentID was called, but the accessor was "
+        "not opened for writing.");
+}
+
 TEST_F(CVMDKDescriptorAccessorTest, ChangingAndStoringNeedWriteAccess) {
     writeFile("CID=12345678\n");
     const P<CVMDKDescriptorAccessor> accessor = open(IIOStream::Access_Read);

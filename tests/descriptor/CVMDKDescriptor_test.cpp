@@ -160,6 +160,18 @@ TEST(CVMDKDescriptor, BlankLinesAreKeptAllButTheOneBehindTheLastLineFeed) {
     EXPECT_THAT(linesOf("\r\n\r\n"), ElementsAre("\r", "\r"));
 }
 
+TEST(CVMDKDescriptor, SettingLinesAreThoseThatReadAsSettings) {
+    TArray<String> lines = {"kept"};
+    parseDescriptor("# a=b\nversion=1\nRW\t2048\tSPARSE\t\"a=b.vmdk\"\nRW 256 SPARSE \"c=d.vmdk\"\n"
+                    "createType=\"x\"\nno setting\nddb.a = \"b\"\n")
+        ->getSettingLines(lines);
+    EXPECT_THAT(lines, ElementsAre("kept", "version=1", "RW\t2048\tSPARSE\t\"a=b.vmdk\"", "createType=\"x\"",
+                                   "ddb.a = \"b\""));
+    lines.clear();
+    CVMDKDescriptor().getSettingLines(lines);
+    EXPECT_THAT(lines, IsEmpty());
+}
+
 TEST(CVMDKDescriptor, NewDescriptorHasNoLines) {
     EXPECT_EQ(textOf(CVMDKDescriptor()), "");
 }

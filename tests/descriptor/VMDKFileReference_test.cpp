@@ -52,10 +52,13 @@ TEST(VMDKFileReference, NamesAFile) {
         // Absolute paths of either system.
         {"/vm/other.vmdk", "file:///vm/other.vmdk"},
         {"/x:y", "file:///x:y"},
+        {":x", "file:///vm/disks/:x"},
         {"C:\\dir\\disk.vmdk", "file:///C:/dir/disk.vmdk"},
         {"c:\\disk.vmdk", "file:///c:/disk.vmdk"},
         {"D:/disk.vmdk", "file:///D:/disk.vmdk"},
         {"D:/a b#1/../disk.vmdk", "file:///D:/disk.vmdk"},
+        {"C:\\", "file:///C:/"},
+        {"C:/", "file:///C:/"},
         {"\\\\server\\share\\disk.vmdk", "file://server/share/disk.vmdk"},
         // URIs.
         {"file:///vm/disk.vmdk", "file:///vm/disk.vmdk"},
@@ -89,6 +92,9 @@ TEST(VMDKFileReference, BadWindowsPathIsRefused) {
     EXPECT_LUM_ERROR(vmdkFileReferenceToURI(folder, "C:\\a<b.vmdk"), CBadPathError, -1,
                      "Invalid path: C:\\a<b.vmdk",
                      {{"path", "C:\\a<b.vmdk"}, {"reason", "The character < is in no path"}});
+    EXPECT_LUM_ERROR(
+        vmdkFileReferenceToURI(folder, "a\\b:c"), CBadPathError, -1, "Invalid path: a\\b:c",
+        {{"path", "a\\b:c"}, {"reason", "The character : only stands behind the letter of a drive"}});
     EXPECT_LUM_ERROR(vmdkFileReferenceToURI(folder, "a\\b|c.vmdk"), CBadPathError, -1,
                      "Invalid path: a\\b|c.vmdk",
                      {{"path", "a\\b|c.vmdk"}, {"reason", "The character | is in no path"}});

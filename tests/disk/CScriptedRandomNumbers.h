@@ -19,4 +19,17 @@ public:
     int getLeft() const;
 };
 
+/// Counts what is drawn from the library's generators since it was made, and whether whoever drew held the
+/// lock of the process's generator. For one thread, one at a time.
+class CRandomDraws {
+public:
+    CRandomDraws();
+
+    /// rand32() and randData(), one each.
+    int getCount() const;
+    int getCountWithoutLock() const;
+    /// How often the lock was taken.
+    int getLocks() const;
+};
+
 } // namespace tessel::test

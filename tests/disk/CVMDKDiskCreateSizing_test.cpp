@@ -264,6 +264,17 @@ TEST_F(CVMDKDiskCreateSizingTest, MoreExtentsThanTheDescriptorHasRoomForAreRefus
     EXPECT_THAT(listFiles(), IsEmpty());
 }
 
+TEST_F(CVMDKDiskCreateSizingTest, MoreLinesThanCanBeCountedAreRefusedToo) {
+    // A name of 70000 bytes: n = 70048, which 2^47 extents of one grain take to more than 2^63. From 2^61
+    // bytes on it is counted no further: R = (2^61 - 1 + 33279) / 512 = 2^52 + 64, R * 512 = 2^61 + 32768.
+    // W = 70048 * 32768 + 32768.
+    const String name = String(std::string(69995, 'n').c_str()) + ".vmdk";
+    EXPECT_LUM_ERROR(create({.size = INT64_MAX - 65535, .limit = 131073, .onDemand = true}, name), CError, -1,
+                     "Internal error: calculated VMDK descriptor size exceeds estimated worst case "
+                     "descriptor size (calculated: 2305843009213726720, worstCase: 2295365632)");
+    EXPECT_THAT(listFiles(), IsEmpty());
+}
+
 TEST_F(CVMDKDiskCreateSizingTest, DescriptorThatCouldNotBeReadAgainIsRefused) {
     // A name of 117 bytes: n = 165. 32000 extents of one grain: R = (165 * 32001 + 33279) / 512 =
     // 5313444 / 512 = 10377, 10377 * 512 = 5313024 > 5 MiB = 5242880.

@@ -94,6 +94,23 @@ TEST_F(CVMDKDiskDescriptorTest, StoresThroughAStreamOfItsOwnElsewhere) {
     EXPECT_THAT(recorder->getOpenFiles(), ElementsAre("disk.vmdk.lock", "disk-s00001.vmdk"));
 }
 
+TEST_F(CVMDKDiskDescriptorTest, StoresAfterTheMainFileFailedToOpenAsAnExtent) {
+    create();
+    const P<CFaultFileSystem> faults(new CFaultFileSystem(m_memory.get()));
+    m_files = faults;
+    const P<CVMDKDisk> disk = open();
+    faults->addRule({.operation = FaultRule::Open, .fileSuffix = "disk.vmdk"});
+    unsigned char byte = 0;
+    EXPECT_FILE_SYSTEM_ERROR(disk->read(&byte, 1), CFileSystemError::Problem_AccessDenied,
+                             "Cannot open file: Injected fault", {{"uri", path("disk.vmdk")}});
+    EXPECT_EQ(takeLog().size(), 1U);
+    disk->getDescriptor()->setValue("ddb.x", "1", true, false);
+    disk->storeDescriptor();
+    EXPECT_TRUE(descriptorText().Contains("ddb.x = \"1\"") || descriptorText().Contains("ddb.x=\"1\""));
+    disk->read(&byte, 1);
+    EXPECT_EQ(byte, 0);
+}
+
 TEST_F(CVMDKDiskDescriptorTest, StoringDoesNotMakeAMainFileThatIsGone) {
     const P<CVMDKDisk> disk = create({.limit = 3 * MiB});
     m_memory->deleteFile(uri("disk.vmdk"), false);

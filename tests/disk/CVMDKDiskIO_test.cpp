@@ -173,6 +173,45 @@ TEST_F(CVMDKDiskIOTest, EveryExtentIsFlushedBeforeTheNextIsOpened) {
     EXPECT_LT(at("close disk-s00000.vmdk"), at("open+ disk-s00001.vmdk"));
 }
 
+TEST_F(CVMDKDiskIOTest, TransferThatFailsWithinAnExtentStandsWhereItsPieceBegan) {
+    const Bytes old = randomBytes(1, 8 * MiB);
+    writeAt(*create(splitOptions()), 0, old);
+    const Bytes fresh = randomBytes(2, 8 * MiB);
+    for (const bool isWrite : {false, true}) {
+        const P<CFaultFileSystem> faults = injectFaults();
+        P<CVMDKDisk> disk = open();
+        disk->setContentIDUpdatesEnabled(false);
+        // In the middle of the second extent: several of its grains are moved before.
+        faults->addRule({.operation = isWrite ? FaultRule::Write : FaultRule::Read,
+                         .fileSuffix = "-s00001.vmdk",
+                         .rangeStart = 2 * MiB,
+                         .rangeEnd = 2 * MiB + 1,
+                         .always = true});
+        Bytes data = fresh;
+        disk->seek(1 * MiB);
+        const auto size = static_cast<int>(6 * MiB);
+        EXPECT_THROW(isWrite ? disk->write(data.data(), size) : disk->read(data.data(), size), CIOError);
+        EXPECT_EQ(disk->getPosition(), 3 * MiB) << "the first extent's piece was moved";
+        faults->clearRules();
+        try { // the stream tells of a failed write once more
+            disk->flushChanges();
+        } catch (const CIOError&) {
+        }
+        if (!isWrite) {
+            EXPECT_TRUE(std::equal(data.begin(), data.begin() + 2 * MiB, old.begin() + 1 * MiB));
+            EXPECT_EQ(readAt(*disk, 3 * MiB, 1000),
+                      Bytes(old.begin() + 3 * MiB, old.begin() + 3 * MiB + 1000))
+                << "the extent is put where the disk stands";
+            continue;
+        }
+        EXPECT_EQ(readAt(*disk, 1 * MiB, 2 * MiB), Bytes(fresh.begin(), fresh.begin() + 2 * MiB));
+        EXPECT_EQ(readAt(*disk, 7 * MiB, 1 * MiB), Bytes(old.begin() + 7 * MiB, old.end()));
+        disk->seek(3 * MiB);
+        disk->write(fresh.data() + 2 * MiB, static_cast<int>(4 * MiB));
+        EXPECT_EQ(readAt(*disk, 1 * MiB, 6 * MiB), Bytes(fresh.begin(), fresh.begin() + 6 * MiB));
+    }
+}
+
 TEST_F(CVMDKDiskIOTest, WritePastTheEndFails) {
     const P<CVMDKDisk> disk = create();
     disk->seek(8 * MiB - 40);
@@ -278,6 +317,34 @@ TEST_F(CVMDKDiskIOTest, TablesStayInMemoryWhileTheyAreNotFlushedAutomatically) {
     EXPECT_EQ(cache->getCachedTableCount(), 3);
     disk->setAutomaticGrainTableFlushingEnabled(true);
     EXPECT_EQ(cache->getCachedTableCount(), 1);
+    for (int table = 0; table < 3; ++table)
+        EXPECT_EQ(readAt(*disk, table * 512 * grainBytes, 512), randomBytes(1, 512));
+}
+
+TEST_F(CVMDKDiskIOTest, TablesThatCannotBeWrittenAreToldWhenTheyShallBeAgain) {
+    create({.size = 3 * 512 * grainBytes});
+    const P<CFaultFileSystem> faults = injectFaults();
+    const P<CVMDKGrainTableCache> cache(new CVMDKGrainTableCache(1));
+    P<CVMDKDisk> disk(new CVMDKDisk(files(), uri("disk.vmdk"), forWriting, "", -1, cache.get(), nullptr));
+    disk->setAutomaticGrainTableFlushingEnabled(false);
+    for (int table = 0; table < 3; ++table)
+        writeAt(*disk, table * 512 * grainBytes, randomBytes(1, 512));
+    faults->addRule({.operation = FaultRule::Write, .kind = FaultRule::FullDisk, .always = true});
+    const auto error = catchError([&] { disk->setAutomaticGrainTableFlushingEnabled(true); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->getCode(), 8);
+    EXPECT_EQ(error->getMessage(), "Cannot write to file: Injected fault");
+    EXPECT_EQ(cache->getCachedTableCount(), 3) << "nothing has changed";
+
+    faults->clearRules();
+    try { // the stream tells of the failed write once more
+        disk->flushChanges();
+    } catch (const CIOError&) {
+    }
+    disk->setAutomaticGrainTableFlushingEnabled(true);
+    EXPECT_EQ(cache->getCachedTableCount(), 1);
+    disk = nullptr;
+    disk = openForReading();
     for (int table = 0; table < 3; ++table)
         EXPECT_EQ(readAt(*disk, table * 512 * grainBytes, 512), randomBytes(1, 512));
 }

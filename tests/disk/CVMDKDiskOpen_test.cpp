@@ -73,6 +73,34 @@ TEST_F(CVMDKDiskOpenTest, UsesTheCacheThatIsGiven) {
     EXPECT_EQ(cache->getCachedTableCount(), 1);
 }
 
+TEST_F(CVMDKDiskOpenTest, HasACacheOf1024TablesOfItsOwnWhereNoneIsGiven) {
+    constexpr int64 bytesPerTable = 512 * grainBytes;
+    create({.size = 1056 * bytesPerTable});
+    const P<CVMDKDisk> disk = openForReading();
+    const P<CVMDKDisk> other = openForReading();
+    EXPECT_NE(disk->getGrainTableCache(), other->getGrainTableCache());
+    for (int table = 0; table < 1056; ++table) {
+        disk->seek(table * bytesPerTable);
+        EXPECT_FALSE(disk->isGrainWritten());
+        if (table == 1023) {
+            EXPECT_EQ(disk->getGrainTableCache()->getCachedTableCount(), 1024);
+        }
+    }
+    EXPECT_EQ(disk->getGrainTableCache()->getCachedTableCount(), 1024);
+    EXPECT_EQ(other->getGrainTableCache()->getCachedTableCount(), 0);
+}
+
+TEST_F(CVMDKDiskOpenTest, FirstExtentOfAnOnDemandDiskMustBeThere) {
+    create({.limit = 3 * MiB, .onDemand = true});
+    m_memory->deleteFile(uri("disk-s00000.vmdk"), false);
+    const std::vector<std::string> names = listFiles();
+    for (const auto access : {forReading, forWriting})
+        EXPECT_FILE_SYSTEM_ERROR(open(access), CFileSystemError::Problem_NotFound,
+                                 "Cannot open file: No such file or directory",
+                                 {{"uri", path("disk-s00000.vmdk")}});
+    EXPECT_EQ(listFiles(), names) << "nothing is made for it";
+}
+
 TEST_F(CVMDKDiskOpenTest, ClosesTheFilesThatItHasLookedAt) {
     create({.limit = 4 * MiB});
     const P<CEventFileSystem> recorder(new CEventFileSystem(m_memory.get()));

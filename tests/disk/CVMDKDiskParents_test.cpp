@@ -177,8 +177,18 @@ TEST_F(CVMDKDiskParentsTest, ParentOfAnotherGrainSizeOrCompressionServesBytesBut
                 child->readPreparedGrainData(prepared);
                 EXPECT_EQ(child->makeGrainIndependentOfParent(1), grainBytes);
             } else {
-                EXPECT_THROW(child->readPreparedGrainData(prepared), CError);
-                EXPECT_THROW(child->makeGrainIndependentOfParent(1), CError);
+                const auto expectRefused = [&](const std::function<void()>& action) {
+                    EXPECT_TRUE(throwsError(action, typeid(CError), -1,
+                                            "Parent disk is incompatible with diff disk.",
+                                            {{"parentURI", path("parent.vmdk")},
+                                             {"childURI", path("child.vmdk")},
+                                             {"expectedGrainSize", "65536"},
+                                             {"expectedCompressed", "false"},
+                                             {"actualGrainSize", toDecimal(grainSectors * 512)},
+                                             {"actualCompressed", toText(compressed)}}));
+                };
+                expectRefused([&] { child->readPreparedGrainData(prepared); });
+                expectRefused([&] { child->makeGrainIndependentOfParent(1); });
             }
             EXPECT_EQ(readAll(*child), model);
             child = nullptr;

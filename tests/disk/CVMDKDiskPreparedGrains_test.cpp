@@ -133,9 +133,16 @@ TEST_F(CVMDKDiskPreparedGrainsTest, WriteNeedsWriteAccessButLooksAtSizeAndBounda
     const P<CVMDKDisk> disk = openForReading();
     EXPECT_LUM_ERROR(disk->writePreparedGrainData(m_grain), CError, -1, notForWriting);
     disk->seek(1);
-    EXPECT_THROW(disk->writePreparedGrainData(m_grain), CIOError);
+    EXPECT_LUM_ERROR(disk->writePreparedGrainData(m_grain), CIOError, 11,
+                     "Prepared grain write in VMDK disk can only be done on a grain boundary.",
+                     {{"mainFileURI", path("disk.vmdk")}, {"position", "1"}, {"grainSize", "65536"}});
     disk->seek(8 * MiB);
-    EXPECT_THROW(disk->writePreparedGrainData(m_grain), CIOError);
+    EXPECT_LUM_ERROR(disk->writePreparedGrainData(m_grain), CIOError, 3,
+                     "Prepared grain write exceeds VMDK disk size.",
+                     {{"mainFileURI", path("disk.vmdk")},
+                      {"position", "8388608"},
+                      {"grainSize", "65536"},
+                      {"diskSize", "8388608"}});
 }
 
 TEST_F(CVMDKDiskPreparedGrainsTest, GrainThatCrossesAnExtentsEndIsRefused) {
@@ -190,6 +197,32 @@ TEST_F(CVMDKDiskPreparedGrainsTest, RecordsThatAreNoneChangeNothing) {
         disk->seek(grainBytes);
         EXPECT_THROW(disk->writePreparedGrainData(record), CInvalidArgError) << record.getUsed();
         EXPECT_EQ(readAt(*disk, grainBytes, grainBytes), data);
+    }
+}
+
+TEST_F(CVMDKDiskPreparedGrainsTest, RefusedDataOfAFreshDiskLeaveItsFilesAsTheyAre) {
+    for (const bool compressed : {false, true}) {
+        create({.compressed = compressed, .limit = compressed ? 11 * MiB : 3 * MiB, .onDemand = true});
+        const std::vector<std::string> names = listFiles();
+        const String descriptor = descriptorText();
+        {
+            const P<CVMDKDisk> disk = open();
+            const unsigned int contentID = disk->getDescriptor()->getContentID();
+            for (const int64 grain :
+                 {int64{0}, int64{100}}) // of an extent that is there, and one that is not
+                for (const int64 size : {int64{0}, int64{11}, 3 * grainBytes}) {
+                    disk->seek(grain * grainBytes);
+                    EXPECT_THROW(disk->writePreparedGrainData(TBuffer<unsigned char>(size)),
+                                 CInvalidArgError);
+                    EXPECT_EQ(disk->getPosition(), grain * grainBytes);
+                }
+            EXPECT_EQ(disk->getDescriptor()->getContentID(), contentID);
+        }
+        EXPECT_EQ(descriptorText(), descriptor);
+        EXPECT_EQ(listFiles(), names);
+        const P<CVMDKDisk> readOnly = openForReading();
+        EXPECT_LUM_ERROR(readOnly->writePreparedGrainData(TBuffer<unsigned char>(11)), CError, -1,
+                         notForWriting);
     }
 }
 

@@ -290,21 +290,85 @@ TEST_P(CVMDKOnDemandExtentFileTest, FileThatCannotBeUsedLeavesTheNullExtent) {
     EXPECT_EQ(readAt(*extent, 77, 1), bytesOf("x"));
 }
 
-TEST_P(CVMDKOnDemandExtentFileTest, FileOfAnotherDiskIsRefused) {
-    createExtent({.compressed = GetParam(), .grainCount = 10, .grainSizeSectors = 16});
-    const std::initializer_list<CProps::Entry> props = {
-        {"uri", extentName}, {"grainSize", "16"}, {"compressed", toText(GetParam())}, {"capacity", "160"}};
-    const String kind = toText(GetParam());
-    const String message =
-        "VMDK extent file does not belong to this disk (grain size: 16 sectors, expected: 8; "
-        "compressed: " +
-        kind + ", expected: " + kind + "; capacity: 160 sectors, expected at least: 160).";
-    EXPECT_LUM_ERROR(open(), CIOError, 5, message, props);
-    m_memory->deleteFile(extentURI, false);
-    const auto extent = open();
-    createExtent({.compressed = GetParam(), .grainCount = 10, .grainSizeSectors = 16});
-    EXPECT_LUM_ERROR(extent->write("x", 1), CIOError, 5, message, props);
+TEST_P(CVMDKOnDemandExtentFileTest, FileOfAnotherDiskIsRefusedAndLeftAsItIs) {
+    struct Row {
+        UExtentShape shape;
+        const char* grainSize;
+        const char* capacity;
+    };
+    for (const Row& row :
+         {Row{{.compressed = GetParam(), .grainCount = 10, .grainSizeSectors = 16}, "16", "160"},
+          Row{{.compressed = GetParam(), .grainCount = grainCount - 1}, "8", "152"},
+          Row{{.compressed = !GetParam()}, "8", "160"}}) {
+        const auto putStranger = [&] {
+            createExtent(row.shape);
+            Bytes file = loadFile();
+            file.append(patternBytes(512).getData(), 512); // its trail, if any, is not at the end
+            storeFile(file);
+            return file;
+        };
+        const String kind = toText(row.shape.compressed);
+        const std::initializer_list<CProps::Entry> props = {{"uri", extentName},
+                                                            {"grainSize", row.grainSize},
+                                                            {"compressed", kind},
+                                                            {"capacity", row.capacity}};
+        const String message = String("VMDK extent file does not belong to this disk (grain size: ") +
+                               row.grainSize + " sectors, expected: 8; compressed: " + kind +
+                               ", expected: " + toText(GetParam()) + "; capacity: " + row.capacity +
+                               " sectors, expected at least: 160).";
+        Bytes stranger = putStranger();
+        EXPECT_LUM_ERROR(open(), CIOError, 5, message, props);
+        EXPECT_EQ(loadFile(), stranger);
+
+        m_memory->deleteFile(extentURI, false);
+        {
+            const auto extent = open();
+            extent->seek(77);
+            stranger = putStranger();
+            EXPECT_LUM_ERROR(extent->write("x", 1), CIOError, 5, message, props);
+            EXPECT_TRUE(extent->isNull());
+            EXPECT_EQ(extent->getPosition(), 77);
+        }
+        EXPECT_EQ(loadFile(), stranger);
+        EXPECT_EQ(takeLog().size(), row.shape.compressed ? 2U : 0U) << "of the trail";
+        m_memory->deleteFile(extentURI, false);
+    }
+}
+
+TEST_P(CVMDKOnDemandExtentFileTest, FileWhoseGrainCannotBeOpenedLeavesTheNullExtentInItsPlace) {
+    const auto extent = open({.capacitySectors = 1536 * grainSize / 512});
+    extent->seek(600 * grainSize + 5);
+    createExtent({.compressed = GetParam(), .grainCount = 1536});
+    patchFile<uint32>(int64{loadNumber(Field_Directory)} * 512 + 4, 99999);
+    EXPECT_LUM_ERROR(extent->write("x", 1), CIOError, 5,
+                     "VMDK grain table 1 lies behind the end of the file (sector: 99999).",
+                     {{"uri", extentName}, {"tableIndex", "1"}, {"tablePosition", "99999"}});
     EXPECT_TRUE(extent->isNull());
+    EXPECT_EQ(extent->getPosition(), 600 * grainSize + 5);
+    EXPECT_EQ(getStoredContentID(), oldContentID);
+    writeAt(*extent, 0, bytesOf("elsewhere"));
+    EXPECT_FALSE(extent->isNull());
+    EXPECT_EQ(readAt(*extent, 0, 9), bytesOf("elsewhere"));
+}
+
+TEST_P(CVMDKOnDemandExtentFileTest, RefusedPreparedDataMakeNoFile) {
+    const auto extent = open();
+    extent->seek(grainSize);
+    for (const int64 size : {int64{0}, int64{11}, 3 * grainSize})
+        EXPECT_THROW(extent->writePreparedGrainData(Bytes(size)), CInvalidArgError) << size;
+    EXPECT_INVALID_ARG_ERROR(extent->writePreparedGrainData(Bytes()), "CVMDKGrain::writePreparedGrainData",
+                             "CVMDKGrain::writePreparedGrainData called with zero-length prepared data.",
+                             {{"uri", extentName}});
+    EXPECT_TRUE(extent->isNull());
+    EXPECT_FALSE(hasFile());
+    EXPECT_EQ(extent->getPosition(), grainSize);
+    EXPECT_EQ(getStoredContentID(), oldContentID);
+
+    const auto readOnly = open({.access = IIOStream::Access_Read});
+    EXPECT_LUM_ERROR(
+        readOnly->writePreparedGrainData(Bytes(11)), CError, -1,
+        "Internal error: VMDK extent file is about to be changed, but it was not opened for writing.",
+        {{"uri", extentName}});
 }
 
 TEST_P(CVMDKOnDemandExtentFileTest, ExistingFileIsOpenedAtOnce) {

@@ -37,12 +37,13 @@ protected:
 };
 
 /// Remembers how many of its streams were open when a file was deleted; its streams run out of memory
-/// after a number of writes.
+/// after a number of writes, and tell as they are closed that the last bytes found no room.
 class CWatchingFileSystem : public CBase, public IFileSystem {
 public:
     explicit CWatchingFileSystem(IFileSystem* below) : m_below(below) {}
 
     int writesLeft = INT32_MAX;
+    bool closeFails = false;
     int deletions = 0;
     int openAtDeletion = 0;
     bool ignoreMissing = false;
@@ -74,6 +75,8 @@ private:
         void close() override {
             --m_owner.openCount;
             CForwardingStream::close();
+            if (m_owner.closeFails)
+                throw CIOError(CIOError::Code_NoSpace, "Cannot close file");
         }
 
     private:
@@ -187,6 +190,17 @@ TEST_F(VMDKEmptyExtentFileFaultTest, FileIsClosedBeforeItIsDeleted) {
     EXPECT_EQ(files->openAtDeletion, 0);
     EXPECT_TRUE(files->ignoreMissing);
     EXPECT_EQ(m_log.takeEntries().size(), 1U);
+}
+
+TEST_F(VMDKEmptyExtentFileFaultTest, FailureToCloseReachesTheCallerAndLeavesNoFile) {
+    const P<CWatchingFileSystem> files(new CWatchingFileSystem(m_memory.get()));
+    files->closeFails = true;
+    EXPECT_LUM_ERROR(create(files.get()), CIOError, 8, "Cannot close file");
+    EXPECT_EQ(files->deletions, 1);
+    EXPECT_EQ(files->openAtDeletion, 0);
+    EXPECT_FALSE(m_memory->fileExists(uri));
+    EXPECT_THAT(m_log.takeEntries(), ::testing::ElementsAre(CLogRecorder::Entry{
+                                         ILogSink::Level_Error, creationFailed, "Cannot close file", ""}));
 }
 
 TEST_F(VMDKEmptyExtentFileFaultTest, ErrorsOfOtherKindsLeaveNoFileEither) {

@@ -339,4 +339,18 @@ TEST_F(VMDKEmptyExtentFileTest, RefusesArgumentsBeforeAFileIsMade) {
     }
 }
 
+TEST(VMDKEmptyExtentFileDescriptor, SizeOfTheAreaMeansNothingWithoutADescriptor) {
+    const P<CMemoryFileSystem> files(new CMemoryFileSystem);
+    const auto make = [&](int64 descriptorSectors) {
+        const CURI other(String("memory:/disks/a.vmdk"));
+        files->deleteFile(other, true);
+        createEmptyVMDKSparseExtentFile(files.get(), other, true, 20, 8, Bytes(2048), nullptr,
+                                        descriptorSectors, Bytes());
+        return readAll(*files->openFile(other, IIOStream::Access_Read));
+    };
+    const Bytes expected = make(0);
+    for (const int64 sectors : {int64{-1}, int64{20}, int64{1} << 40, INT64_MAX, INT64_MIN})
+        EXPECT_EQ(make(sectors), expected) << sectors;
+}
+
 } // namespace tessel::test

@@ -75,6 +75,22 @@ TEST_F(CVMDKGrainAllocatorTest, SlotsOfAnUncompressedExtentBeginAtMultiplesOfThe
         << "nothing to fill up";
 }
 
+TEST_F(CVMDKGrainAllocatorTest, SlotsMayBeAlignedToMoreThanTwoGrains) {
+    makeAndOpen(false);
+    const int64 overhead = m_extent->overheadBytes();
+    const P<CVMDKGrainAllocator> allocator(new CVMDKGrainAllocator(
+        &m_extent->stream(), IIOStream::Access_ReadWrite, 8, 40, &m_extent->directory(), Bytes()));
+    const Bytes grain = patternBytes(4096);
+    ASSERT_LT(overhead, 40 * 512);
+    EXPECT_EQ(allocator->allocNewGrain(0, grain.getData(), 4096, 8), 40);
+    EXPECT_EQ(allocator->allocNewGrain(1, grain.getData(), 4096, 8), 80);
+    EXPECT_EQ(m_extent->file(overhead, 40 * 512 - overhead), Bytes(40 * 512 - overhead));
+    EXPECT_EQ(m_extent->file(40 * 512, 4096), grain);
+    EXPECT_EQ(m_extent->file(48 * 512, 32 * 512), Bytes(32 * 512));
+    EXPECT_EQ(m_extent->file(80 * 512, 4096), grain);
+    EXPECT_EQ(m_extent->fileLength(), 88 * 512);
+}
+
 TEST_F(CVMDKGrainAllocatorTest, SlotOfACompressedExtentIsFilledUpWithZeros) {
     makeAndOpen(true);
     const int64 start = m_extent->overheadBytes() / 512;

@@ -231,6 +231,40 @@ TEST_F(CVMDKGrainDirectoryTest, DirectoriesThatOverlapAreRefused) {
                      {{"uri", m_extent->uriText()}, {"position", "5"}, {"otherPosition", "6"}});
 }
 
+TEST_F(CVMDKGrainDirectoryTest, SlotSizeDirectoryThatOverlapsAnotherIsRefused) {
+    make(true, 1);
+    // A table at sector 35, behind it the marker, behind that the slot size directory: sector 40.
+    m_extent->setFileLength(64 * 512);
+    m_extent->patchFile(39 * 512, marker(1));
+    const auto expectRefused = [&](int64 posSectors, int64 redundantPosSectors) {
+        EXPECT_LUM_ERROR(makeDirectory(posSectors, redundantPosSectors, 512 * 8, 8, 512, true), CIOError, 5,
+                         "VMDK grain directories overlap (sectors: 40 and 40, size: 1 sectors).",
+                         {{"uri", m_extent->uriText()}, {"position", "40"}, {"otherPosition", "40"}});
+    };
+    m_extent->patchUInt32(40 * 512, 35);
+    expectRefused(40, 0);
+    m_extent->patchUInt32(40 * 512, 1);
+    m_extent->patchUInt32(45 * 512, 35);
+    expectRefused(45, 40);
+    EXPECT_TRUE(makeDirectory(45, 41, 512 * 8, 8, 512, true)->getHaveSlotSizeInfo());
+    EXPECT_TRUE(makeDirectory(45, 0, 512 * 8, 8, 512, true)->getHaveSlotSizeInfo());
+}
+
+TEST_F(CVMDKGrainDirectoryTest, ReadThatFailsIsTheErrorOfTheDirectory) {
+    make(true, 3);
+    for (const int64 byte :
+         {directoryByte(0), redundantDirectoryByte(0), markerSector() * 512, slotSizeDirectoryByte(0)}) {
+        m_extent->faults().addRule(
+            {.operation = FaultRule::Read, .rangeStart = byte, .rangeEnd = byte + 1, .always = true});
+        const String count = byte == markerSector() * 512 ? "512" : "12";
+        EXPECT_LUM_ERROR(
+            makeDirectory(true), CIOError, 1, "Cannot read from file: Injected fault",
+            {{"uri", m_extent->uriText()}, {"position", toDecimal(byte)}, {"bytesToRead", count}});
+        m_extent->faults().clearRules();
+        EXPECT_NO_THROW(makeDirectory(true));
+    }
+}
+
 TEST_F(CVMDKGrainDirectoryTest, LargestNumbersThatFitAreTaken) {
     make(false, 2);
     const int64 lastPos = m_extent->fileLength() / 512 - 1;

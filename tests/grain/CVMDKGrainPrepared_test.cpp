@@ -138,6 +138,44 @@ TEST_P(CVMDKGrainPreparedTest, SecondTransferInARowIsRefused) {
                      {uri(), {"position", "4096"}});
 }
 
+TEST_P(CVMDKGrainPreparedTest, RefusedReadLeavesWhatIsPendingPending) {
+    m_extent->openGrain(5);
+    writeHere(patternBytes(100));
+    m_extent->recorder().takeOperations();
+    Bytes out;
+    EXPECT_THROW(grain().readPreparedGrainData(out), CIOError);
+    EXPECT_THAT(m_extent->recorder().takeOperations(), IsEmpty());
+    EXPECT_EQ(m_extent->info(5), (Info{0, 0}));
+}
+
+TEST_P(CVMDKGrainPreparedTest, FailedReadLeavesNothingInTheBuffer) {
+    store(5, noise(grainBytes));
+    const int64 slot = m_extent->info(5).posSectors * 512;
+    for (const int64 byte : {slot, slot + 1000}) { // records are read in two steps
+        m_extent->openGrain(5);
+        m_extent->faults().addRule({.operation = FaultRule::Read,
+                                    .kind = FaultRule::Short,
+                                    .rangeStart = byte,
+                                    .rangeEnd = byte + 1});
+        Bytes out = noise(20);
+        EXPECT_THROW(grain().readPreparedGrainData(out), CIOError);
+        EXPECT_TRUE(out.isEmpty());
+        EXPECT_EQ(grain().getPosition(), 0);
+        m_extent->faults().clearRules();
+        grain().readPreparedGrainData(out);
+        EXPECT_EQ(out, prepared(noise(grainBytes), firstDiskGrain + 5));
+    }
+
+    m_extent->openGrain(6);
+    writeHere(noise(100));
+    grain().seek(0);
+    m_extent->faults().addRule({.operation = FaultRule::Write});
+    Bytes out = noise(20);
+    EXPECT_THROW(grain().readPreparedGrainData(out), CIOError) << "the pending change cannot be written";
+    EXPECT_TRUE(out.isEmpty());
+    m_extent->endFaults();
+}
+
 // --- Writing ---
 
 TEST_P(CVMDKGrainPreparedTest, WrittenGrainIsStoredAtItsOwnPlace) {
@@ -338,6 +376,16 @@ TEST_P(CVMDKGrainPreparedTest, PendingChangeIsNotReplacedByTheParentsGrain) {
     EXPECT_EQ(m_extent->read(5), overwritten(providerGrain(5), 10, bytesOf("changed")));
 }
 
+TEST_P(CVMDKGrainPreparedTest, PendingZerosOverTheParentsGrainBecomeTheParentsGrain) {
+    m_extent->useGrain(m_provider.get());
+    m_extent->write(5, 0, Bytes(grainBytes));
+    grain().seek(0);
+    EXPECT_EQ(grain().makeIndependentOfParent(), prepared(providerGrain(5), 0).getUsed())
+        << "zeros are not stored in a grain without a slot, so the parent shows again";
+    m_extent->useGrain(nullptr);
+    EXPECT_EQ(m_extent->read(5), providerGrain(5));
+}
+
 TEST_P(CVMDKGrainPreparedTest, PendingChangeIsFlushedEvenWithoutAProvider) {
     m_extent->write(5, 10, bytesOf("changed"));
     grain().seek(0);
@@ -350,8 +398,9 @@ TEST_P(CVMDKGrainPreparedTest, FailureOfTheProviderStoresNothing) {
     m_extent->openGrain(5);
     m_provider->fails = true;
     EXPECT_LUM_ERROR(grain().makeIndependentOfParent(), CIOError, 1, "Parent cannot be read");
-    Bytes out;
+    Bytes out = noise(20);
     EXPECT_LUM_ERROR(grain().readPreparedGrainData(out), CIOError, 1, "Parent cannot be read");
+    EXPECT_TRUE(out.isEmpty());
     EXPECT_EQ(grain().getPosition(), 0);
     EXPECT_EQ(m_extent->info(5), (Info{0, 0}));
     m_provider->fails = false;

@@ -279,5 +279,26 @@ TEST_F(CVMDKGrainTableCacheTest, KnowsWhichTablesOfARangeItHolds) {
     EXPECT_FALSE(cache.hasCachedTables(directoryB, 0, 32));
 }
 
+TEST_F(CVMDKGrainTableCacheTest, NoTableIsNoTableToKeep) {
+    const P<CVMDKGrainTableCache> cache(new CVMDKGrainTableCache(4));
+    const P<CVMDKGrainTable> table = makeTable(1);
+    cache->setCachedTable(directoryA, 3, table.get());
+    EXPECT_INVALID_ARG_ERROR(cache->setCachedTable(directoryA, 3, nullptr),
+                             "CVMDKGrainTableCache::setCachedTable", "The table must not be null.",
+                             {{"tableIndex", "3"}});
+    EXPECT_EQ(cache->getCachedTable(directoryA, 3), table);
+}
+
+TEST_F(CVMDKGrainTableCacheTest, OnlyTheTablesOfTheDirectoryAreRemoved) {
+    const P<CVMDKGrainTableCache> cache(new CVMDKGrainTableCache(100));
+    CVMDKGrainDirectory* const directoryBefore = fakeDirectory(0x800);
+    for (CVMDKGrainDirectory* directory : {directoryBefore, directoryA, directoryB})
+        fill(*cache, directory, 5);
+    cache->removeCachedTablesFromDirectory(directoryA);
+    EXPECT_THAT(cachedIndices(*cache, directoryA, 5), IsEmpty());
+    EXPECT_THAT(cachedIndices(*cache, directoryBefore, 5), ElementsAre(0, 1, 2, 3, 4));
+    EXPECT_THAT(cachedIndices(*cache, directoryB, 5), ElementsAre(0, 1, 2, 3, 4));
+}
+
 } // namespace
 } // namespace tessel::test

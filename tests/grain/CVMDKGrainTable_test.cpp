@@ -300,5 +300,30 @@ TEST_F(CVMDKGrainTableTest, DestructorReportsWhatItCannotWriteAndTriesAgain) {
     }
 }
 
+TEST_F(CVMDKGrainTableTest, OldFailureOfTheStreamDoesNotKeepTheDestructorFromWriting) {
+    for (const bool withSlotSizes : {false, true}) {
+        P<CVMDKGrainTable> table = open(withSlotSizes);
+        table->setGrainInfo(1, withSlotSizes ? 8000 : 7000, withSlotSizes ? 60 : grainSize);
+        // Somebody else's write failed, of which the stream tells by its next flush.
+        m_faults->addRule({.operation = FaultRule::Write});
+        m_stream->seek(23 * 512);
+        EXPECT_THROW(m_stream->write("x", 1), CIOError);
+        CLogRecorder log;
+        table = nullptr;
+        m_faults->clearRules();
+        EXPECT_THAT(log.takeEntries(),
+                    ElementsAre(CLogRecorder::Entry{
+                        ILogSink::Level_Error,
+                        "Exception ignored in the destructor of tessel::CVMDKGrainTable; data may be lost",
+                        "Cannot write to file: Injected fault", String()}));
+        const uint32 expected = withSlotSizes ? 8000 : 7000;
+        EXPECT_EQ(fileEntry(tableSector, 1), expected);
+        EXPECT_EQ(fileEntry(redundantSector, 1), expected);
+        if (withSlotSizes) {
+            EXPECT_EQ(fileSlotSize(1), 60);
+        }
+    }
+}
+
 } // namespace
 } // namespace tessel::test

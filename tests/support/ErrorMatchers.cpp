@@ -12,6 +12,9 @@ namespace tessel::test {
 
 namespace {
 
+/// What errors have that are told by something else.
+constexpr int noCode = -1;
+
 template <class Entries>
 std::string describeProps(const Entries& entries) {
     std::string text = "{";
@@ -39,10 +42,22 @@ Outcome run(const std::function<void()>& action) {
     return {nullptr, "threw nothing"};
 }
 
-AssertionResult matchesMessageAndProps(const CError& error, const String& message, ExpectedProps props) {
+AssertionResult matchesCode(const CError& error, int code) {
+    if (error.getCode() != code)
+        return AssertionFailure() << "code is " << error.getCode() << ", expected " << code << "; message: \""
+                                  << error.getMessage().toUTF8Lossy() << "\"";
+    return AssertionSuccess();
+}
+
+AssertionResult matchesMessageAndProps(const CError& error, const String& message, ExpectedProps props,
+                                       const String& secondText = String()) {
     if (error.getMessage() != message)
         return AssertionFailure() << "message is \"" << error.getMessage().toUTF8Lossy() << "\", expected \""
                                   << message.toUTF8Lossy() << "\"";
+    if (error.getSecondText() != secondText)
+        return AssertionFailure() << "second text is \"" << error.getSecondText().toUTF8Lossy()
+                                  << "\", expected \"" << secondText.toUTF8Lossy() << "\"; message: \""
+                                  << error.getMessage().toUTF8Lossy() << "\"";
     const auto& entries = error.getProps().getEntries();
     if (!std::equal(entries.begin(), entries.end(), props.begin(), props.end()))
         return AssertionFailure() << "parameters are " << describeProps(entries) << ", expected "
@@ -71,9 +86,8 @@ AssertionResult matchesError(const CError& error, const std::type_info& type, in
                              ExpectedProps props) {
     if (AssertionResult result = matchesType(error, type); !result)
         return result;
-    if (error.getCode() != code)
-        return AssertionFailure() << "code is " << error.getCode() << ", expected " << code << "; message: \""
-                                  << error.getMessage().toUTF8Lossy() << "\"";
+    if (AssertionResult result = matchesCode(error, code); !result)
+        return result;
     return matchesMessageAndProps(error, message, props);
 }
 
@@ -83,6 +97,19 @@ AssertionResult throwsError(const std::function<void()>& action, const std::type
     if (!outcome.error)
         return AssertionFailure() << outcome.other;
     return matchesError(*outcome.error, type, code, message, props);
+}
+
+AssertionResult throwsErrorWithSecondText(const std::function<void()>& action, const std::type_info& type,
+                                          int code, const String& message, const String& secondText,
+                                          ExpectedProps props) {
+    const Outcome outcome = run(action);
+    if (!outcome.error)
+        return AssertionFailure() << outcome.other;
+    if (AssertionResult result = matchesType(*outcome.error, type); !result)
+        return result;
+    if (AssertionResult result = matchesCode(*outcome.error, code); !result)
+        return result;
+    return matchesMessageAndProps(*outcome.error, message, props, secondText);
 }
 
 AssertionResult throwsFileSystemError(const std::function<void()>& action, CFileSystemError::Problem problem,
@@ -96,6 +123,8 @@ AssertionResult throwsFileSystemError(const std::function<void()>& action, CFile
     if (error.getProblem() != problem)
         return AssertionFailure() << "problem is " << error.getProblem() << ", expected " << problem
                                   << "; message: \"" << error.getMessage().toUTF8Lossy() << "\"";
+    if (AssertionResult result = matchesCode(error, noCode); !result)
+        return result;
     return matchesMessageAndProps(error, message, props);
 }
 
@@ -110,6 +139,8 @@ AssertionResult throwsInvalidArgError(const std::function<void()>& action, const
     if (error.getSource() != source)
         return AssertionFailure() << "source is \"" << error.getSource().toUTF8Lossy() << "\", expected \""
                                   << source.toUTF8Lossy() << "\"";
+    if (AssertionResult result = matchesCode(error, noCode); !result)
+        return result;
     return matchesMessageAndProps(error, message, props);
 }
 

@@ -12,8 +12,8 @@
 #include <memory>
 #include <typeinfo>
 
-/// Passes when `statement` throws an error of exactly this class with this code, this message and these
-/// parameters, in this order and no others:
+/// Passes when `statement` throws an error of exactly this class with this code, this message, no second
+/// text, and these parameters, in this order and no others:
 ///
 ///   EXPECT_LUM_ERROR(stream->read(buffer, 8), CIOError, 4, "Unexpected end of file.",
 ///                    {{"uri", uri.toString(true)}, {"position", "5"}, {"bytesToRead", "8"}});
@@ -24,12 +24,17 @@
     EXPECT_TRUE(::tessel::test::throwsError([&] { statement; }, typeid(Class), code,                         \
                                             message __VA_OPT__(, ) __VA_ARGS__))
 
-/// The same for a CFileSystemError, which is told by its problem: the code is not looked at.
+/// The same for one of the few errors that have a second text, which stands behind the message.
+#define EXPECT_LUM_ERROR_WITH_SECOND_TEXT(statement, Class, code, message, secondText, ...)                  \
+    EXPECT_TRUE(::tessel::test::throwsErrorWithSecondText([&] { statement; }, typeid(Class), code, message,  \
+                                                          secondText __VA_OPT__(, ) __VA_ARGS__))
+
+/// The same for a CFileSystemError, which is told by its problem: the code is -1.
 #define EXPECT_FILE_SYSTEM_ERROR(statement, problem, message, ...)                                           \
     EXPECT_TRUE(::tessel::test::throwsFileSystemError([&] { statement; }, problem,                           \
                                                       message __VA_OPT__(, ) __VA_ARGS__))
 
-/// The same for a CInvalidArgError, which names its source.
+/// The same for a CInvalidArgError, which names its source; the code is -1.
 #define EXPECT_INVALID_ARG_ERROR(statement, source, message, ...)                                            \
     EXPECT_TRUE(::tessel::test::throwsInvalidArgError([&] { statement; }, source,                            \
                                                       message __VA_OPT__(, ) __VA_ARGS__))
@@ -48,6 +53,10 @@ std::unique_ptr<lum::CError> catchError(const std::function<void()>& action);
 
 ::testing::AssertionResult throwsError(const std::function<void()>& action, const std::type_info& type,
                                        int code, const lum::String& message, ExpectedProps props = {});
+::testing::AssertionResult throwsErrorWithSecondText(const std::function<void()>& action,
+                                                     const std::type_info& type, int code,
+                                                     const lum::String& message,
+                                                     const lum::String& secondText, ExpectedProps props = {});
 ::testing::AssertionResult throwsFileSystemError(const std::function<void()>& action,
                                                  lum::CFileSystemError::Problem problem,
                                                  const lum::String& message, ExpectedProps props = {});

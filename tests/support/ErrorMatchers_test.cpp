@@ -77,6 +77,36 @@ TEST(ErrorMatchers, RefuseAnotherSourceOrClass) {
     EXPECT_FALSE(throwsInvalidArgError(throwNothing, "CThing::do", "Invalid thing", props));
 }
 
+TEST(ErrorMatchers, RefuseASecondTextThatNobodySpokeOf) {
+    const CError error("Failed", "because", -1, CProps().add("uri", "file:/a"));
+    EXPECT_EQ(messageOf(matchesError(error, typeid(CError), -1, "Failed", {{"uri", "file:/a"}})),
+              "second text is \"because\", expected \"\"; message: \"Failed\"");
+    const auto throwWithText = [&] { throw CFileSystemError(CFileSystemError::Problem_Locked, error); };
+    EXPECT_FALSE(throwsFileSystemError(throwWithText, CFileSystemError::Problem_Locked, "Failed",
+                                       {{"uri", "file:/a"}}));
+}
+
+TEST(ErrorMatchers, AcceptTheSecondTextThatIsNamedAndNoOther) {
+    const CError error("Failed", "because", -1, CProps().add("uri", "file:/a"));
+    const auto action = [&] { throw error; };
+    EXPECT_LUM_ERROR_WITH_SECOND_TEXT(action(), CError, -1, "Failed", "because", {{"uri", "file:/a"}});
+    const ExpectedProps props = {{"uri", "file:/a"}};
+    EXPECT_FALSE(throwsErrorWithSecondText(action, typeid(CError), -1, "Failed", "", props));
+    EXPECT_FALSE(throwsErrorWithSecondText(action, typeid(CError), -1, "Passed", "because", props));
+    EXPECT_FALSE(throwsErrorWithSecondText(action, typeid(CError), 4, "Failed", "because", props));
+    EXPECT_FALSE(throwsErrorWithSecondText(action, typeid(CIOError), -1, "Failed", "because", props));
+    EXPECT_FALSE(throwsErrorWithSecondText(action, typeid(CError), -1, "Failed", "because"));
+    EXPECT_FALSE(throwsErrorWithSecondText(throwNothing, typeid(CError), -1, "Failed", "because", props));
+}
+
+TEST(ErrorMatchers, RefuseAFileSystemErrorWithACode) {
+    const CError error("In use", String(), 7, CProps().add("uri", "file:/a"));
+    const auto throwWithCode = [&] { throw CFileSystemError(CFileSystemError::Problem_Locked, error); };
+    EXPECT_EQ(messageOf(throwsFileSystemError(throwWithCode, CFileSystemError::Problem_Locked, "In use",
+                                              {{"uri", "file:/a"}})),
+              "code is 7, expected -1; message: \"In use\"");
+}
+
 TEST(ErrorMatchers, TellWhatWasThrownInstead) {
     EXPECT_EQ(messageOf(throwsError(throwNothing, typeid(CError), -1, "x")), "threw nothing");
     EXPECT_EQ(messageOf(throwsError(throwForeign, typeid(CError), -1, "x")),

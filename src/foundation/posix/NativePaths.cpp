@@ -15,7 +15,7 @@ namespace {
 [[noreturn]] void throwNoCurrentFolder(int error) {
     throw CFileSystemError(
         error == ENOENT ? CFileSystemError::Problem_NotFound : CFileSystemError::Problem_Other,
-        CError("The current folder cannot be told", std::generic_category().message(error).c_str(), error));
+        CError("The current folder cannot be told", std::generic_category().message(error).c_str()));
 }
 
 } // namespace

@@ -103,6 +103,21 @@ TEST_F(CConfinedNativeFilesTest, FollowsLinksBeforeItAllowsAFile) {
     EXPECT_FALSE(std::filesystem::exists(path("out/new")));
 }
 
+TEST_F(CConfinedNativeFilesTest, FolderThatCannotBeAllowedLeavesAllAsItWas) {
+    makeFile(*m_confined, uri("in/real"));
+    std::filesystem::create_symlink("loop", path("loop"));
+    EXPECT_THROW(m_confined->allow(uri("loop")), CFileSystemError);
+    EXPECT_TRUE(m_confined->isAllowed(uri("in/real")));
+    EXPECT_FALSE(m_confined->isAllowed(uri("out/secret")));
+    const auto error = tessel::test::catchError([&] { m_confined->fileExists(uri("out/secret")); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->getProps().getValue("allowed"), uri("in").toString(true)) << "and no folder besides";
+
+    m_confined->allow(uri("out"));
+    EXPECT_TRUE(m_confined->isAllowed(uri("out/secret")));
+    EXPECT_TRUE(m_confined->isAllowed(uri("in/real")));
+}
+
 TEST_F(CConfinedNativeFilesTest, TakesAFolderThatIsItselfReachedThroughALink) {
     std::filesystem::create_symlink("in", path("alias"));
     const P<CConfinedFileSystem> confined(new CConfinedFileSystem(m_native.get(), uri("alias")));

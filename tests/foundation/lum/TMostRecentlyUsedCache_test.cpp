@@ -398,4 +398,43 @@ TEST_F(TMostRecentlyUsedCacheTest, FailedInsertionLeavesTheCacheAsItWas) {
     EXPECT_THAT(evictionOrder(cache, removed), ElementsAre(10, 20, 30));
 }
 
+TEST_F(TMostRecentlyUsedCacheTest, RangeOfKeysIsRemovedAsLongAsTheConditionHolds) {
+    Cache cache(10);
+    fill(cache, 8);
+    cache.get(4);
+    std::vector<int> asked;
+    cache.removeFrom(3, [&asked](int key) {
+        asked.push_back(key);
+        return key < 6;
+    });
+    EXPECT_THAT(asked, ElementsAre(3, 4, 5, 6));
+    EXPECT_THAT(keysOf(cache), ElementsAre(1, 2, 6, 7, 8));
+    EXPECT_EQ(cache.getCount(), 5);
+    EXPECT_EQ(CValue::s_alive, 5) << "the removed ones are let go of";
+    put(cache, 3);
+    EXPECT_EQ(cache.get(3)->getNumber(), 30);
+
+    cache.removeFrom(9, [](int) { return true; });
+    EXPECT_EQ(cache.getCount(), 6);
+    cache.removeFrom(1, [](int) { return false; });
+    EXPECT_EQ(cache.getCount(), 6);
+    cache.removeFrom(0, [](int) { return true; });
+    EXPECT_EQ(cache.getCount(), 0);
+}
+
+TEST_F(TMostRecentlyUsedCacheTest, RangeIsRemovedWithoutMemoryAndWhateverDestructorsDo) {
+    const P<Cache> cache(new Cache(10));
+    fill(*cache, 4);
+    Cache* const raw = cache.get();
+    cache->get(2)->setOnDestruction([raw] { put(*raw, 4); });
+    {
+        const CFailingAllocation failure(1);
+        cache->removeFrom(3, [](int) { return true; });
+    }
+    EXPECT_THAT(keysOf(*cache), ElementsAre(1, 2));
+    cache->removeFrom(2, [](int) { return true; });
+    EXPECT_THAT(keysOf(*cache), ElementsAre(1)) << "what came in meanwhile is in the range";
+    cache->clear();
+}
+
 } // namespace

@@ -452,6 +452,28 @@ TEST_F(CNativeFileSystemTest, FoldersThatCannotBeFlushedAreNotMissed) {
     }
 }
 
+TEST_F(CNativeFileSystemTest, FolderThatCannotBeOpenedForWantOfMeansIsToldByTheFirstFlush) {
+    {
+        // The file is missing, the file is made, there are no descriptors left for its folder.
+        const CSystemCallFaults faults(
+            {{.call = Faults::Open, .times = 2}, {.call = Faults::Open, .error = EMFILE}});
+        const P<IIOStream> stream = openNew("hello", "a");
+        const auto error = catchError([&] { stream->flush(); });
+        ASSERT_TRUE(error);
+        EXPECT_TRUE(matchesError(*error, typeid(CIOError), 2, "Cannot flush file: Too many open files",
+                                 {{"uri", name("a")}}));
+    }
+    {
+        const CSystemCallFaults faults({{.call = Faults::RealPath, .error = EIO}});
+        const P<IIOStream> stream = openNew("hello", "b");
+        EXPECT_LUM_ERROR(stream->flush(), CIOError, 2, "Cannot flush file: Input/output error",
+                         {{"uri", name("b")}});
+    }
+    EXPECT_EQ(contents("a"), "hello");
+    EXPECT_EQ(contents("b"), "hello");
+    EXPECT_NO_THROW(open("a")->flush()) << "its name is durable as far as later openers know";
+}
+
 // --- closing, locking, looking up
 
 TEST_F(CNativeFileSystemTest, FailedCloseTellsWhyAndIsACloseAllTheSame) {

@@ -46,8 +46,11 @@ TEST_F(NativePaths, TellsALongCurrentFolder) {
 
 TEST_F(NativePaths, CannotTellAFolderThatIsGone) {
     std::filesystem::remove_all(m_folder);
-    EXPECT_FILE_SYSTEM_ERROR(getCurrentWorkDirectoryAsString(), CFileSystemError::Problem_NotFound,
-                             "The current folder cannot be told");
+    EXPECT_LUM_ERROR_WITH_SECOND_TEXT(getCurrentWorkDirectoryAsString(), CFileSystemError, -1,
+                                      "The current folder cannot be told", "No such file or directory");
+    const auto error = tessel::test::catchError([] { getCurrentWorkDirectoryAsString(); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(dynamic_cast<const CFileSystemError&>(*error).getProblem(), CFileSystemError::Problem_NotFound);
 }
 
 TEST_F(NativePaths, CannotTellAFolderWhoseNameIsNoText) {
