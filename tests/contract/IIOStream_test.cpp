@@ -2,9 +2,7 @@
 
 #include "CLogRecorder.h"
 #include "ErrorMatchers.h"
-#include "FileSystems.h"
-#include "lum/CBufferStream.h"
-#include "lum/COptimizingIOStream.h"
+#include "Streams.h"
 
 #include <gmock/gmock.h>
 
@@ -16,60 +14,6 @@ using namespace tessel::test;
 using ::testing::IsEmpty;
 
 namespace {
-
-/// An empty stream for a test.
-struct StreamUnderTest {
-    /// What the stream stands on: it goes after the stream.
-    std::shared_ptr<void> owner;
-    P<IIOStream> stream;
-    bool onFile;
-};
-
-struct StreamKind {
-    std::string name;
-    std::function<StreamUnderTest()> make;
-};
-
-void PrintTo(const StreamKind& kind, std::ostream* out) {
-    *out << kind.name;
-}
-
-/// The streams of all file systems, bare and each under a COptimizingIOStream, and those in memory.
-std::vector<StreamKind> getStreamKinds() {
-    std::vector<StreamKind> kinds;
-    for (const FileSystemKind& fileSystemKind : getFileSystemKinds()) {
-        const auto makeBare = [&fileSystemKind]() -> StreamUnderTest {
-            const auto setUp = std::make_shared<FileSystemUnderTest>(fileSystemKind.make());
-            return {setUp,
-                    setUp->fileSystem->openFile(setUp->folder << String("a"), IIOStream::Access_ReadWrite),
-                    true};
-        };
-        const auto makeOptimizing = [makeBare] {
-            StreamUnderTest result = makeBare();
-            result.stream = new COptimizingIOStream(result.stream.get());
-            return result;
-        };
-        kinds.push_back({fileSystemKind.name, makeBare});
-        kinds.push_back({std::string("Optimizing") + fileSystemKind.name, makeOptimizing});
-        kinds.push_back({std::string("OptimizingTwice") + fileSystemKind.name, [makeOptimizing] {
-                             StreamUnderTest result = makeOptimizing();
-                             result.stream = new COptimizingIOStream(result.stream.get());
-                             return result;
-                         }});
-    }
-    const auto makeBuffer = [](double growth) -> StreamUnderTest {
-        const auto buffer = std::make_shared<TBuffer<unsigned char>>();
-        return {buffer, P<IIOStream>(new CBufferStream(buffer.get(), growth)), false};
-    };
-    kinds.push_back({"Buffer", [makeBuffer] { return makeBuffer(1.0); }});
-    kinds.push_back({"GrowingBuffer", [makeBuffer] { return makeBuffer(2.0); }});
-    kinds.push_back({"OptimizingBuffer", [makeBuffer] {
-                         StreamUnderTest result = makeBuffer(1.5);
-                         result.stream = new COptimizingIOStream(result.stream.get());
-                         return result;
-                     }});
-    return kinds;
-}
 
 /// What every stream promises.
 class IIOStreamContract : public ::testing::TestWithParam<StreamKind> {

@@ -69,6 +69,9 @@ Function* findNext(const char* name) {
 /// The most that getrandom gives in one call, as after a signal; 0 for as much as is asked for.
 std::size_t g_largestPiece = 0;
 
+/// How many cipher contexts were made.
+int g_contextCount = 0;
+
 } // namespace
 
 #define PASS_ON(name, ...)                                                                                   \
@@ -94,6 +97,11 @@ EVP_CIPHER* EVP_CIPHER_fetch(OSSL_LIB_CTX* context, const char* algorithm, const
         return nullptr;
     }
     PASS_ON(EVP_CIPHER_fetch, context, algorithm, properties);
+}
+
+EVP_CIPHER_CTX* EVP_CIPHER_CTX_new() {
+    ++g_contextCount;
+    PASS_ON(EVP_CIPHER_CTX_new, );
 }
 
 int EVP_CipherInit_ex2(EVP_CIPHER_CTX* context, const EVP_CIPHER* cipher, const unsigned char* key,
@@ -282,6 +290,21 @@ protected:
     const Bytes iv{16};
     const Bytes plain = fromHex("000102030405060708090a0b0c0d0e0f10111213");
 };
+
+TEST_F(CipherFaults, ContextsOfACipherServeAllItsMessages) {
+    const int before = g_contextCount;
+    const P<sigil::CCipher_AES256CBC> another(new sigil::CCipher_AES256CBC);
+    EXPECT_EQ(g_contextCount, before + 2) << "one for each direction";
+    Bytes encrypted;
+    Bytes decrypted;
+    for (int i = 0; i < 10; ++i) {
+        encrypted.setUsed(0);
+        decrypted.setUsed(0);
+        another->encrypt(plain.getData(), 16, key, iv, encrypted, false);
+        another->decrypt(encrypted.getData(), 16, key, iv, decrypted, false);
+    }
+    EXPECT_EQ(g_contextCount, before + 2);
+}
 
 TEST_F(CipherFaults, NoEngineNoCipher) {
     failNext("EVP_CIPHER_fetch");
