@@ -1,5 +1,6 @@
 #include "tessel/CVMDKDescriptor.h"
 
+#include "descriptor/PackedText.h"
 #include "lum/CInvalidArgError.h"
 #include "lum/Logging.h"
 #include "tessel/VMDKMarker.h"
@@ -61,63 +62,117 @@ Encoding encodingByName(const String& name) {
     return Encoding::Unknown;
 }
 
+String fromLatin1(std::string_view bytes) {
+    return String(bytes.data(), static_cast<int>(bytes.size()));
+}
+
+/// Calls `visit(line)` for each line, and for what stands behind the last line feed, until it returns false.
+template <class Visit>
+void forEachLine(std::string_view text, Visit visit) {
+    for (std::size_t start = 0; start <= text.size();) {
+        const std::size_t end = std::min(text.find('\n', start), text.size());
+        if (!visit(text.substr(start, end - start)))
+            return;
+        start = end + 1;
+    }
+}
+
+/// The value of the first setting of that name; empty without one.
+String findEncoding(std::string_view text) {
+    String encoding;
+    forEachLine(text, [&](std::string_view line) {
+        if (line.find('=') == std::string_view::npos)
+            return true;
+        const P<CVMDKDescriptorEntry> entry = parseLine(fromLatin1(line));
+        const auto* const value = entryAs<CVMDKDescriptor::CNameValueEntry>(entry);
+        if (!value || !value->hasName("encoding"))
+            return true;
+        encoding = value->getValue();
+        return false;
+    });
+    return encoding;
+}
+
 } // namespace
 
 CVMDKDescriptor::CNameValueEntry::CNameValueEntry(const String& name, const String& value, bool quoted)
-    : m_name(name), m_value(value), m_quoted(quoted) {}
+    : m_quoted(quoted) {
+    const std::string packedName = packText(name);
+    const std::string packedValue = packText(value);
+    m_nameSize = static_cast<uint32>(packedName.size());
+    m_text.reserve(packedName.size() + packedValue.size());
+    m_text.append(packedName).append(packedValue);
+}
+
+String CVMDKDescriptor::CNameValueEntry::getName() const {
+    return unpackText(std::string_view(m_text).substr(0, m_nameSize));
+}
+
+String CVMDKDescriptor::CNameValueEntry::getValue() const {
+    return unpackText(std::string_view(m_text).substr(m_nameSize));
+}
+
+void CVMDKDescriptor::CNameValueEntry::setValue(const String& value) {
+    m_text.replace(m_nameSize, std::string::npos, packText(value));
+}
+
+bool CVMDKDescriptor::CNameValueEntry::hasName(const String& lowerName) const {
+    // A letter and its other case take the same number of bytes, so that most names need not be unpacked.
+    std::size_t size = 0;
+    for (const wchar_t c : lowerName.getWideString())
+        size += c >= 0 && c < 0x80 ? 1 : 2;
+    return size <= m_nameSize && getName().Lower() == lowerName;
+}
 
 String CVMDKDescriptor::CNameValueEntry::toString() const {
-    const String separator = m_name.StartsWith("ddb.") ? " = " : "=";
+    const String name = getName();
+    const String separator = name.StartsWith("ddb.") ? " = " : "=";
     const String quote = m_quoted ? "\"" : "";
-    return m_name + separator + quote + m_value + quote;
+    return name + separator + quote + getValue() + quote;
 }
 
 P<CVMDKDescriptorEntry> CVMDKDescriptor::CNameValueEntry::cloneDescriptorEntry() const {
-    return new CNameValueEntry(m_name, m_value, m_quoted);
+    return new CNameValueEntry(*this);
 }
 
-CVMDKDescriptor::CGenericEntry::CGenericEntry(const String& line) : m_line(line) {}
+CVMDKDescriptor::CGenericEntry::CGenericEntry(const String& line) : m_line(packText(line)) {}
 
 String CVMDKDescriptor::CGenericEntry::toString() const {
-    return m_line;
+    return unpackText(m_line);
 }
 
 P<CVMDKDescriptorEntry> CVMDKDescriptor::CGenericEntry::cloneDescriptorEntry() const {
-    return new CGenericEntry(m_line);
+    return new CGenericEntry(*this);
 }
 
 CVMDKDescriptor::CVMDKDescriptor() = default;
 
 CVMDKDescriptor::CVMDKDescriptor(const TBuffer<unsigned char>& data) {
     const unsigned char* const begin = data.getData();
-    const int64 length = std::find(begin, begin + data.getUsed(), 0) - begin;
-    const auto* const text = reinterpret_cast<const char*>(begin);
-    const auto latin1 = [&] { return String(text, static_cast<int>(length)); };
+    const auto length = static_cast<std::size_t>(std::find(begin, begin + data.getUsed(), 0) - begin);
+    const std::string_view text(reinterpret_cast<const char*>(begin), length);
 
     // The encoding stands in the text itself, in ASCII: Latin-1 is enough to find it.
-    parse(latin1());
-    String encoding;
-    tryGetValue("encoding", encoding);
+    const String encoding = findEncoding(text);
     switch (encodingByName(encoding)) {
     case Encoding::Latin1:
-        return;
+        break;
     case Encoding::Unknown:
         logWarning("Unknown VMDK descriptor encoding '" + encoding + "'. Using Latin-1 instead.");
-        return;
-    case Encoding::UTF8:
         break;
+    case Encoding::UTF8:
+        try {
+            // No character of more than one byte holds the byte of a line feed.
+            parse(text, [](std::string_view line) { return String::fromUTF8(line); });
+            return;
+        } catch (const CError& error) {
+            logWarning(error,
+                       "Ignoring VMDK descriptor decoding error (encoding: '" + encoding +
+                           "'. Using Latin-1 encoding instead.",
+                       "");
+        }
     }
-    String decoded;
-    try {
-        decoded = String::fromUTF8(text, length);
-    } catch (const CError& error) {
-        logWarning(error,
-                   "Ignoring VMDK descriptor decoding error (encoding: '" + encoding +
-                       "'. Using Latin-1 encoding instead.",
-                   "");
-        return;
-    }
-    parse(decoded);
+    parse(text, fromLatin1);
 }
 
 CVMDKDescriptor::CVMDKDescriptor(const CVMDKDescriptor& other) : CBase() {
@@ -135,17 +190,17 @@ CVMDKDescriptor& CVMDKDescriptor::operator=(const CVMDKDescriptor& other) {
     return *this;
 }
 
-void CVMDKDescriptor::parse(const String& text) {
+// Line by line, so that the whole text never stands in memory as wide characters.
+template <class Decode>
+void CVMDKDescriptor::parse(std::string_view text, Decode decode) {
     m_entries.clear();
+    m_entries.reserve(static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')) + 1);
     m_headerInsertionIndex = 0;
     m_extentRunEnd = -1;
-    for (int start = 0;;) {
-        const int end = text.Find(L'\n', start);
-        m_entries.push_back(parseLine(text.Mid(start, end < 0 ? -1 : end - start)));
-        if (end < 0)
-            break;
-        start = end + 1;
-    }
+    forEachLine(text, [&](std::string_view line) {
+        m_entries.push_back(parseLine(decode(line)));
+        return true;
+    });
     // The line that the last line feed leaves behind.
     if (m_entries.back()->toString().isEmpty())
         m_entries.pop_back();
@@ -162,7 +217,7 @@ P<CVMDKDescriptor::CNameValueEntry> CVMDKDescriptor::findValueEntry(const String
     const String lowerName = name.Lower();
     for (const auto& entry : m_entries)
         if (auto* const setting = entryAs<CNameValueEntry>(entry))
-            if (setting->getName().Lower() == lowerName)
+            if (setting->hasName(lowerName))
                 return setting;
     return nullptr;
 }
@@ -251,6 +306,12 @@ void CVMDKDescriptor::getSettingLines(TArray<String>& lines) const {
     for (const auto& entry : m_entries)
         if (entryAs<CNameValueEntry>(entry))
             lines.push_back(entry->toString());
+}
+
+void CVMDKDescriptor::visitOtherLines(const std::function<void(const String&)>& visit) const {
+    for (const auto& entry : m_entries)
+        if (!entryAs<CVMDKExtentInfo>(entry))
+            visit(entry->toString());
 }
 
 void CVMDKDescriptor::addGenericLine(const String& line, bool insertInHeader) {

@@ -1,5 +1,6 @@
 #include "tessel/CVMDKExtentInfo.h"
 
+#include "descriptor/PackedText.h"
 #include "lum/CError.h"
 #include "lum/TextFunctions.h"
 
@@ -32,7 +33,27 @@ bool isNumber(const String& text) {
 
 CVMDKExtentInfo::CVMDKExtentInfo(const String& access, int64 sizeSectors, const String& type,
                                  const String& filename, int64 offset)
-    : m_access(access), m_sizeSectors(sizeSectors), m_type(type), m_filename(filename), m_offset(offset) {}
+    : m_sizeSectors(sizeSectors), m_offset(offset) {
+    const std::string packedAccess = packText(access);
+    const std::string packedType = packText(type);
+    const std::string packedFilename = packText(filename);
+    m_accessSize = static_cast<uint32>(packedAccess.size());
+    m_typeSize = static_cast<uint32>(packedType.size());
+    m_text.reserve(packedAccess.size() + packedType.size() + packedFilename.size());
+    m_text.append(packedAccess).append(packedType).append(packedFilename);
+}
+
+String CVMDKExtentInfo::getAccess() const {
+    return unpackText(std::string_view(m_text).substr(0, m_accessSize));
+}
+
+String CVMDKExtentInfo::getType() const {
+    return unpackText(std::string_view(m_text).substr(m_accessSize, m_typeSize));
+}
+
+String CVMDKExtentInfo::getFilename() const {
+    return unpackText(std::string_view(m_text).substr(std::size_t{m_accessSize} + m_typeSize));
+}
 
 P<CVMDKExtentInfo> CVMDKExtentInfo::tryParseDescriptorLine(const String& line) {
     String rest = line;
@@ -55,16 +76,15 @@ P<CVMDKExtentInfo> CVMDKExtentInfo::tryParseDescriptorLine(const String& line) {
 }
 
 String CVMDKExtentInfo::toString() const {
-    String line = m_access + " " + toDecimal(m_sizeSectors) + " " + m_type + " \"" + m_filename + "\"";
+    String line =
+        getAccess() + " " + toDecimal(m_sizeSectors) + " " + getType() + " \"" + getFilename() + "\"";
     if (m_offset != -1)
         line += " " + toDecimal(m_offset);
     return line;
 }
 
 P<CVMDKDescriptorEntry> CVMDKExtentInfo::cloneDescriptorEntry() const {
-    P<CVMDKExtentInfo> info(new CVMDKExtentInfo(m_access, m_sizeSectors, m_type, m_filename, m_offset));
-    info->m_sizeKnown = m_sizeKnown;
-    return info;
+    return new CVMDKExtentInfo(*this);
 }
 
 } // namespace tessel

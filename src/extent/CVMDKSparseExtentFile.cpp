@@ -506,6 +506,13 @@ int64 CVMDKSparseExtentFile::findSlotRun(int64 grainIndex, bool& hasSlot) {
         m_grainDirectory->findGrainEntry(index, grainPosSectors, slotSizeSectors);
         return grainPosSectors > 0;
     };
+    if (grainIndex >= 0 && grainIndex < m_grainDirectory->getGrainCount()) {
+        const int64 table = m_grainDirectory->findNextTable(grainIndex / entriesPerTable);
+        if (table > grainIndex / entriesPerTable) {
+            hasSlot = false;
+            return std::min(table * entriesPerTable, m_grainDirectory->getGrainCount()) - grainIndex;
+        }
+    }
     hasSlot = grainHasSlot(grainIndex);
     int64 next = grainIndex + 1;
     while (next < end && grainHasSlot(next) == hasSlot)
@@ -517,14 +524,22 @@ P<CVMDKSpaceInfo> CVMDKSparseExtentFile::gatherSpaceInfo() {
     flushChanges();
     int64 payloadSize = 0;
     int64 payloadSizeInFile = 0;
-    for (int64 i = 0; i < m_grainDirectory->getGrainCount(); ++i) {
-        int64 grainPosSectors = 0;
-        int64 slotSizeSectors = 0;
-        m_grainDirectory->findGrainEntry(i, grainPosSectors, slotSizeSectors);
-        if (grainPosSectors <= 0)
-            continue;
-        payloadSize += m_grainSizeBytes;
-        payloadSizeInFile += m_compressed ? slotSizeSectors * vmdkSectorSize : m_grainSizeBytes;
+    const int entriesPerTable = m_grainDirectory->getEntriesPerTable();
+    // Table by table, since of what a header claims most may not be there.
+    for (int64 t = m_grainDirectory->findNextTable(0); t < m_grainDirectory->getTableCount();
+         t = m_grainDirectory->findNextTable(t + 1)) {
+        const P<CVMDKGrainTable> table = m_grainDirectory->getGrainTable(t);
+        const int64 grains =
+            std::min<int64>(entriesPerTable, m_grainDirectory->getGrainCount() - t * entriesPerTable);
+        for (int64 i = 0; i < grains; ++i) {
+            int64 grainPosSectors = 0;
+            int64 slotSizeSectors = 0;
+            table->getGrainInfo(i, grainPosSectors, slotSizeSectors);
+            if (grainPosSectors <= 0)
+                continue;
+            payloadSize += m_grainSizeBytes;
+            payloadSizeInFile += m_compressed ? slotSizeSectors * vmdkSectorSize : m_grainSizeBytes;
+        }
     }
     const int64 headerSize = static_cast<int64>(m_header->getOverheadSectors()) * vmdkSectorSize;
     int64 deadSpace = m_stream->getLength() - headerSize - payloadSizeInFile;
