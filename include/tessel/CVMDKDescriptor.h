@@ -33,6 +33,8 @@ public:
         P<CVMDKDescriptorEntry> cloneDescriptorEntry() const override;
 
     private:
+        friend class CVMDKDescriptor;
+
         CNameValueEntry(const CNameValueEntry& other) = default;
 
         /// Name and value, packed: there may be many lines.
@@ -50,6 +52,8 @@ public:
         P<CVMDKDescriptorEntry> cloneDescriptorEntry() const override;
 
     private:
+        friend class CVMDKDescriptor;
+
         CGenericEntry(const CGenericEntry& other) = default;
 
         std::string m_line; ///< packed
@@ -156,8 +160,9 @@ protected:
     P<CNameValueEntry> findValueEntry(const String& name) const;
 
 private:
-    template <class Decode>
-    void parse(std::string_view text, Decode decode);
+    static P<CVMDKDescriptorEntry> parseLine(std::string&& line);
+    template <class Pack>
+    void parse(std::string_view text, Pack pack);
     void insertEntry(CVMDKDescriptorEntry* entry, bool insertInHeader);
     int findEndOfFirstExtentRun() const;
     TBuffer<unsigned char> getBytes(const String& name) const;

@@ -33,12 +33,17 @@ public:
     P<CVMDKDescriptorEntry> cloneDescriptorEntry() const override;
 
 private:
+    friend class CVMDKDescriptor;
+
+    /// As tryParseDescriptorLine(), for packed text.
+    static P<CVMDKExtentInfo> tryParsePackedLine(std::string_view line);
+    void setTexts(std::string_view access, std::string_view type, std::string_view filename);
     CVMDKExtentInfo(const CVMDKExtentInfo& other) = default;
 
     /// Access, type and file reference, packed: a disk may have many extents.
     std::string m_text;
-    uint32 m_accessSize; ///< bytes
-    uint32 m_typeSize;
+    uint32 m_accessSize = 0; ///< bytes
+    uint32 m_typeSize = 0;
     int64 m_sizeSectors;
     int64 m_offset;
     bool m_sizeKnown = true;

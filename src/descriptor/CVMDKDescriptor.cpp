@@ -1,6 +1,7 @@
 #include "tessel/CVMDKDescriptor.h"
 
 #include "descriptor/PackedText.h"
+#include "foundation/lum/UTF8.h"
 #include "lum/CInvalidArgError.h"
 #include "lum/Logging.h"
 #include "tessel/VMDKMarker.h"
@@ -25,28 +26,26 @@ void verifyOneLine(const char* method, const String& text) {
                 CProps().add("text", text));
 }
 
-P<CVMDKDescriptorEntry> tryParseNameValueLine(const String& line) {
-    const int equalsSign = line.Find(L'=');
-    if (equalsSign < 0)
-        return nullptr;
-    const String name = line.Left(equalsSign).trimmed();
-    if (name.isEmpty() || name.Contains(" "))
-        return nullptr;
-    String value = line.Mid(equalsSign + 1).trimmed();
-    const bool quoted = value.StartsWith("\"") && value.EndsWith("\"");
-    if (quoted)
-        value = value.Mid(1, value.getLength() - 2);
-    return new CVMDKDescriptor::CNameValueEntry(name, value, quoted);
-}
+struct USetting {
+    std::string_view name;
+    std::string_view value; ///< without its quotes
+    bool quoted = false;
+};
 
-P<CVMDKDescriptorEntry> parseLine(const String& line) {
-    if (line.StartsWith("#"))
-        return new CVMDKDescriptor::CGenericEntry(line);
-    if (P<CVMDKDescriptorEntry> entry = tryParseNameValueLine(line))
-        return entry;
-    if (P<CVMDKExtentInfo> extent = CVMDKExtentInfo::tryParseDescriptorLine(line))
-        return extent;
-    return new CVMDKDescriptor::CGenericEntry(line);
+/// False for a line that is no setting.
+bool trySplitSetting(std::string_view line, USetting& setting) {
+    const std::size_t equalsSign = line.find('=');
+    if (equalsSign == std::string_view::npos)
+        return false;
+    setting.name = trimPackedText(line.substr(0, equalsSign));
+    if (setting.name.empty() || setting.name.find(' ') != std::string_view::npos)
+        return false;
+    setting.value = trimPackedText(line.substr(equalsSign + 1));
+    setting.quoted = setting.value.starts_with('"') && setting.value.ends_with('"');
+    if (setting.quoted)
+        setting.value =
+            setting.value.size() < 2 ? std::string_view() : setting.value.substr(1, setting.value.size() - 2);
+    return true;
 }
 
 enum class Encoding { UTF8, Latin1, Unknown };
@@ -62,10 +61,6 @@ Encoding encodingByName(const String& name) {
     return Encoding::Unknown;
 }
 
-String fromLatin1(std::string_view bytes) {
-    return String(bytes.data(), static_cast<int>(bytes.size()));
-}
-
 /// Calls `visit(line)` for each line, and for what stands behind the last line feed, until it returns false.
 template <class Visit>
 void forEachLine(std::string_view text, Visit visit) {
@@ -77,20 +72,30 @@ void forEachLine(std::string_view text, Visit visit) {
     }
 }
 
+String fromLatin1(std::string_view bytes) {
+    return String(bytes.data(), static_cast<int>(bytes.size()));
+}
+
 /// The value of the first setting of that name; empty without one.
 String findEncoding(std::string_view text) {
+    constexpr std::string_view name = "encoding";
     String encoding;
     forEachLine(text, [&](std::string_view line) {
-        if (line.find('=') == std::string_view::npos)
+        USetting setting;
+        if (line.starts_with('#') || !trySplitSetting(line, setting) || setting.name.size() != name.size() ||
+            fromLatin1(setting.name).Lower() != fromLatin1(name))
             return true;
-        const P<CVMDKDescriptorEntry> entry = parseLine(fromLatin1(line));
-        const auto* const value = entryAs<CVMDKDescriptor::CNameValueEntry>(entry);
-        if (!value || !value->hasName("encoding"))
-            return true;
-        encoding = value->getValue();
+        encoding = fromLatin1(setting.value);
         return false;
     });
     return encoding;
+}
+
+void verifyUTF8(std::string_view text) {
+    char32_t character = 0;
+    for (std::size_t position = 0; position < text.size();)
+        if (!utf8::readCharacter(text, position, character))
+            throw CError("Invalid UTF-8 text", String(), -1, CProps().add("position", position));
 }
 
 } // namespace
@@ -162,8 +167,8 @@ CVMDKDescriptor::CVMDKDescriptor(const TBuffer<unsigned char>& data) {
         break;
     case Encoding::UTF8:
         try {
-            // No character of more than one byte holds the byte of a line feed.
-            parse(text, [](std::string_view line) { return String::fromUTF8(line); });
+            verifyUTF8(text);
+            parse(text, [](std::string_view line) { return std::string(line); });
             return;
         } catch (const CError& error) {
             logWarning(error,
@@ -172,7 +177,7 @@ CVMDKDescriptor::CVMDKDescriptor(const TBuffer<unsigned char>& data) {
                        "");
         }
     }
-    parse(text, fromLatin1);
+    parse(text, [](std::string_view line) { return packLatin1(line); });
 }
 
 CVMDKDescriptor::CVMDKDescriptor(const CVMDKDescriptor& other) : CBase() {
@@ -190,15 +195,33 @@ CVMDKDescriptor& CVMDKDescriptor::operator=(const CVMDKDescriptor& other) {
     return *this;
 }
 
-// Line by line, so that the whole text never stands in memory as wide characters.
-template <class Decode>
-void CVMDKDescriptor::parse(std::string_view text, Decode decode) {
+P<CVMDKDescriptorEntry> CVMDKDescriptor::parseLine(std::string&& line) {
+    USetting setting;
+    if (!line.starts_with('#') && trySplitSetting(line, setting)) {
+        const P<CNameValueEntry> entry(new CNameValueEntry(String(), String(), setting.quoted));
+        entry->m_nameSize = static_cast<uint32>(setting.name.size());
+        entry->m_text.reserve(setting.name.size() + setting.value.size());
+        entry->m_text.append(setting.name).append(setting.value);
+        return entry;
+    }
+    if (!line.starts_with('#'))
+        if (P<CVMDKExtentInfo> extent = CVMDKExtentInfo::tryParsePackedLine(line))
+            return extent;
+    const P<CGenericEntry> entry(new CGenericEntry(String()));
+    entry->m_line = std::move(line);
+    return entry;
+}
+
+/// `pack` makes packed text of a line. The whole text never stands in memory as wide characters, which would
+/// take several times its size.
+template <class Pack>
+void CVMDKDescriptor::parse(std::string_view text, Pack pack) {
     m_entries.clear();
     m_entries.reserve(static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')) + 1);
     m_headerInsertionIndex = 0;
     m_extentRunEnd = -1;
     forEachLine(text, [&](std::string_view line) {
-        m_entries.push_back(parseLine(decode(line)));
+        m_entries.push_back(parseLine(pack(line)));
         return true;
     });
     // The line that the last line feed leaves behind.

@@ -1,5 +1,6 @@
 #include "descriptor/PackedText.h"
 
+#include <algorithm>
 #include <bit>
 
 namespace tessel {
@@ -8,6 +9,8 @@ namespace {
 
 using lum::String;
 using lum::uint32;
+
+constexpr std::string_view whiteSpace = " \t\n\v\f\r";
 
 /// How many bytes a character takes behind its lead byte. Each holds 6 bits; the lead holds one bit less than
 /// UTF-8's pattern leaves for every byte that follows, and none in the longest form.
@@ -59,6 +62,29 @@ String unpackText(std::string_view packed) {
         text += static_cast<wchar_t>(character);
     }
     return String(std::move(text));
+}
+
+std::string packLatin1(std::string_view bytes) {
+    const auto isLong = [](char c) { return static_cast<unsigned char>(c) >= 0x80; };
+    std::string packed;
+    packed.reserve(bytes.size() +
+                   static_cast<std::size_t>(std::count_if(bytes.begin(), bytes.end(), isLong)));
+    for (const char c : bytes) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (isLong(c))
+            packed += static_cast<char>(static_cast<unsigned char>(0xC0U | (byte >> 6)));
+        packed += static_cast<char>(static_cast<unsigned char>(isLong(c) ? 0x80U | (byte & 0x3FU) : byte));
+    }
+    return packed;
+}
+
+std::string_view trimPackedTextLeft(std::string_view packed) noexcept {
+    return packed.substr(std::min(packed.find_first_not_of(whiteSpace), packed.size()));
+}
+
+std::string_view trimPackedText(std::string_view packed) noexcept {
+    const std::string_view rest = trimPackedTextLeft(packed);
+    return rest.substr(0, rest.find_last_not_of(whiteSpace) + 1);
 }
 
 } // namespace tessel

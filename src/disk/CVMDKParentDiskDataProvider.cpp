@@ -60,6 +60,7 @@ void CVMDKParentDiskDataProvider::ensureParentDiskOpen() {
         return;
     try {
         m_parentDisk = openParentDisk();
+        m_children = TArray<CURI>(); // the parent has them; a long chain would hold many copies
         fetchParentDiskSize();
     } catch (const CError& error) {
         logError(error,
