@@ -12,7 +12,7 @@ public:
     /// Descriptors above this many bytes are refused.
     static constexpr int64 maxDescriptorSize = 5242880;
     /// So are those of more lines: each line takes memory of its own, however short it is. Within both bounds
-    /// a descriptor takes no more than 26 MiB when it is parsed.
+    /// a parsed descriptor takes up to 24 MiB, and for a moment four times its longest line.
     static constexpr int64 maxLineCount = 131072;
 
     /// Reads and parses the descriptor; the stream's position is the same afterwards. Writing needs

@@ -225,7 +225,7 @@ void CVMDKDescriptor::parse(std::string_view text, Pack pack) {
         return true;
     });
     // The line that the last line feed leaves behind.
-    if (m_entries.back()->toString().isEmpty())
+    if (text.empty() || text.ends_with('\n'))
         m_entries.pop_back();
 
     for (std::size_t i = 0; i < m_entries.size(); ++i) {
