@@ -503,6 +503,60 @@ TEST_P(BombsTest, TakeNoMoreMemoryThanTheirFilesAndALittle) {
         EXPECT_THAT(outcomes[0].opening, ::testing::HasSubstr(bomb.opening));
 }
 
+// A directory that is read in parts leads to the same tables as one that is in memory.
+TEST(LongDirectoryTest, LeadsToTablesInAllItsParts) {
+    CBombFolder folder;
+    UBombHeader header;
+    header.directory = 128;
+    header.capacity = uint64{1000000} * 65536;
+    header.overhead = 16384;
+    const int64 tables[] = {0, 16383, 16384, 300000, 999999};
+    {
+        CBombFile file = folder.extent(header);
+        int64 i = 0;
+        for (const int64 table : tables) {
+            const int64 tableSector = 10000 + 4 * i;
+            const int64 slot = 16384 + 128 * i;
+            file.put32(128 * sector + 4 * table, static_cast<uint32>(tableSector));
+            file.put32(tableSector * sector + 4 * 7, static_cast<uint32>(slot));
+            file.put(slot * sector, std::string(65536, static_cast<char>('a' + i)));
+            ++i;
+        }
+    }
+    const P<IFileSystem> files(new CNativeFileSystem(false));
+    const auto open = [&](IIOStream::Access access) {
+        return P<CVMDKDisk>(new CVMDKDisk(files.get(), folder.uri(), access, "", 6, nullptr, nullptr));
+    };
+    const int64 tableBytes = 512 * 65536;
+    const auto readGrain = [&](CVMDKDisk& disk, int64 table, int64 grain) {
+        char c = '?';
+        disk.seek(table * tableBytes + grain * 65536 + 99);
+        disk.read(&c, 1);
+        return c;
+    };
+    {
+        const P<CVMDKDisk> disk = open(IIOStream::Access_Read);
+        for (int i = 4; i >= 0; --i)
+            EXPECT_EQ(readGrain(*disk, tables[i], 7), static_cast<char>('a' + i));
+        EXPECT_EQ(readGrain(*disk, 5000, 7), 0);
+        EXPECT_EQ(readGrain(*disk, 300000, 8), 0);
+        EXPECT_EQ(disk->gatherSpaceInfo()->getPayloadSize(), 5 * 65536);
+        const UVMDKGrainRun run = disk->findGrainRun(tableBytes);
+        EXPECT_EQ(run.layer, UVMDKGrainRun::nowhere);
+        EXPECT_EQ(run.sizeBytes, (16383 - 1) * tableBytes) << "up to the next table that is there";
+    }
+    {
+        const P<CVMDKDisk> disk = open(IIOStream::Access_ReadWrite);
+        disk->seek(300000 * tableBytes + 20 * 65536 + 99);
+        disk->write("z", 1);
+        EXPECT_EQ(readGrain(*disk, 0, 7), 'a');
+        EXPECT_EQ(readGrain(*disk, 300000, 20), 'z') << "a slot behind the end that the file had";
+        disk->seek(20000 * tableBytes);
+        EXPECT_THROW(disk->write("z", 1), CError) << "there is no table";
+    }
+    EXPECT_EQ(readGrain(*open(IIOStream::Access_Read), 300000, 20), 'z');
+}
+
 INSTANTIATE_TEST_SUITE_P(All, BombsTest, ::testing::ValuesIn(bombs),
                          [](const auto& row) { return std::string(row.param.name); });
 

@@ -1,6 +1,7 @@
 #include "CLogRecorder.h"
 #include "CMemoryLimit.h"
 #include "lum/CMemoryFileSystem.h"
+#include "lum/CSecretText.h"
 #include "lum/TextFunctions.h"
 #include "sigil/CCipher_AES256CBC.h"
 #include "tessel/CVMDKDescriptorAccessor.h"
@@ -53,8 +54,8 @@ protected:
     SecretsTest() {
         for (const bool isChild : {false, true}) {
             const P<CVMDKDisk> disk =
-                CVMDKDisk::create(m_files.get(), isChild ? m_child : m_parent, 8 * MiB, m_password, true, 6, -1,
-                                  isChild ? "parent.vmdk" : "", isChild ? m_parentID : noParent, false);
+                CVMDKDisk::create(m_files.get(), isChild ? m_child : m_parent, 8 * MiB, m_password, true, 6,
+                                  -1, isChild ? "parent.vmdk" : "", isChild ? m_parentID : noParent, false);
             const std::string data(100000, isChild ? 'c' : 'p');
             disk->seek(isChild ? 4 * MiB : 0);
             disk->write(data.data(), static_cast<int>(data.size()));
@@ -124,6 +125,38 @@ TEST(CFreedMemorySearchTest, FindsWhatIsLeftInFreedMemory) {
     const int64 before = search.getFindCount(0);
     copy = nullptr;
     EXPECT_EQ(search.getFindCount(0), before + 1);
+}
+
+TEST(CSecretTextTest, IsWipedWhenItGoesOrTakesAnother) {
+    const String text(passwordText);
+    const CFreedMemorySearch search(
+        {std::string(reinterpret_cast<const char*>(text.getText()), 16 * sizeof(wchar_t))});
+    {
+        CSecretText secret(text);
+        CSecretText copy(secret);
+        EXPECT_EQ(copy.get(), text);
+        secret = CSecretText(String("another one, which is as long as the first, or longer still"));
+        copy = CSecretText();
+        EXPECT_TRUE(copy.isEmpty());
+        String plain(text);
+        plain.wipe();
+        EXPECT_TRUE(plain.isEmpty());
+    }
+    EXPECT_EQ(search.getFindCount(0), 0);
+    { const String unwiped(text); }
+    EXPECT_EQ(search.getFindCount(0), 1);
+}
+
+TEST(CSecretTextTest, TurnsToUTF8AndBack) {
+    const String text(L"a\xE4\x20AC\xFFFD z");
+    const TCryptBuffer<unsigned char> bytes = CSecretText::toUTF8(text);
+    EXPECT_EQ(bytesOf(bytes), text.toUTF8());
+    const std::string utf8 = text.toUTF8() + "\xF0\x9F\x98\x80";
+    const TCryptBuffer<char> back(utf8.data(), static_cast<int64>(utf8.size()));
+    EXPECT_EQ(CSecretText::fromUTF8(back).get(), String::fromUTF8(utf8));
+    EXPECT_EQ(bytesOf(CSecretText::toUTF8(String::fromUTF8(utf8))), utf8);
+    const wchar_t surrogate[] = {L'a', static_cast<wchar_t>(0xD800), 0};
+    EXPECT_THROW(CSecretText::toUTF8(String(surrogate)), CError);
 }
 
 TEST_F(SecretsTest, NothingOfPasswordAndKeysIsLeftInFreedMemory) {
