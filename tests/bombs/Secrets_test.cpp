@@ -129,8 +129,9 @@ TEST(CFreedMemorySearchTest, FindsWhatIsLeftInFreedMemory) {
 
 TEST(CSecretTextTest, IsWipedWhenItGoesOrTakesAnother) {
     const String text(passwordText);
-    const CFreedMemorySearch search(
-        {std::string(reinterpret_cast<const char*>(text.getText()), 16 * sizeof(wchar_t))});
+    const std::vector<std::string> secrets = {
+        std::string(reinterpret_cast<const char*>(text.getText()), 16 * sizeof(wchar_t))};
+    const CFreedMemorySearch search(secrets);
     {
         CSecretText secret(text);
         CSecretText copy(secret);
