@@ -35,7 +35,7 @@ constexpr int64 allowance = 16 * MiB;
 constexpr int64 cachedTables = 64;
 constexpr int64 cacheBound = cachedTables * 4096 * 6 + 64 * KiB;
 /// Only against hanging.
-constexpr std::chrono::seconds mostTime(100);
+constexpr std::chrono::seconds mostTime(300);
 
 /// What is done with a bomb, and told of it: the first error of each step, or what it found.
 struct UOutcome {
@@ -410,10 +410,10 @@ const UBomb bombs[] = {
          UBombHeader header;
          header.entriesPerTable = 4096;
          header.directory = 128;
-         header.capacity = uint64{131072} * 4096 * 128;
+         header.capacity = uint64{8192} * 4096 * 128;
          header.overhead = 2048;
          CBombFile file = folder.extent(header);
-         file.fill32(128 * sector, 131072, 1536);
+         file.fill32(128 * sector, 8192, 1536);
          file.fill32(1536 * sector, 4096, 0xFFFFFFF0);
          file.setLength(MiB);
      },
