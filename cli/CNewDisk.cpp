@@ -86,7 +86,7 @@ CNewDisk::CNewDisk(const std::string& name, int64 sizeBytes, const UCreateOption
         return P<CLockFile>(new CLockFile(m_files.get(), target.getParent() << (target.getName() + ".lock"),
                                           CLockFile::LockType_Exclusive, false, true));
     });
-    const String password = passwords.getForCreating(name);
+    const String& password = passwords.getForCreating(name);
     if (!options.parent.empty())
         openParent(options.parent, passwords.getForOpening(options.parent), password);
     m_folder = std::make_unique<CStagedFolder>(folder());

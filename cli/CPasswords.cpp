@@ -13,34 +13,38 @@ namespace tessel::cli {
 
 namespace {
 
-constexpr std::size_t longestPassword = 65536;
+constexpr int64 longestPassword = 65536;
 
-String decodePassword(const std::string& bytes, const std::string& from) {
-    if (bytes.empty())
+CSecretText decodePassword(const TCryptBuffer<char>& bytes, const std::string& from) {
+    if (bytes.isEmpty())
         throw CFailure(from, "The password is empty");
-    return about(from, [&] { return String::fromUTF8(bytes); });
+    return about(from, [&] { return CSecretText::fromUTF8(bytes); });
 }
 
 /// The first line of a file, which may be a pipe.
-String readPasswordFile(const std::string& name) {
+CSecretText readPasswordFile(const std::string& name) {
+    forbidCoreDumps();
     verifyIsFile(name);
-    std::ifstream file(pathFromName(name), std::ios::binary);
+    std::ifstream file;
+    file.rdbuf()->pubsetbuf(nullptr, 0); // no memory of its own, which nobody would wipe
+    file.open(pathFromName(name), std::ios::binary);
     if (!file)
         throw CFailure(name, "Cannot open the password file");
-    std::string line;
+    TCryptBuffer<char> line;
     for (char c = 0; file.get(c) && c != '\n';) {
-        line += c;
-        if (line.size() > longestPassword)
+        line.append(&c, 1);
+        if (line.getUsed() > longestPassword)
             throw CFailure(name, "The first line is too long to be a password");
     }
     if (file.bad())
         throw CFailure(name, "Cannot read the password file");
-    if (!line.empty() && line.back() == '\r')
-        line.pop_back();
+    if (!line.isEmpty() && line[line.getUsed() - 1] == '\r')
+        line.setUsed(line.getUsed() - 1);
     return decodePassword(line, name);
 }
 
-String askPassword(const std::string& question) {
+CSecretText askPassword(const std::string& question) {
+    forbidCoreDumps();
     return decodePassword(askWithoutEcho(question), "standard input");
 }
 
@@ -66,9 +70,9 @@ void CPasswords::addCreateOptions(CLI::App& verb) {
     addAllowOption(verb);
 }
 
-String CPasswords::getForOpening(const std::string& file) {
+const String& CPasswords::getForOpening(const std::string& file) {
     if (m_forOpening)
-        return *m_forOpening;
+        return m_forOpening->get();
     if (!m_openFile.empty())
         m_forOpening = readPasswordFile(m_openFile);
     else if (!m_file.empty())
@@ -76,22 +80,22 @@ String CPasswords::getForOpening(const std::string& file) {
     else if (isInputTerminal() && needsPassword(file))
         m_forOpening = askPassword("Password of " + file + ": ");
     else
-        return String(); // the next file may need one
-    return *m_forOpening;
+        return String::getEmptyString(); // the next file may need one
+    return m_forOpening->get();
 }
 
-String CPasswords::getForCreating(const std::string& file) {
+const String& CPasswords::getForCreating(const std::string& file) {
     if (m_forCreating)
-        return *m_forCreating;
-    m_forCreating = String();
+        return m_forCreating->get();
+    m_forCreating = CSecretText();
     if (!m_file.empty()) {
         m_forCreating = readPasswordFile(m_file);
     } else if (m_encrypt) {
         m_forCreating = askPassword("New password of " + file + ": ");
-        if (!(askPassword("The same once more: ") == *m_forCreating))
+        if (!(askPassword("The same once more: ").get() == m_forCreating->get()))
             throw CFailure(file, "The two passwords differ");
     }
-    return *m_forCreating;
+    return m_forCreating->get();
 }
 
 } // namespace tessel::cli

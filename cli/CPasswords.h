@@ -1,5 +1,6 @@
 #pragma once
 
+#include "lum/CSecretText.h"
 #include "tessel/types.h"
 
 #include <CLI/CLI.hpp>
@@ -10,7 +11,7 @@
 namespace tessel::cli {
 
 /// Where a verb has its passwords from: files that options name, or the user at the terminal. Each is
-/// fetched once, when it is first needed.
+/// fetched once, when it is first needed, and wiped when the object goes.
 class CPasswords {
 public:
     /// --password-file, and --allow: for a disk that is opened.
@@ -20,9 +21,9 @@ public:
 
     /// The password of disks that are opened; empty when there is none. `file` is asked about at the terminal
     /// when it, or a parent of it, is encrypted and no option gives the password.
-    String getForOpening(const std::string& file);
+    const String& getForOpening(const std::string& file);
     /// The password of the disk `file` that is being made; empty for one that is not encrypted.
-    String getForCreating(const std::string& file);
+    const String& getForCreating(const std::string& file);
     /// True when an option gives a password of disks that are opened.
     bool isGivenForOpening() const { return !m_file.empty() || !m_openFile.empty(); }
 
@@ -30,8 +31,8 @@ private:
     std::string m_file;
     std::string m_openFile;
     bool m_encrypt = false;
-    std::optional<String> m_forOpening;
-    std::optional<String> m_forCreating;
+    std::optional<CSecretText> m_forOpening;
+    std::optional<CSecretText> m_forCreating;
 };
 
 } // namespace tessel::cli

@@ -152,16 +152,16 @@ private:
 };
 
 /// Only the contents of compressed grains need a key.
-String choosePassword(UCheck& verb) {
+const String& choosePassword(UCheck& verb) {
     if (verb.quick)
-        return String();
+        return String::getEmptyString();
     if (!verb.passwords.isGivenForOpening()) {
         try {
             const P<CVMDKDescriptor> descriptor = readDescriptor(verb.disk);
             String type;
             descriptor->tryGetValue("createType", type);
             if (descriptor->getLumEncryptionAlgorithm().isEmpty() || type != "streamOptimized")
-                return String();
+                return String::getEmptyString();
         } catch (const CFailure&) { // NOLINT(bugprone-empty-catch): what is wrong with it, the check tells
         }
     }
@@ -185,7 +185,7 @@ void checkDisk(UCheck& verb) {
     const P<IFileSystem> files = confine(native.get(), verb.disk);
     const P<CVMDKDiskChecker> checker(new CVMDKDiskChecker(files.get(), uriFromName(verb.disk)));
     const P<CFindingWriter> writer(new CFindingWriter(verb.disk, verb.json, verb.quick));
-    const String password = choosePassword(verb);
+    const String& password = choosePassword(verb);
     about(verb.disk, [&] { checker->check(password, verb.quick, *writer); });
     writer->finish(*checker);
     if (checker->getDamageCount() > 0)

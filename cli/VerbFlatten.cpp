@@ -78,7 +78,7 @@ private:
 
 void flatten(UFlatten& verb) {
     const P<IFileSystem> files(new CNativeFileSystem);
-    const String password = verb.passwords.getForOpening(verb.disk);
+    const String& password = verb.passwords.getForOpening(verb.disk);
     const P<CVMDKDisk> disk =
         openDisk(verb.disk, IIOStream::Access_ReadWrite, password, files.get(), verb.level);
     if (disk->getParentDiskMainURI().isEmpty())

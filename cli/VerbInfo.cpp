@@ -220,8 +220,8 @@ void verifyOpens(UInfo& verb, const UDiskFacts& facts, IFileSystem* files) {
             throw CFailure(verb.disk, "A file of the disk is missing: " + extent.file);
     if (facts.isEncrypted && !verb.passwords.isGivenForOpening())
         return;
-    const String password =
-        verb.passwords.isGivenForOpening() ? verb.passwords.getForOpening(verb.disk) : String();
+    const String& password = verb.passwords.isGivenForOpening() ? verb.passwords.getForOpening(verb.disk)
+                                                                : String::getEmptyString();
     about(verb.disk, [&] {
         try {
             const P<CVMDKDisk> disk(new CVMDKDisk(files, uriFromName(verb.disk), IIOStream::Access_Read,

@@ -23,7 +23,7 @@ void rebase(URebase& verb) {
             throw CFailure(verb.parent, "This disk is " + verb.disk + " itself or has it as a parent");
     const String reference = makeParentReference(verb.disk, verb.parent);
     const P<IFileSystem> files(new CNativeFileSystem);
-    const String password = verb.passwords.getForOpening(verb.disk);
+    const String& password = verb.passwords.getForOpening(verb.disk);
     const P<CVMDKDisk> disk = openDisk(verb.disk, IIOStream::Access_ReadWrite, password, files.get());
     const unsigned int expected = disk->getDescriptor()->getParentContentID();
     if (expected == noContentID && !verb.isUnsafe)

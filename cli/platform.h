@@ -1,5 +1,6 @@
 #pragma once
 
+#include "lum/TBuffer.h"
 #include "tessel/types.h"
 
 #include <filesystem>
@@ -21,6 +22,9 @@ std::vector<std::string> getArguments(int argc, char** argv);
 /// program can tidy up; a pipe without a reader and a limit on file sizes become errors of the write.
 void prepareProcess();
 bool isInterrupted() noexcept;
+/// From now on no memory of the program is written to a file when it crashes. To be called before a password
+/// is read.
+void forbidCoreDumps() noexcept;
 /// Throws: CInterrupted when the user, or a pipe's reader, wants no more.
 void throwIfInterrupted();
 /// Ends the process in the way that tells whoever started it that it was interrupted.
@@ -35,7 +39,7 @@ bool isErrorTerminal();
 int getErrorWidth();
 /// Asks on the terminal, without showing what is typed. The answer is without its line end.
 /// Throws: CFailure without a terminal; CInterrupted.
-std::string askWithoutEcho(const std::string& question);
+TCryptBuffer<char> askWithoutEcho(const std::string& question);
 
 /// Bytes from the current position to the end of standard input where it is a regular file, else -1.
 int64 getInputSize();

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
@@ -17,6 +18,10 @@
 #if defined(__linux__)
 #include <linux/fs.h>
 #include <sys/syscall.h>
+#endif
+
+#ifdef __linux__
+#include <sys/prctl.h>
 #endif
 
 namespace tessel::cli {
@@ -122,6 +127,15 @@ void prepareProcess() {
     }
 }
 
+void forbidCoreDumps() noexcept {
+    const struct rlimit none = {0, 0};
+    ::setrlimit(RLIMIT_CORE, &none);
+#ifdef __linux__
+    // The limit does not hold where the system hands the memory to a program.
+    ::prctl(PR_SET_DUMPABLE, 0);
+#endif
+}
+
 bool isInterrupted() noexcept {
     return g_signal != 0;
 }
@@ -157,17 +171,17 @@ int getErrorWidth() {
     return ::ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
 }
 
-std::string askWithoutEcho(const std::string& question) {
+TCryptBuffer<char> askWithoutEcho(const std::string& question) {
     if (!isInputTerminal())
         throw CFailure("standard input", "It is no terminal to ask for a password on");
     const CEchoOff echoOff(STDIN_FILENO);
     if (!echoOff.isOff())
         throw CFailure("standard input", "The terminal cannot hide what is typed");
     writeErrorText(question);
-    std::string answer;
+    TCryptBuffer<char> answer;
     char c = 0;
     while (readInput(&c, 1) == 1 && c != '\n')
-        answer += c;
+        answer.append(&c, 1);
     return answer;
 }
 

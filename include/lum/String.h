@@ -37,6 +37,9 @@ public:
 
     static const String& getEmptyString() noexcept;
 
+    /// Makes the text empty and leaves nothing of it in its memory. Copies made before stay.
+    void wipe() noexcept;
+
     bool isEmpty() const noexcept { return m_text.empty(); }
     int getLength() const noexcept { return static_cast<int>(m_text.size()); }
     wchar_t operator[](int position) const noexcept { return m_text[static_cast<std::size_t>(position)]; }

@@ -4,6 +4,8 @@
 #include "tessel/CVMDKDescriptorEntry.h"
 #include "tessel/CVMDKExtentInfo.h"
 
+#include <functional>
+
 namespace tessel {
 
 /// The text that describes a disk: settings as name=value lines, extent lines, comments and whatever
@@ -19,18 +21,25 @@ public:
         /// `value` without the quotes in which it is written when `quoted` is set.
         CNameValueEntry(const String& name, const String& value, bool quoted);
 
-        const String& getName() const noexcept { return m_name; }
-        const String& getValue() const noexcept { return m_value; }
-        void setValue(const String& value) { m_value = value; }
+        String getName() const;
+        String getValue() const;
+        void setValue(const String& value);
         bool getQuoted() const noexcept { return m_quoted; }
+        /// True when the name is this one; `lowerName` is given in lower case.
+        bool hasName(const String& lowerName) const;
 
         /// Blanks stand around the "=" of names that begin with "ddb.".
         String toString() const override;
         P<CVMDKDescriptorEntry> cloneDescriptorEntry() const override;
 
     private:
-        String m_name;
-        String m_value;
+        friend class CVMDKDescriptor;
+
+        CNameValueEntry(const CNameValueEntry& other) = default;
+
+        /// Name and value, packed: there may be many lines.
+        std::string m_text;
+        uint32 m_nameSize; ///< bytes
         bool m_quoted;
     };
 
@@ -43,14 +52,19 @@ public:
         P<CVMDKDescriptorEntry> cloneDescriptorEntry() const override;
 
     private:
-        String m_line;
+        friend class CVMDKDescriptor;
+
+        CGenericEntry(const CGenericEntry& other) = default;
+
+        std::string m_line; ///< packed
     };
 
     /// No lines.
     CVMDKDescriptor();
     /// Parses text that ends at the first zero byte or the end of the buffer. Any content can be
     /// parsed. The text is UTF-8 unless its "encoding" says otherwise; an encoding that is unknown, or
-    /// bytes that are no UTF-8, make it Latin-1, with a warning.
+    /// bytes that are no UTF-8, make it Latin-1, with a warning. Takes about 100 bytes of memory for a line
+    /// and 1 (in Latin-1 up to 2) for a byte of text; nobody but the caller bounds their number.
     explicit CVMDKDescriptor(const TBuffer<unsigned char>& data);
     CVMDKDescriptor(const CVMDKDescriptor& other);
     CVMDKDescriptor& operator=(const CVMDKDescriptor& other);
@@ -79,6 +93,8 @@ public:
     void getGenericLines(TArray<String>& lines) const;
     /// Adds every line that reads as a setting to `lines`, as it would be written, in their order.
     void getSettingLines(TArray<String>& lines) const;
+    /// Calls `visit` with every line that is no extent's, as it would be written, in their order.
+    void visitOtherLines(const std::function<void(const String&)>& visit) const;
     /// Inserts a line as it is; place as with setValue. Throws: CInvalidArgError as setValue.
     void addGenericLine(const String& line, bool insertInHeader);
 
@@ -144,7 +160,9 @@ protected:
     P<CNameValueEntry> findValueEntry(const String& name) const;
 
 private:
-    void parse(const String& text);
+    static P<CVMDKDescriptorEntry> parseLine(std::string&& line);
+    template <class Pack>
+    void parse(std::string_view text, Pack pack);
     void insertEntry(CVMDKDescriptorEntry* entry, bool insertInHeader);
     int findEndOfFirstExtentRun() const;
     TBuffer<unsigned char> getBytes(const String& name) const;

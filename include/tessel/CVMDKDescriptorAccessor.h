@@ -11,12 +11,15 @@ class TESSEL_EXPORT CVMDKDescriptorAccessor : public CBase {
 public:
     /// Descriptors above this many bytes are refused.
     static constexpr int64 maxDescriptorSize = 5242880;
+    /// So are those of more lines: each line takes memory of its own, however short it is. Within both bounds
+    /// a parsed descriptor takes up to 24 MiB, and for a moment four times its longest line.
+    static constexpr int64 maxLineCount = 131072;
 
     /// Reads and parses the descriptor; the stream's position is the same afterwards. Writing needs
     /// `access` 3.
     /// Throws: CIOError 6 for a header version other than 1 to 3, CIOError 5 when there is no
-    /// descriptor or it is too big ("uri"); what the header and the stream throw, the position being
-    /// unspecified then.
+    /// descriptor or it is too big or has too many lines ("uri"); what the header and the stream throw, the
+    /// position being unspecified then.
     CVMDKDescriptorAccessor(IIOStream* stream, IIOStream::Access access);
 
     /// The descriptor itself: what is changed in it is what storeDescriptor() writes.
@@ -24,6 +27,10 @@ public:
     bool getEmbeddedInSparseExtentFile() const noexcept { return m_embedded; }
     /// Bytes of the area that holds the descriptor.
     int64 getDescriptorAreaSize() const noexcept { return m_descriptorSize; }
+
+    /// Parses the text of a descriptor that is within the bounds on lines.
+    /// Throws: CIOError 5 ("uri", "lines") otherwise.
+    static P<CVMDKDescriptor> parse(const TBuffer<unsigned char>& text, const CURI& uri);
 
     /// Gives the descriptor in memory a new random content ID, which is neither the old one nor 0 nor
     /// 0xFFFFFFFF, and returns it.

@@ -19,13 +19,13 @@ public:
     /// that is no number counts as 0.
     static P<CVMDKExtentInfo> tryParseDescriptorLine(const String& line);
 
-    const String& getAccess() const noexcept { return m_access; }
+    String getAccess() const;
     int64 getSizeSectors() const noexcept { return m_sizeSectors; }
     /// False for a parsed line whose size was no number: what lies behind it has no known place.
     bool isSizeKnown() const noexcept { return m_sizeKnown; }
-    const String& getType() const noexcept { return m_type; }
+    String getType() const;
     /// The file reference between the quotes, as written.
-    const String& getFilename() const noexcept { return m_filename; }
+    String getFilename() const;
     /// The number behind the file reference; -1 when the line has none.
     int64 getOffset() const noexcept { return m_offset; }
 
@@ -33,12 +33,20 @@ public:
     P<CVMDKDescriptorEntry> cloneDescriptorEntry() const override;
 
 private:
-    String m_access;
+    friend class CVMDKDescriptor;
+
+    /// As tryParseDescriptorLine(), for packed text.
+    static P<CVMDKExtentInfo> tryParsePackedLine(std::string_view line);
+    void setTexts(std::string_view access, std::string_view type, std::string_view filename);
+    CVMDKExtentInfo(const CVMDKExtentInfo& other) = default;
+
+    /// Access, type and file reference, packed: a disk may have many extents.
+    std::string m_text;
+    uint32 m_accessSize = 0; ///< bytes
+    uint32 m_typeSize = 0;
     int64 m_sizeSectors;
-    bool m_sizeKnown = true;
-    String m_type;
-    String m_filename;
     int64 m_offset;
+    bool m_sizeKnown = true;
 };
 
 } // namespace tessel

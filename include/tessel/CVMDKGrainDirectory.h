@@ -7,7 +7,7 @@ namespace tessel {
 
 /// Finds position and slot size of every grain of one sparse extent: the grain directory, its redundant
 /// copy, the slot size directory of compressed extents, and the tables they name, through a cache. The
-/// directories themselves never change.
+/// directories themselves never change. Of each no more than 1 MiB is in memory, however long it is.
 class TESSEL_EXPORT CVMDKGrainDirectory : public CBase {
 public:
     /// Bounds on what a header may ask for.
@@ -42,9 +42,9 @@ public:
     P<CVMDKGrainTable> getGrainTable(int64 tableIndex);
 
     /// Says where slots may lie: from a sector, where the metadata end, to a byte, where the grains' data
-    /// end. Entries that tables hold when they are first read, before anything is added behind the end, are
+    /// end. Entries that come from the file, and not from setGrainInfo(), are
     /// held against it. Without bounds every entry is taken as it is.
-    /// Requires: no table was asked for yet.
+    /// Requires: nothing was changed yet.
     void setSlotBounds(int64 firstSector, int64 endBytes);
 
     /// Slot position and slot size of a grain in sectors, both 0 for a grain without a slot, so too for
@@ -55,12 +55,16 @@ public:
     /// The same, whatever bounds there are. Throws: as getGrainTable and the table.
     void findGrainEntry(int64 grainIndex, int64& grainPosSectors, int64& slotSizeSectors);
     /// From a grain on, how many grains of the same table in a row have slots, or have none; `hasSlot` tells
-    /// which. Throws: as getGrainTable and the table.
+    /// which. Tables in a row that were never allocated count as one. Throws: as getGrainTable and the table.
     int64 findSlotRun(int64 grainIndex, bool& hasSlot);
     /// Changes them, in memory. Throws: as getGrainTable and the table.
     void setGrainInfo(int64 grainIndex, int64 grainPosSectors, int64 slotSizeSectors);
 
-    bool getHaveSlotSizeInfo() const noexcept { return !m_slotSizeDirectory.isEmpty(); }
+    /// The first table from an index on that the directory names; the number of tables when none follows.
+    /// Grains of tables between have no slots. Throws: the stream's errors.
+    int64 findNextTable(int64 tableIndex) { return m_directory.findNext(tableIndex); }
+
+    bool getHaveSlotSizeInfo() const noexcept { return m_slotSizeDirectory.isPresent(); }
     int64 getGrainCount() const noexcept { return m_grainCount; }
     int64 getTableCount() const noexcept { return m_tableCount; }
     int getEntriesPerTable() const noexcept { return m_entriesPerTable; }
@@ -73,16 +77,36 @@ public:
     void flushChangesInOrder();
 
 private:
+    /// The entries of one directory, of which a part is in memory: all, where that is not much.
+    class CEntries {
+    public:
+        /// Reads the first part. Throws: the stream's errors.
+        void open(IIOStream* stream, int64 posSectors, int64 count);
+        bool isPresent() const noexcept { return m_stream && m_count > 0; }
+        /// The entry of a table; 0 of a directory that is not present. Throws: the stream's errors.
+        uint32 at(int64 tableIndex);
+        /// The first entry from an index on that is not 0; the number of entries when there is none.
+        int64 findNext(int64 tableIndex);
+
+    private:
+        void load(int64 first);
+
+        P<IIOStream> m_stream;
+        int64 m_posSectors = 0;
+        int64 m_count = 0;
+        int64 m_first = 0; ///< of the part
+        TBuffer<uint32> m_part;
+    };
+
     void verifyNumbers() const;
     void findSlotSizeDirectory(int64 overheadSectors);
-    void readDirectory(int64 posSectors, TBuffer<uint32>& directory);
     void verifyTableIndex(int64 tableIndex) const;
     void verifyTablePosition(int64 tableIndex, int64 posSectors, int64 sizeBytes, int64 streamLength) const;
-    bool writesRedundantTable(int64 tableIndex) const noexcept;
-    bool canLoadTable(int64 tableIndex, int64 streamLength) const noexcept;
+    bool writesRedundantTable(int64 tableIndex);
+    bool canLoadTable(int64 tableIndex, int64 streamLength);
     void verifyNoOverlap(int64 posSectors, int64 otherPosSectors) const;
-    void holdAgainstBounds(int64 tableIndex, CVMDKGrainTable& table);
-    bool isOutsideBounds(int64 grainIndex) const;
+    bool isOutsideBounds(int64 grainPosSectors, int64 slotSizeSectors) const noexcept;
+    bool isOwnSlot(int64 grainIndex) const;
     P<CVMDKGrainTable> loadTable(int64 tableIndex);
     void makeRoomForBatch(int64 first, int64 end);
     String uriText() const;
@@ -98,16 +122,15 @@ private:
     bool m_compressed;
     int64 m_grainCount = 0;
     int64 m_tableCount = 0;
-    TBuffer<uint32> m_directory;
-    TBuffer<uint32> m_redundantDirectory;
-    TBuffer<uint32> m_slotSizeDirectory;
+    CEntries m_directory;
+    CEntries m_redundantDirectory;
+    CEntries m_slotSizeDirectory;
     int64 m_capacitySectors;
     int64 m_slotsBeginSector = 0;
     int64 m_slotsEndBytes = INT64_MAX;
-    /// Of each table, whether it was read before; empty without bounds.
-    TArray<bool> m_tableSeen;
-    /// Of the tables that name slots outside the bounds, which of their grains.
-    TMap<int64, TArray<bool>> m_outside;
+    /// Of the tables that were given slots outside the bounds, which of their grains. A slot that is made
+    /// lies behind the end that the file had, where a false entry may have pointed before.
+    TMap<int64, TArray<bool>> m_ownSlots;
 };
 
 } // namespace tessel

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "lum/CSecretText.h"
 #include "tessel/CVMDKDisk.h"
 #include "tessel/IVMDKDataProvider.h"
 
@@ -53,7 +54,7 @@ private:
     CURI m_parentURI;
     P<CVMDKDisk> m_parentDisk;
     int64 m_parentDiskSize = -1;
-    String m_password;
+    CSecretText m_password;
     TArray<CURI> m_children;
     P<CVMDKDataPreparer> m_dataPreparer;
     P<TBuffer<unsigned char>> m_zeroGrain;

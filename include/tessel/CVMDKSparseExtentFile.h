@@ -45,7 +45,8 @@ public:
     /// Requires: no grain was used yet.
     void startAt(int64 position);
 
-    /// How many grains from `grainIndex` on, up to the end of its grain table, agree in having a slot or
+    /// How many grains from `grainIndex` on, up to the end of its grain table, or of the
+    /// tables behind it that are not there either, agree in having a slot or
     /// not; `hasSlot` says which. The open grain is flushed before.
     int64 findSlotRun(int64 grainIndex, bool& hasSlot);
 

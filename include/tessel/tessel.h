@@ -23,6 +23,7 @@
 #include "lum/CNativeFileSystem.h"
 #include "lum/COptimizingIOStream.h"
 #include "lum/CProps.h"
+#include "lum/CSecretText.h"
 #include "lum/CStringFormat.h"
 #include "lum/CURI.h"
 #include "lum/CUnixPathTraits.h"

@@ -1,5 +1,7 @@
 #include "tessel/CVMDKDescriptor.h"
 
+#include "descriptor/PackedText.h"
+#include "foundation/lum/UTF8.h"
 #include "lum/CInvalidArgError.h"
 #include "lum/Logging.h"
 #include "tessel/VMDKMarker.h"
@@ -24,28 +26,26 @@ void verifyOneLine(const char* method, const String& text) {
                 CProps().add("text", text));
 }
 
-P<CVMDKDescriptorEntry> tryParseNameValueLine(const String& line) {
-    const int equalsSign = line.Find(L'=');
-    if (equalsSign < 0)
-        return nullptr;
-    const String name = line.Left(equalsSign).trimmed();
-    if (name.isEmpty() || name.Contains(" "))
-        return nullptr;
-    String value = line.Mid(equalsSign + 1).trimmed();
-    const bool quoted = value.StartsWith("\"") && value.EndsWith("\"");
-    if (quoted)
-        value = value.Mid(1, value.getLength() - 2);
-    return new CVMDKDescriptor::CNameValueEntry(name, value, quoted);
-}
+struct USetting {
+    std::string_view name;
+    std::string_view value; ///< without its quotes
+    bool quoted = false;
+};
 
-P<CVMDKDescriptorEntry> parseLine(const String& line) {
-    if (line.StartsWith("#"))
-        return new CVMDKDescriptor::CGenericEntry(line);
-    if (P<CVMDKDescriptorEntry> entry = tryParseNameValueLine(line))
-        return entry;
-    if (P<CVMDKExtentInfo> extent = CVMDKExtentInfo::tryParseDescriptorLine(line))
-        return extent;
-    return new CVMDKDescriptor::CGenericEntry(line);
+/// False for a line that is no setting.
+bool trySplitSetting(std::string_view line, USetting& setting) {
+    const std::size_t equalsSign = line.find('=');
+    if (equalsSign == std::string_view::npos)
+        return false;
+    setting.name = trimPackedText(line.substr(0, equalsSign));
+    if (setting.name.empty() || setting.name.find(' ') != std::string_view::npos)
+        return false;
+    setting.value = trimPackedText(line.substr(equalsSign + 1));
+    setting.quoted = setting.value.starts_with('"') && setting.value.ends_with('"');
+    if (setting.quoted)
+        setting.value =
+            setting.value.size() < 2 ? std::string_view() : setting.value.substr(1, setting.value.size() - 2);
+    return true;
 }
 
 enum class Encoding { UTF8, Latin1, Unknown };
@@ -61,63 +61,123 @@ Encoding encodingByName(const String& name) {
     return Encoding::Unknown;
 }
 
+/// Calls `visit(line)` for each line, and for what stands behind the last line feed, until it returns false.
+template <class Visit>
+void forEachLine(std::string_view text, Visit visit) {
+    for (std::size_t start = 0; start <= text.size();) {
+        const std::size_t end = std::min(text.find('\n', start), text.size());
+        if (!visit(text.substr(start, end - start)))
+            return;
+        start = end + 1;
+    }
+}
+
+String fromLatin1(std::string_view bytes) {
+    return String(bytes.data(), static_cast<int>(bytes.size()));
+}
+
+/// The value of the first setting of that name; empty without one.
+String findEncoding(std::string_view text) {
+    constexpr std::string_view name = "encoding";
+    String encoding;
+    forEachLine(text, [&](std::string_view line) {
+        USetting setting;
+        if (line.starts_with('#') || !trySplitSetting(line, setting) || setting.name.size() != name.size() ||
+            fromLatin1(setting.name).Lower() != fromLatin1(name))
+            return true;
+        encoding = fromLatin1(setting.value);
+        return false;
+    });
+    return encoding;
+}
+
+void verifyUTF8(std::string_view text) {
+    char32_t character = 0;
+    for (std::size_t position = 0; position < text.size();)
+        if (!utf8::readCharacter(text, position, character))
+            throw CError("Invalid UTF-8 text", String(), -1, CProps().add("position", position));
+}
+
 } // namespace
 
 CVMDKDescriptor::CNameValueEntry::CNameValueEntry(const String& name, const String& value, bool quoted)
-    : m_name(name), m_value(value), m_quoted(quoted) {}
+    : m_quoted(quoted) {
+    const std::string packedName = packText(name);
+    const std::string packedValue = packText(value);
+    m_nameSize = static_cast<uint32>(packedName.size());
+    m_text.reserve(packedName.size() + packedValue.size());
+    m_text.append(packedName).append(packedValue);
+}
+
+String CVMDKDescriptor::CNameValueEntry::getName() const {
+    return unpackText(std::string_view(m_text).substr(0, m_nameSize));
+}
+
+String CVMDKDescriptor::CNameValueEntry::getValue() const {
+    return unpackText(std::string_view(m_text).substr(m_nameSize));
+}
+
+void CVMDKDescriptor::CNameValueEntry::setValue(const String& value) {
+    m_text.replace(m_nameSize, std::string::npos, packText(value));
+}
+
+bool CVMDKDescriptor::CNameValueEntry::hasName(const String& lowerName) const {
+    // A letter and its other case take the same number of bytes, so that most names need not be unpacked.
+    std::size_t size = 0;
+    for (const wchar_t c : lowerName.getWideString())
+        size += c >= 0 && c < 0x80 ? 1 : 2;
+    return size <= m_nameSize && getName().Lower() == lowerName;
+}
 
 String CVMDKDescriptor::CNameValueEntry::toString() const {
-    const String separator = m_name.StartsWith("ddb.") ? " = " : "=";
+    const String name = getName();
+    const String separator = name.StartsWith("ddb.") ? " = " : "=";
     const String quote = m_quoted ? "\"" : "";
-    return m_name + separator + quote + m_value + quote;
+    return name + separator + quote + getValue() + quote;
 }
 
 P<CVMDKDescriptorEntry> CVMDKDescriptor::CNameValueEntry::cloneDescriptorEntry() const {
-    return new CNameValueEntry(m_name, m_value, m_quoted);
+    return new CNameValueEntry(*this);
 }
 
-CVMDKDescriptor::CGenericEntry::CGenericEntry(const String& line) : m_line(line) {}
+CVMDKDescriptor::CGenericEntry::CGenericEntry(const String& line) : m_line(packText(line)) {}
 
 String CVMDKDescriptor::CGenericEntry::toString() const {
-    return m_line;
+    return unpackText(m_line);
 }
 
 P<CVMDKDescriptorEntry> CVMDKDescriptor::CGenericEntry::cloneDescriptorEntry() const {
-    return new CGenericEntry(m_line);
+    return new CGenericEntry(*this);
 }
 
 CVMDKDescriptor::CVMDKDescriptor() = default;
 
 CVMDKDescriptor::CVMDKDescriptor(const TBuffer<unsigned char>& data) {
     const unsigned char* const begin = data.getData();
-    const int64 length = std::find(begin, begin + data.getUsed(), 0) - begin;
-    const auto* const text = reinterpret_cast<const char*>(begin);
-    const auto latin1 = [&] { return String(text, static_cast<int>(length)); };
+    const auto length = static_cast<std::size_t>(std::find(begin, begin + data.getUsed(), 0) - begin);
+    const std::string_view text(reinterpret_cast<const char*>(begin), length);
 
     // The encoding stands in the text itself, in ASCII: Latin-1 is enough to find it.
-    parse(latin1());
-    String encoding;
-    tryGetValue("encoding", encoding);
+    const String encoding = findEncoding(text);
     switch (encodingByName(encoding)) {
     case Encoding::Latin1:
-        return;
+        break;
     case Encoding::Unknown:
         logWarning("Unknown VMDK descriptor encoding '" + encoding + "'. Using Latin-1 instead.");
-        return;
-    case Encoding::UTF8:
         break;
+    case Encoding::UTF8:
+        try {
+            verifyUTF8(text);
+            parse(text, [](std::string_view line) { return std::string(line); });
+            return;
+        } catch (const CError& error) {
+            logWarning(error,
+                       "Ignoring VMDK descriptor decoding error (encoding: '" + encoding +
+                           "'. Using Latin-1 encoding instead.",
+                       "");
+        }
     }
-    String decoded;
-    try {
-        decoded = String::fromUTF8(text, length);
-    } catch (const CError& error) {
-        logWarning(error,
-                   "Ignoring VMDK descriptor decoding error (encoding: '" + encoding +
-                       "'. Using Latin-1 encoding instead.",
-                   "");
-        return;
-    }
-    parse(decoded);
+    parse(text, [](std::string_view line) { return packLatin1(line); });
 }
 
 CVMDKDescriptor::CVMDKDescriptor(const CVMDKDescriptor& other) : CBase() {
@@ -135,19 +195,37 @@ CVMDKDescriptor& CVMDKDescriptor::operator=(const CVMDKDescriptor& other) {
     return *this;
 }
 
-void CVMDKDescriptor::parse(const String& text) {
+P<CVMDKDescriptorEntry> CVMDKDescriptor::parseLine(std::string&& line) {
+    USetting setting;
+    if (!line.starts_with('#') && trySplitSetting(line, setting)) {
+        const P<CNameValueEntry> entry(new CNameValueEntry(String(), String(), setting.quoted));
+        entry->m_nameSize = static_cast<uint32>(setting.name.size());
+        entry->m_text.reserve(setting.name.size() + setting.value.size());
+        entry->m_text.append(setting.name).append(setting.value);
+        return entry;
+    }
+    if (!line.starts_with('#'))
+        if (P<CVMDKExtentInfo> extent = CVMDKExtentInfo::tryParsePackedLine(line))
+            return extent;
+    const P<CGenericEntry> entry(new CGenericEntry(String()));
+    entry->m_line = std::move(line);
+    return entry;
+}
+
+/// `pack` makes packed text of a line. The whole text never stands in memory as wide characters, which would
+/// take several times its size.
+template <class Pack>
+void CVMDKDescriptor::parse(std::string_view text, Pack pack) {
     m_entries.clear();
+    m_entries.reserve(static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n')) + 1);
     m_headerInsertionIndex = 0;
     m_extentRunEnd = -1;
-    for (int start = 0;;) {
-        const int end = text.Find(L'\n', start);
-        m_entries.push_back(parseLine(text.Mid(start, end < 0 ? -1 : end - start)));
-        if (end < 0)
-            break;
-        start = end + 1;
-    }
+    forEachLine(text, [&](std::string_view line) {
+        m_entries.push_back(parseLine(pack(line)));
+        return true;
+    });
     // The line that the last line feed leaves behind.
-    if (m_entries.back()->toString().isEmpty())
+    if (text.empty() || text.ends_with('\n'))
         m_entries.pop_back();
 
     for (std::size_t i = 0; i < m_entries.size(); ++i) {
@@ -162,7 +240,7 @@ P<CVMDKDescriptor::CNameValueEntry> CVMDKDescriptor::findValueEntry(const String
     const String lowerName = name.Lower();
     for (const auto& entry : m_entries)
         if (auto* const setting = entryAs<CNameValueEntry>(entry))
-            if (setting->getName().Lower() == lowerName)
+            if (setting->hasName(lowerName))
                 return setting;
     return nullptr;
 }
@@ -251,6 +329,12 @@ void CVMDKDescriptor::getSettingLines(TArray<String>& lines) const {
     for (const auto& entry : m_entries)
         if (entryAs<CNameValueEntry>(entry))
             lines.push_back(entry->toString());
+}
+
+void CVMDKDescriptor::visitOtherLines(const std::function<void(const String&)>& visit) const {
+    for (const auto& entry : m_entries)
+        if (!entryAs<CVMDKExtentInfo>(entry))
+            visit(entry->toString());
 }
 
 void CVMDKDescriptor::addGenericLine(const String& line, bool insertInHeader) {

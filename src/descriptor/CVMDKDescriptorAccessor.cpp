@@ -7,6 +7,8 @@
 #include "lum/Numbers.h"
 #include "tessel/CVMDKSparseExtentHeader.h"
 
+#include <algorithm>
+
 namespace tessel {
 
 namespace {
@@ -64,8 +66,21 @@ CVMDKDescriptorAccessor::CVMDKDescriptorAccessor(IIOStream* stream, IIOStream::A
     TBuffer<unsigned char> text(m_descriptorSize);
     in.seek(m_descriptorPosition);
     in.read(text.getData(), static_cast<int>(m_descriptorSize));
-    m_descriptor = new CVMDKDescriptor(text);
+    m_descriptor = parse(text, stream->getURI());
     in.seek(oldPosition);
+}
+
+P<CVMDKDescriptor> CVMDKDescriptorAccessor::parse(const TBuffer<unsigned char>& text, const CURI& uri) {
+    const unsigned char* const begin = text.getData();
+    const unsigned char* const end = std::find(begin, begin + text.getUsed(), 0);
+    const int64 lineFeeds = std::count(begin, end, '\n');
+    const int64 lines = lineFeeds + (end != begin && end[-1] != '\n' ? 1 : 0);
+    if (lines > maxLineCount)
+        throw CIOError(CIOError::Code_BadFormat,
+                       "VMDK descriptor has too many lines: " + toDecimal(lines) +
+                           " (allowed: " + toDecimal(maxLineCount) + ").",
+                       CProps().add("uri", uri.toString(true)).add("lines", lines));
+    return new CVMDKDescriptor(text);
 }
 
 void CVMDKDescriptorAccessor::verifyHaveWriteAccess(const char* method) const {

@@ -6,6 +6,7 @@
 #include "lum/CFileSystemError.h"
 #include "lum/CIOError.h"
 #include "lum/Numbers.h"
+#include "sigil/ConstantTime.h"
 #include "tessel/CVMDKGrainTable.h"
 #include "tessel/VMDKEmptyMetadata.h"
 #include "tessel/VMDKFileReference.h"
@@ -16,6 +17,11 @@
 namespace tessel {
 
 namespace {
+
+bool isSameHash(const TBuffer<unsigned char>& a, const TBuffer<unsigned char>& b) noexcept {
+    return a.getUsed() == b.getUsed() &&
+           sigil::isEqualInConstantTime(a.getData(), b.getData(), static_cast<std::size_t>(a.getUsed()));
+}
 
 using Finding = UVMDKCheckFinding;
 using Header = CVMDKSparseExtentHeader;
@@ -276,7 +282,7 @@ void CExtentChecker::checkEncryption(const CCheckedExtent& extent, const Header&
         problem =
             "the header has unknown algorithms of encryption: " + toDecimal(header.getEncryptionAlgorithm()) +
             " and " + toDecimal(header.getEncryptionKeyHashAlgorithm()) + " (known: 1 and 1)";
-    else if (isEncrypted && header.getEncryptionKeyHash() != m_disk->keyHash)
+    else if (isEncrypted && !isSameHash(header.getEncryptionKeyHash(), m_disk->keyHash))
         problem = "the extent is encrypted with another key than the disk";
     if (problem.isEmpty())
         return;

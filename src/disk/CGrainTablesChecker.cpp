@@ -14,7 +14,7 @@ static_assert(std::endian::native == std::endian::little, "tables are kept as th
 constexpr int64 entryBytes = 4;
 constexpr int64 slotSizeBytes = 2;
 /// Directory entries that are in memory at once.
-constexpr int64 windowSize = 1024;
+constexpr int64 windowSize = 16384;
 
 using Finding = UVMDKCheckFinding;
 
@@ -67,8 +67,8 @@ bool CGrainTablesChecker::tryReadDirectory(int64 posSectors, int64 first, int64 
                              count * entryBytes);
 }
 
-/// Calls `visit(tableIndex, positions)` for each table; those whose directory entries cannot be read are left
-/// out.
+/// Calls `visit(tableIndex, positions)` for each table that any directory may name; those whose directory
+/// entries cannot be read are left out.
 template <class Visit>
 void CGrainTablesChecker::visitTables(Visit visit) {
     Entries tables;
@@ -80,6 +80,11 @@ void CGrainTablesChecker::visitTables(Visit visit) {
             tryReadDirectory(m_extent->getDirectoryPosSectors(), first, count, tables) &&
             tryReadDirectory(m_extent->getRedundantDirectoryPosSectors(), first, count, redundantTables) &&
             tryReadDirectory(m_slotSizeDirectoryPosSectors, first, count, slotSizes);
+        const auto isEmpty = [](const Entries& entries) {
+            return isZeroMemory(entries.getData(), static_cast<std::size_t>(entries.getUsed() * entryBytes));
+        };
+        if (canRead && isEmpty(tables) && isEmpty(redundantTables) && isEmpty(slotSizes))
+            continue; // as most of a directory that lies in a hole
         for (int64 i = 0; i < (canRead ? count : 1); ++i)
             visit(first + i,
                   canRead ? UPositions{tables[i], redundantTables[i], slotSizes[i]} : UPositions{-1, -1, -1});

@@ -104,12 +104,12 @@ void CVMDKDisk::unlock(const String& password, const CProps& uriProps) {
 
 void CVMDKDisk::buildExtentMap(const CProps& uriProps) {
     m_descriptor->getExtentEntries(m_extents);
-    const TArray<UExtentLine> lines = placeExtents(m_extents, m_mainFileURI.getParent(), uriProps);
-    m_firstExtentFileURI = lines.front().uri;
-    for (const UExtentLine& line : lines)
-        m_extentMap.insert_or_assign(CExtentKey{line.startSector, line.sizeSectors},
-                                     CExtentValue{line.uri, -1});
-    m_sizeSectors = lines.back().startSector + lines.back().sizeSectors;
+    placeExtents(m_extents, m_mainFileURI.getParent(), uriProps, [this](UExtentLine&& line) {
+        m_sizeSectors = line.startSector + line.sizeSectors;
+        m_extentMap.emplace_hint(m_extentMap.end(), CExtentKey{line.startSector, line.sizeSectors},
+                                 CExtentValue{std::move(line.uri), -1});
+    });
+    m_firstExtentFileURI = m_extentMap.begin()->second.uri;
     m_sizeBytes = m_sizeSectors * vmdkSectorSize;
 }
 

@@ -35,7 +35,7 @@ P<CVMDKDescriptor> readDescriptorByFooter(IIOStream& stream) {
     TBuffer<unsigned char> text(static_cast<int64>(size) * vmdkSectorSize);
     stream.seek(static_cast<int64>(offset) * vmdkSectorSize);
     stream.read(text.getData(), static_cast<int>(text.getUsed()));
-    return new CVMDKDescriptor(text);
+    return CVMDKDescriptorAccessor::parse(text, stream.getURI());
 }
 
 P<CVMDKDescriptor> readDescriptor(IFileSystem* fileSystem, const CURI& uri) {
@@ -212,36 +212,41 @@ void CVMDKDiskChecker::check(const String& password, bool quick, IVMDKCheckRepor
     verifyNoUnknownExtentLines(*descriptor, uriProps);
     TArray<P<CVMDKExtentInfo>> extents;
     descriptor->getExtentEntries(extents);
-    const TArray<UExtentLine> lines = placeExtents(extents, m_mainFileURI.getParent(), uriProps);
+    // Twice, lest they all are in memory: what cannot be is told before anything is found.
+    CURI firstURI;
+    placeExtents(extents, m_mainFileURI.getParent(), uriProps, [&](UExtentLine&& line) {
+        if (line.startSector == 0)
+            firstURI = std::move(line.uri);
+    });
     String parentID;
     disk.isChild = descriptor->tryGetValue("parentCID", parentID) && parentID.Lower() != "ffffffff";
 
     CCheckSink sink(report);
     if (disk.isEncrypted)
         readKeyHash(*descriptor, m_mainFileURI, disk, sink);
-    if (mainFile.isEmbedded && lines.front().uri != m_mainFileURI) {
-        Finding finding =
-            makeFinding(Finding::Kind_MainFileUnused, m_mainFileURI,
-                        "the descriptor in this file names another one as the first extent, '" +
-                            lines.front().uri.toString(true) +
-                            "', and that one is checked: the disk may have been renamed or copied");
+    if (mainFile.isEmbedded && firstURI != m_mainFileURI) {
+        Finding finding = makeFinding(
+            Finding::Kind_MainFileUnused, m_mainFileURI,
+            "the descriptor in this file names another one as the first extent, '" + firstURI.toString(true) +
+                "', and that one is checked: the disk may have been renamed or copied");
         finding.severity = Finding::Severity_Information;
         sink.add(finding);
     }
     CParentsChecker(m_fileSystem.get(), sink).check(m_mainFileURI, descriptor);
     CExtentChecker checker(m_fileSystem.get(), disk, sink);
     std::set<std::string> names;
-    for (std::size_t i = 0; i < lines.size(); ++i) {
-        const auto index = static_cast<int64>(i);
-        if (names.insert(lines[i].uri.toString(false).toUTF8()).second) {
-            checker.check(lines[i], index);
-            continue;
+    int64 index = -1;
+    placeExtents(extents, m_mainFileURI.getParent(), uriProps, [&](UExtentLine&& line) {
+        ++index;
+        if (names.insert(line.uri.toString(false).toUTF8()).second) {
+            checker.check(line, index);
+            return;
         }
-        Finding finding = makeFinding(Finding::Kind_ExtentMismatch, lines[i].uri,
-                                      "the file is that of another extent as well");
+        Finding finding =
+            makeFinding(Finding::Kind_ExtentMismatch, line.uri, "the file is that of another extent as well");
         finding.extentIndex = index;
         sink.add(finding);
-    }
+    });
     m_damageCount = sink.getCount(Finding::Severity_Damage);
     m_informationCount = sink.getCount(Finding::Severity_Information);
     m_uncheckedCount = sink.getCount(Finding::Severity_Unchecked);

@@ -43,7 +43,7 @@ P<CVMDKDisk> CVMDKParentDiskDataProvider::openParentDisk() {
                        "VMDK parent disk chain is too deep (more than " + toDecimal(maxChainLength) +
                            " disks).",
                        uriProps());
-    P<CVMDKDisk> disk(new CVMDKDisk(m_fileSystem.get(), m_parentURI, IIOStream::Access_Read, m_password,
+    P<CVMDKDisk> disk(new CVMDKDisk(m_fileSystem.get(), m_parentURI, IIOStream::Access_Read, m_password.get(),
                                     m_compressionSetting, m_grainTableCache.get(), nullptr, m_children));
     const unsigned int actualID = disk->getDescriptor()->getContentID();
     if (actualID != m_expectedParentContentID)
@@ -60,6 +60,7 @@ void CVMDKParentDiskDataProvider::ensureParentDiskOpen() {
         return;
     try {
         m_parentDisk = openParentDisk();
+        m_children = TArray<CURI>(); // the parent has them; a long chain would hold many copies
         fetchParentDiskSize();
     } catch (const CError& error) {
         logError(error,

@@ -3,6 +3,7 @@
 #include "lum/CInvalidArgError.h"
 #include "lum/CMTRand.h"
 #include "lum/CMutexLock.h"
+#include "lum/CSecretText.h"
 #include "sigil/CCipher_AES256CBC.h"
 #include "sigil/CDigestType_SHA256.h"
 #include "sigil/ConstantTime.h"
@@ -48,10 +49,7 @@ void verifyLength(const char* name, const TBuffer<unsigned char>& value, int exp
 void CVMDKDisk::deriveEncryptKey(TCryptBuffer<unsigned char>& key, int keySizeBytes, const String& password,
                                  const String& derivationAlgorithm, const TBuffer<unsigned char>& salt) {
     static const char* const method = "CVMDKDisk::deriveEncryptKey";
-    std::string passwordBytes = password.toUTF8();
-    TCryptBuffer<unsigned char> secret(reinterpret_cast<const unsigned char*>(passwordBytes.data()),
-                                       static_cast<int64>(passwordBytes.size()));
-    wipeMemory(passwordBytes.data(), passwordBytes.size());
+    const TCryptBuffer<unsigned char> secret = CSecretText::toUTF8(password);
     key.setUsed(keySizeBytes);
     if (!derivationAlgorithm.StartsWith(derivationPrefix))
         throw CInvalidArgError(method, "Unknown encryption key derivation algorithm: " + derivationAlgorithm);

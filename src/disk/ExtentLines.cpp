@@ -44,26 +44,28 @@ void verifyCreateType(const CVMDKDescriptor& descriptor, const CProps& props) {
 // An extent line of a kind that is not understood stays in the descriptor as text, or as a setting where its
 // file's name holds an equals sign. To pass over it would shift everything behind it.
 void verifyNoUnknownExtentLines(const CVMDKDescriptor& descriptor, const CProps& props) {
-    TArray<String> lines;
-    descriptor.getGenericLines(lines);
-    descriptor.getSettingLines(lines);
-    for (const String& line : lines) {
+    descriptor.visitOtherLines([&](const String& line) {
         const TArray<String> words = splitWords(line, 3);
         if (words.size() < 2 || !isNumber(words[1]))
-            continue;
+            return;
         const String access = words[0].Lower();
         if (access == "rw" || access == "rdonly" || access == "noaccess")
             throw CIOError(CIOError::Code_BadFormat,
                            "VMDK disk has an unsupported extent type: '" +
                                (words.size() > 2 ? words[2] : String()) + "'.",
                            props);
-    }
+    });
 }
 
-TArray<UExtentLine> placeExtents(const TArray<P<CVMDKExtentInfo>>& extents, const CURI& folder,
-                                 const CProps& props) {
+void placeExtents(const TArray<P<CVMDKExtentInfo>>& extents, const CURI& folder, const CProps& props,
+                  const std::function<void(UExtentLine&&)>& visit) {
     constexpr int64 maxSizeSectors = INT64_MAX / vmdkSectorSize;
-    TArray<UExtentLine> lines;
+    if (extents.size() > maxExtentCount)
+        throw CIOError(CIOError::Code_BadFormat,
+                       "VMDK disk has too many extents: " + toDecimal(extents.size()) +
+                           " (allowed: " + toDecimal(maxExtentCount) + ").",
+                       CProps(props).add("extents", extents.size()));
+    bool isEmpty = true;
     int64 start = 0;
     for (const auto& extent : extents) {
         if (extent->getType() != "SPARSE")
@@ -82,12 +84,12 @@ TArray<UExtentLine> placeExtents(const TArray<P<CVMDKExtentInfo>>& extents, cons
                            CProps(props).add("sizeSectors", size));
         if (size == 0)
             continue;
-        lines.push_back({vmdkFileReferenceToURI(folder, extent->getFilename()), start, size});
+        visit({vmdkFileReferenceToURI(folder, extent->getFilename()), start, size});
+        isEmpty = false;
         start += size;
     }
-    if (lines.empty())
+    if (isEmpty)
         throw CIOError(CIOError::Code_BadFormat, "VMDK disk has no extents.", props);
-    return lines;
 }
 
 } // namespace tessel

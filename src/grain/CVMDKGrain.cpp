@@ -12,6 +12,9 @@ namespace tessel {
 
 namespace {
 
+/// Records of more bytes are read only after a look at their end.
+constexpr int64 largestUnprovenRecord = 1048576;
+
 /// The slot size that the stored form of a grain needs at worst, encryption included.
 int64 calcWorstCaseSlotSize(const CVMDKDataPreparer& preparer, bool compressed, sigil::ICipher* cipher) {
     const int64 plainSectors = preparer.getWorstCaseGrainSizeSectors();
@@ -171,6 +174,13 @@ void CVMDKGrain::readCompressedGrain(TBuffer<unsigned char>& target) {
     const int64 payload =
         m_cipher ? roundUp(head.compressedSize, m_cipher->getBlockSizeBytes()) : int64{head.compressedSize};
     const int64 recordBytes = roundUp(headSize + payload, vmdkSectorSize);
+    if (recordBytes > largestUnprovenRecord) {
+        // What the head claims must be there before memory is taken for it.
+        unsigned char last = 0;
+        m_stream->seek(slotPosition + recordBytes - 1);
+        m_stream->read(&last, 1);
+        m_stream->seek(slotPosition + vmdkSectorSize);
+    }
     raw.setUsed(recordBytes);
     m_stream->read(raw.getData() + vmdkSectorSize, static_cast<int>(recordBytes - vmdkSectorSize));
     if (!m_cipher)

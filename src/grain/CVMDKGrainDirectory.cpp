@@ -19,6 +19,10 @@ constexpr int64 batchSize = 32;
 constexpr int64 entryBytes = 4;
 constexpr int64 slotSizeBytes = 2;
 
+/// Directories of more entries are read in parts: 1 MiB, as for an extent of 8 TiB with usual grains.
+constexpr int64 largestWholeDirectory = 262144;
+constexpr int64 entriesOfPart = 16384;
+
 /// The largest extent whose size in bytes fits a signed 64-bit number.
 constexpr int64 maxCapacitySectors = INT64_MAX / vmdkSectorSize;
 
@@ -40,12 +44,12 @@ CVMDKGrainDirectory::CVMDKGrainDirectory(IIOStream* stream, IIOStream::Access ac
     verifyNumbers();
     m_grainCount = calcExtentGrainCount(capacitySectors, grainSizeSectors);
     m_tableCount = calcExtentGrainTableCount(capacitySectors, grainSizeSectors, entriesPerTable);
-    readDirectory(m_directoryPosSectors, m_directory);
+    m_directory.open(stream, m_directoryPosSectors, m_tableCount);
     if (m_redundantDirectoryPosSectors > 0)
-        readDirectory(m_redundantDirectoryPosSectors, m_redundantDirectory);
+        m_redundantDirectory.open(stream, m_redundantDirectoryPosSectors, m_tableCount);
     findSlotSizeDirectory(overheadSectors);
     if (m_slotSizeDirectoryPosSectors > 0)
-        readDirectory(m_slotSizeDirectoryPosSectors, m_slotSizeDirectory);
+        m_slotSizeDirectory.open(stream, m_slotSizeDirectoryPosSectors, m_tableCount);
     else if (m_compressed)
         throw CError("Slot size directory not found in compressed VMDK.", String(), -1,
                      CProps().add("uri", uriText()));
@@ -125,9 +129,44 @@ int64 CVMDKGrainDirectory::calcExtentGrainTableCount(int64 capacitySectors, int6
     return (calcExtentGrainCount(capacitySectors, grainSizeSectors) + entriesPerTable - 1) / entriesPerTable;
 }
 
-void CVMDKGrainDirectory::readDirectory(int64 posSectors, TBuffer<uint32>& directory) {
-    directory.setUsed(m_tableCount);
-    readTable(*m_stream, posSectors, directory);
+// --- Directories ---
+
+void CVMDKGrainDirectory::CEntries::open(IIOStream* stream, int64 posSectors, int64 count) {
+    m_stream = stream;
+    m_posSectors = posSectors;
+    m_count = count;
+    load(0);
+}
+
+void CVMDKGrainDirectory::CEntries::load(int64 first) {
+    const int64 size = m_count <= largestWholeDirectory ? m_count : std::min(entriesOfPart, m_count - first);
+    m_part.setUsed(0); // nothing, should the reading fail
+    TBuffer<uint32> part(std::move(m_part));
+    part.setUsed(size);
+    static_assert(entriesOfPart * entryBytes % vmdkSectorSize == 0);
+    readTable(*m_stream, m_posSectors + first * entryBytes / vmdkSectorSize, part);
+    m_part = std::move(part);
+    m_first = first;
+}
+
+uint32 CVMDKGrainDirectory::CEntries::at(int64 tableIndex) {
+    if (!isPresent())
+        return 0;
+    if (tableIndex < m_first || tableIndex >= m_first + m_part.getUsed())
+        load(m_count <= largestWholeDirectory ? 0 : tableIndex / entriesOfPart * entriesOfPart);
+    return m_part[tableIndex - m_first];
+}
+
+int64 CVMDKGrainDirectory::CEntries::findNext(int64 tableIndex) {
+    while (tableIndex < m_count) {
+        if (at(tableIndex) != 0)
+            return tableIndex;
+        const uint32* const begin = m_part.getData();
+        const uint32* const found = std::find_if(begin + (tableIndex - m_first), begin + m_part.getUsed(),
+                                                 [](uint32 entry) { return entry != 0; });
+        tableIndex = m_first + (found - begin);
+    }
+    return m_count;
 }
 
 // The slot size directory has no place of its own in the header: it stands behind the last grain table,
@@ -135,9 +174,8 @@ void CVMDKGrainDirectory::readDirectory(int64 posSectors, TBuffer<uint32>& direc
 void CVMDKGrainDirectory::findSlotSizeDirectory(int64 overheadSectors) {
     uint32 markerSector = 0;
     if (m_tableCount >= 1) {
-        markerSector = m_directory[m_tableCount - 1];
-        if (!m_redundantDirectory.isEmpty())
-            markerSector = std::max(markerSector, m_redundantDirectory[m_tableCount - 1]);
+        markerSector = m_directory.at(m_tableCount - 1);
+        markerSector = std::max(markerSector, m_redundantDirectory.at(m_tableCount - 1));
         markerSector += static_cast<uint32>(divideRoundingUp(m_entriesPerTable * entryBytes, vmdkSectorSize));
     } else {
         markerSector =
@@ -191,31 +229,26 @@ void CVMDKGrainDirectory::verifyTablePosition(int64 tableIndex, int64 posSectors
         CProps().add("uri", uriText()).add("tableIndex", tableIndex).add("tablePosition", posSectors));
 }
 
-bool CVMDKGrainDirectory::writesRedundantTable(int64 tableIndex) const noexcept {
-    return m_access == IIOStream::Access_ReadWrite && !m_redundantDirectory.isEmpty() &&
-           m_redundantDirectory[tableIndex] != 0;
+bool CVMDKGrainDirectory::writesRedundantTable(int64 tableIndex) {
+    return m_access == IIOStream::Access_ReadWrite && m_redundantDirectory.at(tableIndex) != 0;
 }
 
-bool CVMDKGrainDirectory::canLoadTable(int64 tableIndex, int64 streamLength) const noexcept {
+bool CVMDKGrainDirectory::canLoadTable(int64 tableIndex, int64 streamLength) {
     const auto fits = [streamLength](int64 posSectors, int64 sizeBytes) {
         return posSectors >= 1 && posSectors * vmdkSectorSize <= streamLength - sizeBytes;
     };
-    if (!fits(m_directory[tableIndex], m_entriesPerTable * entryBytes))
+    if (!fits(m_directory.at(tableIndex), m_entriesPerTable * entryBytes))
         return false;
     if (writesRedundantTable(tableIndex) &&
-        !fits(m_redundantDirectory[tableIndex], m_entriesPerTable * entryBytes))
+        !fits(m_redundantDirectory.at(tableIndex), m_entriesPerTable * entryBytes))
         return false;
-    const bool slotSizesMissing = m_slotSizeDirectory.isEmpty() || m_slotSizeDirectory[tableIndex] == 0;
-    return slotSizesMissing ? !m_compressed
-                            : fits(m_slotSizeDirectory[tableIndex], m_entriesPerTable * slotSizeBytes);
+    const uint32 slotSizes = m_slotSizeDirectory.at(tableIndex);
+    return slotSizes == 0 ? !m_compressed : fits(slotSizes, m_entriesPerTable * slotSizeBytes);
 }
 
 P<CVMDKGrainTable> CVMDKGrainDirectory::loadTable(int64 tableIndex) {
-    const auto entryOf = [tableIndex](const TBuffer<uint32>& directory) -> int64 {
-        return directory.isEmpty() ? 0 : directory[tableIndex];
-    };
-    return new CVMDKGrainTable(m_stream.get(), m_access, m_grainSizeSectors, m_directory[tableIndex],
-                               entryOf(m_redundantDirectory), entryOf(m_slotSizeDirectory),
+    return new CVMDKGrainTable(m_stream.get(), m_access, m_grainSizeSectors, m_directory.at(tableIndex),
+                               m_redundantDirectory.at(tableIndex), m_slotSizeDirectory.at(tableIndex),
                                m_entriesPerTable);
 }
 
@@ -235,12 +268,12 @@ P<CVMDKGrainTable> CVMDKGrainDirectory::getGrainTable(int64 tableIndex) {
         return cached;
 
     const int64 streamLength = m_stream->getLength();
-    verifyTablePosition(tableIndex, m_directory[tableIndex], m_entriesPerTable * entryBytes, streamLength);
+    verifyTablePosition(tableIndex, m_directory.at(tableIndex), m_entriesPerTable * entryBytes, streamLength);
     if (writesRedundantTable(tableIndex))
-        verifyTablePosition(tableIndex, m_redundantDirectory[tableIndex], m_entriesPerTable * entryBytes,
+        verifyTablePosition(tableIndex, m_redundantDirectory.at(tableIndex), m_entriesPerTable * entryBytes,
                             streamLength);
-    if (m_compressed || (getHaveSlotSizeInfo() && m_slotSizeDirectory[tableIndex] != 0))
-        verifyTablePosition(tableIndex, m_slotSizeDirectory[tableIndex], m_entriesPerTable * slotSizeBytes,
+    if (m_compressed || m_slotSizeDirectory.at(tableIndex) != 0)
+        verifyTablePosition(tableIndex, m_slotSizeDirectory.at(tableIndex), m_entriesPerTable * slotSizeBytes,
                             streamLength);
 
     const int64 first = tableIndex & ~(batchSize - 1);
@@ -255,7 +288,6 @@ P<CVMDKGrainTable> CVMDKGrainDirectory::getGrainTable(int64 tableIndex) {
         if (!canLoadTable(t, streamLength))
             continue;
         batch.emplace_back(t, loadTable(t));
-        holdAgainstBounds(t, *batch.back().second);
         if (t == tableIndex)
             wanted = batch.back().second;
     }
@@ -271,39 +303,22 @@ P<CVMDKGrainTable> CVMDKGrainDirectory::getGrainTable(int64 tableIndex) {
 void CVMDKGrainDirectory::setSlotBounds(int64 firstSector, int64 endBytes) {
     m_slotsBeginSector = firstSector;
     m_slotsEndBytes = endBytes;
-    m_tableSeen.assign(static_cast<std::size_t>(m_tableCount), false);
 }
 
-// Only the first reading tells what the file held when it was opened: from then on new slots may come to lie
-// where a false entry points, and it would look as good as theirs.
-void CVMDKGrainDirectory::holdAgainstBounds(int64 tableIndex, CVMDKGrainTable& table) {
-    if (m_tableSeen.empty() || m_tableSeen[static_cast<std::size_t>(tableIndex)])
-        return;
-    TArray<bool> outside;
-    for (int i = 0; i < m_entriesPerTable; ++i) {
-        int64 posSectors = 0;
-        int64 slotSizeSectors = 0;
-        table.getGrainInfo(i, posSectors, slotSizeSectors);
-        if (posSectors == 0 || (posSectors >= m_slotsBeginSector &&
-                                (posSectors + slotSizeSectors) * vmdkSectorSize <= m_slotsEndBytes))
-            continue;
-        outside.resize(static_cast<std::size_t>(m_entriesPerTable), false);
-        outside[static_cast<std::size_t>(i)] = true;
-    }
-    if (!outside.empty())
-        m_outside.insert_or_assign(tableIndex, std::move(outside));
-    m_tableSeen[static_cast<std::size_t>(tableIndex)] = true;
+bool CVMDKGrainDirectory::isOutsideBounds(int64 grainPosSectors, int64 slotSizeSectors) const noexcept {
+    return grainPosSectors < m_slotsBeginSector ||
+           (grainPosSectors + slotSizeSectors) * vmdkSectorSize > m_slotsEndBytes;
 }
 
-bool CVMDKGrainDirectory::isOutsideBounds(int64 grainIndex) const {
-    const auto found = m_outside.find(grainIndex / m_entriesPerTable);
-    return found != m_outside.end() &&
+bool CVMDKGrainDirectory::isOwnSlot(int64 grainIndex) const {
+    const auto found = m_ownSlots.find(grainIndex / m_entriesPerTable);
+    return found != m_ownSlots.end() &&
            found->second[static_cast<std::size_t>(grainIndex % m_entriesPerTable)];
 }
 
 void CVMDKGrainDirectory::getGrainInfo(int64 grainIndex, int64& grainPosSectors, int64& slotSizeSectors) {
     findGrainEntry(grainIndex, grainPosSectors, slotSizeSectors);
-    if (grainPosSectors == 0 || m_outside.empty() || !isOutsideBounds(grainIndex))
+    if (grainPosSectors == 0 || !isOutsideBounds(grainPosSectors, slotSizeSectors) || isOwnSlot(grainIndex))
         return;
     throw CIOError(
         CIOError::Code_BadFormat,
@@ -321,7 +336,7 @@ void CVMDKGrainDirectory::getGrainInfo(int64 grainIndex, int64& grainPosSectors,
 void CVMDKGrainDirectory::findGrainEntry(int64 grainIndex, int64& grainPosSectors, int64& slotSizeSectors) {
     const int64 tableIndex = grainIndex / m_entriesPerTable;
     verifyTableIndex(tableIndex);
-    if (grainIndex >= 0 && m_directory[tableIndex] == 0) {
+    if (grainIndex >= 0 && m_directory.at(tableIndex) == 0) {
         grainPosSectors = 0;
         slotSizeSectors = 0;
         return;
@@ -332,10 +347,12 @@ void CVMDKGrainDirectory::findGrainEntry(int64 grainIndex, int64& grainPosSector
 int64 CVMDKGrainDirectory::findSlotRun(int64 grainIndex, bool& hasSlot) {
     const int64 tableIndex = grainIndex / m_entriesPerTable;
     verifyTableIndex(tableIndex);
-    const int64 left = std::min((tableIndex + 1) * m_entriesPerTable, m_grainCount) - grainIndex;
     hasSlot = false;
-    if (grainIndex >= 0 && m_directory[tableIndex] == 0)
-        return left;
+    const int64 nextTable = grainIndex < 0 ? tableIndex : m_directory.findNext(tableIndex);
+    if (nextTable >
+        tableIndex) // nothing more is to be read of what a header claims and the file does not hold
+        return std::min(nextTable * m_entriesPerTable, m_grainCount) - grainIndex;
+    const int64 left = std::min((tableIndex + 1) * m_entriesPerTable, m_grainCount) - grainIndex;
     return std::min(left, getGrainTable(tableIndex)->findSlotRun(grainIndex % m_entriesPerTable, hasSlot));
 }
 
@@ -347,10 +364,12 @@ void CVMDKGrainDirectory::setGrainInfo(int64 grainIndex, int64 grainPosSectors, 
     // is no memory for that, nothing has happened.
     if (m_cache->getCachedTable(this, tableIndex) != table)
         m_cache->setCachedTable(this, tableIndex, table.get());
+    const bool isOutside = isOutsideBounds(grainPosSectors, slotSizeSectors);
+    if (isOutside) // for the same reason
+        m_ownSlots[tableIndex].resize(static_cast<std::size_t>(m_entriesPerTable), false);
     table->setGrainInfo(grainIndex % m_entriesPerTable, grainPosSectors, slotSizeSectors);
-    const auto outside = m_outside.find(tableIndex);
-    if (outside != m_outside.end())
-        outside->second[static_cast<std::size_t>(grainIndex % m_entriesPerTable)] = false;
+    if (isOutside)
+        m_ownSlots[tableIndex][static_cast<std::size_t>(grainIndex % m_entriesPerTable)] = true;
 }
 
 void CVMDKGrainDirectory::flushChangesToStream() {

@@ -111,3 +111,29 @@ mv away.vmdk secret.vmdk
 # A password file may be a pipe.
 ok read secret.vmdk 0 1000 --password-file <(echo 'correct horse')
 same <(head -c 1000 disk.raw) "$out"
+
+# A program that knows a password writes no core dump; without one it is left to the user.
+has_core_limit() {
+    local wanted=$1 disk=$2 limit='' pid
+    shift 2
+    mkfifo data
+    (ulimit -S -c "$(ulimit -H -c)" && exec "$TESSEL_PROGRAM" write "$disk" 0 "$@" <data) >"$out" 2>"$err" &
+    pid=$!
+    exec 9>data
+    for _ in $(seq 200); do
+        # What it opens last is the disk: from then on its password has been read.
+        [[ -e $disk.lock ]] && break
+        sleep 0.05
+    done
+    limit=$(awk '/^Max core file size/ { print $5 }' "/proc/$pid/limits")
+    printf x >&9
+    exec 9>&-
+    wait "$pid" || fail "writing should succeed"
+    rm data
+    [[ $limit == "$wanted" ]] || fail "the limit on core dumps is $limit, not $wanted"
+}
+if [[ -r /proc/self/limits ]]; then
+    has_core_limit 0 secret.vmdk --password-file pw
+    ok create unlocked.vmdk 10M
+    [[ $(ulimit -H -c) == 0 ]] || has_core_limit "$(ulimit -H -c)" unlocked.vmdk
+fi

@@ -5,6 +5,7 @@
 #include "DescriptorText.h"
 #include "ErrorMatchers.h"
 #include "HeaderSector.h"
+#include "lum/CIOError.h"
 #include "lum/CMemoryFileSystem.h"
 
 #include <gmock/gmock.h>
@@ -357,6 +358,29 @@ TEST_F(CVMDKDescriptorAccessorTest, ForeignSplitDiskCannotTakeANewContentID) {
         "Internal error: actual VMDK descriptor size exceeds target size (actual size: 431, target "
         "size: 414");
     EXPECT_EQ(textOf(readFile()), text);
+}
+
+// --- How many lines there may be ---
+
+TEST_F(CVMDKDescriptorAccessorTest, LinesAreCountedBeforeTheTextIsParsed) {
+    std::string text(131072, '\n');
+    writeFile(text);
+    EXPECT_EQ(textOf(*open()->getDescriptor()), text);
+    writeFile(text + "a=b");
+    try {
+        open();
+        ADD_FAILURE() << "this is one line too many";
+    } catch (const CIOError& error) {
+        EXPECT_EQ(error.getCode(), CIOError::Code_BadFormat);
+        EXPECT_EQ(error.getMessage(), "VMDK descriptor has too many lines: 131073 (allowed: 131072).");
+        EXPECT_EQ(error.getProps().getValue("lines"), "131073");
+        EXPECT_EQ(error.getProps().getValue("uri"), uriName);
+    }
+}
+
+TEST_F(CVMDKDescriptorAccessorTest, LinesBehindTheFirstZeroDoNotCount) {
+    writeFile("a=b\n" + std::string(1, '\0') + std::string(200000, '\n'));
+    EXPECT_EQ(textOf(*open()->getDescriptor()), "a=b\n");
 }
 
 } // namespace tessel::test

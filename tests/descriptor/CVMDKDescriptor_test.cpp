@@ -413,4 +413,45 @@ TEST(CVMDKDescriptor, EachKindOfEntryIsClonedWithAllItsFields) {
     EXPECT_EQ(lineClone->toString(), " any \r");
 }
 
+// --- Texts come back as they were ---
+
+TEST(CVMDKDescriptorTextTest, AnyCharactersAreKept) {
+    const wchar_t odd[] = {
+        L'a',
+        0x7F,
+        0x80,
+        0x7FF,
+        0x800,
+        static_cast<wchar_t>(0xD800),
+        static_cast<wchar_t>(0xFFFF),
+#if WCHAR_MAX > 0xFFFF
+        0x10FFFF,
+        0x1FFFFF,
+        0x200000,
+        0x3FFFFFF,
+        0x4000000,
+        WCHAR_MAX,
+        WCHAR_MIN,
+#endif
+        L'z',
+        0
+    };
+    for (const String& text : {String(odd), String(), String("plain"), String(L"\xE4\xF6")}) {
+        const P<CVMDKDescriptor::CNameValueEntry> setting(
+            new CVMDKDescriptor::CNameValueEntry("name" + text, text, false));
+        EXPECT_EQ(setting->getName(), "name" + text);
+        EXPECT_EQ(setting->getValue(), text);
+        EXPECT_TRUE(setting->hasName(("name" + text).Lower()));
+        EXPECT_FALSE(setting->hasName("other"));
+        setting->setValue("new" + text);
+        EXPECT_EQ(setting->getValue(), "new" + text);
+        EXPECT_EQ(setting->getName(), "name" + text);
+        EXPECT_EQ(P<CVMDKDescriptorEntry>(new CVMDKDescriptor::CGenericEntry(text))->toString(), text);
+        const P<CVMDKExtentInfo> extent(new CVMDKExtentInfo(text, 7, "t" + text, text + "f", 8));
+        EXPECT_EQ(extent->getAccess(), text);
+        EXPECT_EQ(extent->getType(), "t" + text);
+        EXPECT_EQ(extent->getFilename(), text + "f");
+    }
+}
+
 } // namespace tessel::test

@@ -2,6 +2,7 @@
 
 #include "foundation/lum/UTF8.h"
 #include "lum/CError.h"
+#include "lum/TWipingAllocator.h"
 
 #include <algorithm>
 #include <cstring>
@@ -53,6 +54,7 @@ String String::fromUTF8(const void* bytes, int64 length) {
 
 String String::fromUTF8(std::string_view bytes) {
     String result;
+    result.m_text.reserve(utf8::countCharacters(bytes)); // so that no part of a secret is left on the way
     const std::size_t end = utf8::convert(bytes, result.m_text);
     if (end != bytes.size())
         throw CError("Invalid UTF-8 text", String(), -1, CProps().add("position", end));
@@ -71,6 +73,13 @@ std::string String::toUTF8Lossy() const {
     std::string result;
     utf8::convertLossy(std::wstring_view(m_text), result);
     return result;
+}
+
+void String::wipe() noexcept {
+    // The text may lie in the object itself, and moving leaves it there.
+    m_text.resize(m_text.capacity());
+    wipeMemory(m_text.data(), m_text.size() * sizeof(wchar_t));
+    m_text.clear();
 }
 
 const String& String::getEmptyString() noexcept {

@@ -127,6 +127,16 @@ std::size_t convert(std::basic_string_view<From> source, std::basic_string<To>& 
     return position;
 }
 
+/// No fewer than what is needed for the bytes up to the first that cannot be read, in any wide text.
+inline std::size_t countCharacters(std::string_view bytes) noexcept {
+    std::size_t count = 0;
+    for (const char c : bytes) {
+        const auto byte = static_cast<unsigned char>(c);
+        count += (byte & 0xC0) == 0x80 ? 0 : byte >= 0xF0 ? 2 : 1;
+    }
+    return count;
+}
+
 /// Like convert(), with U+FFFD for each unit that cannot be read.
 template <class From, class To>
 void convertLossy(std::basic_string_view<From> source, std::basic_string<To>& target) {
