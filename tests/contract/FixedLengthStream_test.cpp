@@ -4,7 +4,7 @@
 #include "lum/CMemoryFileSystem.h"
 #include "tessel/CVMDKDiskIOStream.h"
 
-#include <gmock/gmock.h>
+#include <gtest/gtest.h>
 
 #include <climits>
 
@@ -12,7 +12,6 @@ using namespace lum;
 using namespace tessel::test;
 using tessel::CVMDKDisk;
 using tessel::CVMDKDiskIOStream;
-using ::testing::IsEmpty;
 
 namespace {
 
@@ -230,8 +229,9 @@ TEST_P(FixedLengthStreamContract, UseAfterCloseFails) {
 }
 
 TEST_P(FixedLengthStreamContract, LivesAndDiesInSilence) {
-    m_log.takeEntries(); // what opening a disk tells for those who debug
     putAt(0, "hello");
     m_setUp.stream = nullptr;
-    EXPECT_THAT(m_log.takeEntries(), IsEmpty());
+    // A disk tells those who debug what it finds; nothing of it is a warning.
+    for (const CLogRecorder::Entry& entry : m_log.takeEntries())
+        EXPECT_LT(entry.level, ILogSink::Level_Warning) << entry.message.toUTF8Lossy();
 }
