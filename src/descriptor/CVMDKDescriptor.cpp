@@ -120,7 +120,7 @@ CVMDKDescriptor::CVMDKDescriptor(const TBuffer<unsigned char>& data) {
     parse(decoded);
 }
 
-CVMDKDescriptor::CVMDKDescriptor(const CVMDKDescriptor& other) : CBase() {
+CVMDKDescriptor::CVMDKDescriptor(const CVMDKDescriptor& other) : CBase(other) {
     *this = other;
 }
 
