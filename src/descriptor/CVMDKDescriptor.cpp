@@ -180,7 +180,7 @@ CVMDKDescriptor::CVMDKDescriptor(const TBuffer<unsigned char>& data) {
     parse(text, [](std::string_view line) { return packLatin1(line); });
 }
 
-CVMDKDescriptor::CVMDKDescriptor(const CVMDKDescriptor& other) : CBase() {
+CVMDKDescriptor::CVMDKDescriptor(const CVMDKDescriptor& other) : CBase(other) {
     *this = other;
 }
 

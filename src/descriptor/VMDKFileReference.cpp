@@ -23,7 +23,7 @@ bool isURI(const String& reference) {
 }
 
 CURI pathReferenceToURI(const String& reference) {
-    const CURI uri =
+    CURI uri =
         reference.Contains("\\") ? CURI(CWindowsPath(reference), false) : CURI(CUnixPath(reference), false);
     if (uri.isAbsolute())
         return uri;

@@ -22,7 +22,7 @@ CVMDKDiskIOStream::CVMDKDiskIOStream(IFileSystem* fileSystem, const CURI& mainFi
 }
 
 CVMDKDiskIOStream::CVMDKDiskIOStream(const CVMDKDiskIOStream& other)
-    : CBase(), m_disk(other.m_disk), m_uri(other.m_uri) {}
+    : CBase(other), m_disk(other.m_disk), m_uri(other.m_uri) {}
 
 CVMDKDiskIOStream& CVMDKDiskIOStream::operator=(const CVMDKDiskIOStream& other) {
     m_disk = other.m_disk;
