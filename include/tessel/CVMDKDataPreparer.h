@@ -1,9 +1,12 @@
 #pragma once
 
 #include "lum/CBase.h"
+#include "lum/CURI.h"
 #include "lum/TConstBufferSlice.h"
 #include "tessel/CVMDKCompressor.h"
 #include "tessel/types.h"
+
+#include <functional>
 
 namespace tessel {
 
@@ -43,12 +46,13 @@ public:
     P<TBuffer<unsigned char>> unprepareGrainData(TBuffer<unsigned char>* pPreparedBuffer,
                                                  TBuffer<unsigned char>* pAuxBuffer);
 
-    /// Tells whether data can be a grain of this kind. `method` and `uri` are for the error.
+    /// Tells whether data can be a grain of this kind. `method` and what `getURI` returns are for the
+    /// error.
     /// Throws: CInvalidArgError ("uri"; "preparedSize" where there are any) for more or less than a grain
     /// where prepared data are plain; in records for less than the head, a length field that the data do not
     /// hold, or more than the worst case.
     void verifyPreparedGrainData(const TConstBufferSlice<unsigned char>& data, const char* method,
-                                 const String& uri) const;
+                                 const std::function<CURI()>& getURI) const;
 
 private:
     int64 m_grainSizeSectors;

@@ -111,6 +111,7 @@ private:
     void readUncompressedGrain(TBuffer<unsigned char>& target);
     void verifyAtStart(const char* method) const;
     void fetchPreparedGrainData(TBuffer<unsigned char>& out);
+    TConstBufferSlice<unsigned char> makeRecordOfThisGrain(const TConstBufferSlice<unsigned char>& data);
     void writePreparedGrainDataImpl(const TConstBufferSlice<unsigned char>& data, bool keepBuffer);
     void writePreparedGrainDataInternal(const TConstBufferSlice<unsigned char>& data, bool keepBuffer);
     TConstBufferSlice<unsigned char> encryptPreparedData(const TConstBufferSlice<unsigned char>& data);

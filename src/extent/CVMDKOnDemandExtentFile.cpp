@@ -109,7 +109,7 @@ void CVMDKOnDemandExtentFile::writePreparedGrainData(const TBuffer<unsigned char
     if (m_isNull && m_access == IIOStream::Access_ReadWrite)
         m_inner->createDataPreparer()->verifyPreparedGrainData(TConstBufferSlice<unsigned char>(data),
                                                                "CVMDKGrain::writePreparedGrainData",
-                                                               m_uri.toString(true));
+                                                               [this] { return m_uri; });
     prepareWrite();
     m_inner->writePreparedGrainData(data);
 }

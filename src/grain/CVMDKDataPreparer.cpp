@@ -86,15 +86,16 @@ P<TBuffer<unsigned char>> CVMDKDataPreparer::unprepareGrainData(TBuffer<unsigned
 }
 
 void CVMDKDataPreparer::verifyPreparedGrainData(const TConstBufferSlice<unsigned char>& data,
-                                                const char* method, const String& uri) const {
+                                                const char* method,
+                                                const std::function<CURI()>& getURI) const {
     const int64 size = data.getLength();
     if (size == 0)
         throw CInvalidArgError(method,
                                "CVMDKGrain::writePreparedGrainData called with zero-length prepared data.",
-                               CProps().add("uri", uri));
+                               CProps().add("uri", getURI().toString(true)));
     const auto refuse = [&](const String& problem) {
         throw CInvalidArgError(method, "Invalid prepared grain data: " + problem + ".",
-                               CProps().add("uri", uri).add("preparedSize", size));
+                               CProps().add("uri", getURI().toString(true)).add("preparedSize", size));
     };
     if (!m_compressor) {
         if (size != m_grainSizeBytes)

@@ -407,7 +407,22 @@ void CVMDKGrain::writePreparedGrainDataKeepBuffer(const TConstBufferSlice<unsign
 }
 
 void CVMDKGrain::verifyPreparedData(const TConstBufferSlice<unsigned char>& data) const {
-    m_dataPreparer->verifyPreparedGrainData(data, "CVMDKGrain::writePreparedGrainData", uriText());
+    m_dataPreparer->verifyPreparedGrainData(data, "CVMDKGrain::writePreparedGrainData",
+                                            [this] { return m_stream->getURI(); });
+}
+
+/// The record as it is to be stored: whole sectors, and the sector number of this grain, since the record may
+/// come from another disk, where the grain had another place. Most need no copy.
+TConstBufferSlice<unsigned char>
+CVMDKGrain::makeRecordOfThisGrain(const TConstBufferSlice<unsigned char>& data) {
+    const auto position = static_cast<uint64>(m_diskGrainIndex * m_grainSizeSectors);
+    if (data.getLength() % vmdkSectorSize == 0 &&
+        loadGrainRecordHead(data.getData()).positionSectors == position)
+        return data;
+    m_record.assign(data.getData(), data.getLength());
+    m_dataPreparer->patchGrainIndexInPreparedGrainData(m_record, m_diskGrainIndex);
+    padToSector(m_record);
+    return TConstBufferSlice<unsigned char>(m_record);
 }
 
 void CVMDKGrain::writePreparedGrainDataImpl(const TConstBufferSlice<unsigned char>& data, bool keepBuffer) {
@@ -416,15 +431,8 @@ void CVMDKGrain::writePreparedGrainDataImpl(const TConstBufferSlice<unsigned cha
                      "opened for writing.");
     verifyAtStart("writePreparedGrainData");
     verifyPreparedData(data);
-    if (m_compressed) {
-        // A record may come from another disk, where the grain had another place.
-        m_record.assign(data.getData(), data.getLength());
-        m_dataPreparer->patchGrainIndexInPreparedGrainData(m_record, m_diskGrainIndex);
-        padToSector(m_record);
-    }
     try {
-        writePreparedGrainDataInternal(m_compressed ? TConstBufferSlice<unsigned char>(m_record) : data,
-                                       keepBuffer);
+        writePreparedGrainDataInternal(m_compressed ? makeRecordOfThisGrain(data) : data, keepBuffer);
     } catch (...) {
         if (!m_dirty)
             forgetData(); // the slot may hold anything now; a pending change still stands
