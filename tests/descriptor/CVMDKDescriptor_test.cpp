@@ -146,6 +146,15 @@ TEST(CVMDKDescriptor, RoundTripBringsSettingsAndExtentsIntoTheirForm) {
     }
 }
 
+TEST(CVMDKDescriptor, ExtentLineWithoutAccessMayComeBackAsASettingAndIsSettledThen) {
+    const char* const text = " = =type \"a.vmdk\" 0\n";
+    const char* const written = " 0 =type \"a.vmdk\" 0\n";
+    const char* const settled = "0=type \"a.vmdk\" 0\n";
+    EXPECT_EQ(roundTrip(text), written);
+    EXPECT_EQ(roundTrip(written), settled);
+    EXPECT_EQ(roundTrip(settled), settled);
+}
+
 TEST(CVMDKDescriptor, BlankLinesAreKeptAllButTheOneBehindTheLastLineFeed) {
     const auto linesOf = [](const char* text) {
         TArray<String> lines;
