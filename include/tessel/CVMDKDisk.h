@@ -96,7 +96,7 @@ public:
     static int64 getDefaultFileSizeLimit() noexcept { return 2147483648; }
     /// The size that create() gives a disk of at least `minSizeBytes`.
     static int64 getVirtualDiskSizeBytesFromMinSizeBytes(int64 minSizeBytes) noexcept;
-    /// The main file, absolute or as it was given to the constructor.
+    /// The main file, in normal form.
     CURI getMainFileURI() const { return m_mainFileURI; }
     /// The file of the first extent; the main file where the descriptor is embedded.
     CURI getFirstExtentFileURI() const { return m_firstExtentFileURI; }
