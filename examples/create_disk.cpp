@@ -1,5 +1,5 @@
-// Makes a disk of 64 MiB, writes to its first sector, and tells errors apart:  tessel-example-create_disk
-// DISK
+// Makes a disk of 64 MiB, writes to its first sector, and tells errors apart:
+//   tessel-example-create_disk DISK
 #include "tessel/tessel.h"
 
 #include <cstdio>
