@@ -70,4 +70,6 @@ install(DIRECTORY "${PROJECT_SOURCE_DIR}/docs" "${PROJECT_SOURCE_DIR}/examples"
     COMPONENT dev
     FILES_MATCHING PATTERN "*.md" PATTERN "*.cpp" PATTERN "CMakeLists.txt")
 
-include(TesselPackage)
+if(PROJECT_IS_TOP_LEVEL)
+    include(TesselPackage)
+endif()
