@@ -1,29 +1,36 @@
-# What an install holds: the library, its headers, the program, and what CMake and pkg-config need to find them.
-# The whole tree may be moved after the install.
+# What an install holds: the library, its headers, the program, what CMake and pkg-config need to find them, and
+# documents with examples. The whole tree may be moved after the install.
+#
+# Each part belongs to a component, of which TesselPackage.cmake makes packages: "runtime" is what programs need that
+# use the library, "dev" what building them needs, "tools" the program. What names none belongs to "tools".
 
 include(CMakePackageConfigHelpers)
+
+set(tessel_document_dir "${CMAKE_INSTALL_DATAROOTDIR}/doc/tessel")
 
 set(tessel_package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/tessel")
 
 install(TARGETS tessel
     EXPORT tessel-targets
-    RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}"
-    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
-    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}")
+    RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT runtime
+    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT runtime NAMELINK_COMPONENT dev
+    ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT dev)
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/"
     DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
+    COMPONENT dev
     FILES_MATCHING PATTERN "*.h")
 
 if(TARGET tessel-cli)
     file(RELATIVE_PATH libdir_from_bindir
         "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
     set_target_properties(tessel-cli PROPERTIES INSTALL_RPATH "$ORIGIN/${libdir_from_bindir}")
-    install(TARGETS tessel-cli RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+    install(TARGETS tessel-cli RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tools)
 endif()
 
 install(EXPORT tessel-targets
     NAMESPACE tessel::
-    DESTINATION "${tessel_package_dir}")
+    DESTINATION "${tessel_package_dir}"
+    COMPONENT dev)
 configure_package_config_file(
     "${PROJECT_SOURCE_DIR}/cmake/tessel-config.cmake.in"
     "${PROJECT_BINARY_DIR}/tessel-config.cmake"
@@ -36,7 +43,8 @@ install(
     FILES
         "${PROJECT_BINARY_DIR}/tessel-config.cmake"
         "${PROJECT_BINARY_DIR}/tessel-config-version.cmake"
-    DESTINATION "${tessel_package_dir}")
+    DESTINATION "${tessel_package_dir}"
+    COMPONENT dev)
 
 file(RELATIVE_PATH tessel_pc_prefix
     "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
@@ -45,4 +53,23 @@ configure_file(
     "${PROJECT_SOURCE_DIR}/cmake/tessel.pc.in"
     "${PROJECT_BINARY_DIR}/tessel.pc"
     @ONLY)
-install(FILES "${PROJECT_BINARY_DIR}/tessel.pc" DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
+install(FILES "${PROJECT_BINARY_DIR}/tessel.pc"
+    DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig"
+    COMPONENT dev)
+
+# The documents keep their places to each other, so that the links between them lead somewhere.
+file(GLOB tessel_licences "${PROJECT_SOURCE_DIR}/LICENSE*" "${PROJECT_SOURCE_DIR}/COPYING*")
+install(FILES "${PROJECT_SOURCE_DIR}/CHANGELOG.md" ${tessel_licences}
+    DESTINATION "${tessel_document_dir}"
+    COMPONENT runtime)
+install(FILES "${PROJECT_SOURCE_DIR}/SECURITY.md"
+    DESTINATION "${tessel_document_dir}"
+    COMPONENT dev)
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/docs" "${PROJECT_SOURCE_DIR}/examples"
+    DESTINATION "${tessel_document_dir}"
+    COMPONENT dev
+    FILES_MATCHING PATTERN "*.md" PATTERN "*.cpp" PATTERN "CMakeLists.txt")
+
+if(PROJECT_IS_TOP_LEVEL)
+    include(TesselPackage)
+endif()

@@ -8,6 +8,7 @@ namespace lum {
 /// "path" and "reason".
 class TESSEL_EXPORT CBadPathError : public CError {
 public:
+    /// `path`: the text; `reason`: why it is none, for people.
     CBadPathError(const String& path, const String& reason);
     ~CBadPathError() override;
 

@@ -22,9 +22,14 @@ public:
     /// Throws: CError when the class refuses to be seen as `target`.
     virtual void checkCastAllowed(const std::type_info& target) const;
 
+    /// One definition of allocation for all objects: that of the library, whoever makes them.
+    /// Throws: std::bad_alloc.
     static void* operator new(std::size_t size);
+    /// Gives back what this operator new gave.
     static void operator delete(void* memory) noexcept;
+    /// An object at a given place; nothing is allocated.
     static void* operator new(std::size_t, void* place) noexcept { return place; }
+    /// Counterpart of the placement form: nothing to give back.
     static void operator delete(void*, void*) noexcept {}
 
 protected:

@@ -18,13 +18,19 @@ public:
     /// `cause` is copied and may be null.
     explicit CError(const String& message, const String& secondText = String(), int code = -1,
                     const CProps& props = CProps(), const CError* cause = nullptr);
+    /// Copies share the contents and cannot fail.
     CError(const CError&) = default;
+    /// As copying.
     CError& operator=(const CError&) = default;
     ~CError() override;
 
+    /// For people; may be empty.
     const String& getMessage() const noexcept;
+    /// For people who look closer; may be empty.
     const String& getSecondText() const noexcept;
+    /// -1 where the class has no codes.
     int getCode() const noexcept;
+    /// The named values, in the order in which they were added.
     const CProps& getProps() const noexcept;
     /// The error that led to this one; null when there is none.
     const CError* getCause() const noexcept;

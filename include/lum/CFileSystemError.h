@@ -8,6 +8,7 @@ namespace lum {
 /// the error it is made from; the problem says what kind of thing went wrong. The numbers are stable.
 class TESSEL_EXPORT CFileSystemError : public CError {
 public:
+    /// What kind of thing went wrong.
     enum Problem {
         Problem_Other = 0,
         Problem_NotFound = 1, ///< no such file, or no such folder on the way
@@ -20,9 +21,11 @@ public:
         Problem_NotAFile = 8, ///< a folder, a pipe or another thing that is no regular file
     };
 
+    /// Takes over everything of `error` but its class.
     CFileSystemError(Problem problem, const CError& error);
     ~CFileSystemError() override;
 
+    /// What kind of thing went wrong.
     Problem getProblem() const noexcept { return m_problem; }
 
     const char* getClassName() const noexcept override;

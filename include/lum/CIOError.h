@@ -7,6 +7,7 @@ namespace lum {
 /// A failure of input or output, or data that are not what they must be. The numbers are stable.
 class TESSEL_EXPORT CIOError : public CError {
 public:
+    /// What getCode() gives.
     enum Code {
         Code_ReadFailed = 1,          ///< the system refused to read
         Code_WriteFailed = 2,         ///< the system refused to write, flush or change a length
@@ -21,6 +22,7 @@ public:
         Code_LengthNotSettable = 13,  ///< the length of this stream cannot be set
     };
 
+    /// `cause` is copied and may be null.
     explicit CIOError(Code code, const String& message = String(), const CProps& props = CProps(),
                       const CError* cause = nullptr);
     ~CIOError() override;

@@ -7,9 +7,11 @@ namespace lum {
 /// An argument that a function cannot accept. `source` names the class and method.
 class TESSEL_EXPORT CInvalidArgError : public CError {
 public:
+    /// `source`: the class and method that was called.
     CInvalidArgError(const String& source, const String& message, const CProps& props = CProps());
     ~CInvalidArgError() override;
 
+    /// The class and method that was called.
     const String& getSource() const noexcept { return *m_source; }
 
     const char* getClassName() const noexcept override;

@@ -12,6 +12,7 @@ class CFileSystemError;
 /// that was left behind blocks nobody.
 class TESSEL_EXPORT CLockFile : public CBase {
 public:
+    /// Whom the lock keeps out.
     enum LockType {
         LockType_Shared = 1,    ///< shared with other readers
         LockType_Exclusive = 2, ///< alone

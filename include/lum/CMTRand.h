@@ -26,6 +26,7 @@ public:
 
     /// The generator of the process. Touched only while getGlobalInstanceMutex() is held.
     static CMTRand* getGlobal();
+    /// The lock of getGlobal(). Lives as long as the process.
     static IMutex* getGlobalInstanceMutex();
 
 private:

@@ -7,6 +7,7 @@
 
 namespace lum {
 
+/// A lock for the threads of this process.
 class TESSEL_EXPORT CMutex : public CBase, public IMutex {
 public:
     void lock() override { m_mutex.lock(); }

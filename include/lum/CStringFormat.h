@@ -13,9 +13,12 @@ namespace lum {
 /// place are dropped.
 class TESSEL_EXPORT CStringFormat {
 public:
+    /// Starts with all places open.
     explicit CStringFormat(const String& format) : m_rest(format) {}
 
+    /// Fills the next place; what a hexadecimal one shows of a negative number are its 64 bits.
     CStringFormat& operator<<(int64 value);
+    /// The text as it stands.
     operator String() const;
 
 private:

@@ -24,6 +24,7 @@ public:
     /// gives a reference without a scheme, which takes the drive from what it is resolved against. A row
     /// of separators counts as one. The empty path gives the empty reference.
     CURI(const TPathImpl<CWindowsPathTraits>& path, bool makeAbsolute);
+    /// The same from a Unix path.
     CURI(const TPathImpl<CUnixPathTraits>& path, bool makeAbsolute);
     /// From parts that are escaped as far as they need it. `port` -1 is none. User information or a port
     /// without a host get an empty host; a host puts "/" before a relative path.
@@ -32,21 +33,28 @@ public:
          TConstOptRef<String> userInfo = {}, int port = -1, TConstOptRef<String> query = {},
          TConstOptRef<String> fragment = {});
 
+    /// True for the empty reference.
     bool isEmpty() const noexcept;
     /// True with a scheme and a path that begins with "/" (or, without a path, a host).
     bool isAbsolute() const noexcept;
 
+    /// Without the ":", as it was written; empty for a relative reference.
     const String& getScheme() const noexcept { return m_scheme; }
     /// The path with its escapes.
     const String& getPath() const noexcept { return m_path; }
+    /// As it was written; absent without "//".
     TConstOptRef<String> getHost() const noexcept { return ref(m_host); }
+    /// What stands before the "@", with its escapes; absent where there is none.
     TConstOptRef<String> getUserInfo() const noexcept { return ref(m_userInfo); }
     /// User information up to its first ":".
     std::optional<String> getUserName() const;
     /// User information, host and port as they stand between "//" and the path.
     std::optional<String> getAuthority() const;
+    /// -1 where there is none.
     int getPort() const noexcept { return m_port; }
+    /// What stands behind the "?", with its escapes; absent where there is none.
     TConstOptRef<String> getQuery() const noexcept { return ref(m_query); }
+    /// What stands behind the "#", with its escapes; absent where there is none.
     TConstOptRef<String> getFragment() const noexcept { return ref(m_fragment); }
 
     /// The last name of the path, escapes of UTF-8 undone; empty when the path ends with "/", "." or "..".
@@ -84,6 +92,7 @@ public:
     /// be read as the end of a scheme.
     String toString(bool forPeople) const;
 
+    /// Equal when all parts are, letter by letter; compare normal forms to compare files.
     friend bool operator==(const CURI&, const CURI&) = default;
 
 private:

@@ -16,7 +16,9 @@ public:
 
 protected:
     IBase() = default;
+    /// A copy is counted by itself.
     IBase(const IBase&) = default;
+    /// Leaves the count as it is.
     IBase& operator=(const IBase&) = default;
     virtual ~IBase() = default;
 };

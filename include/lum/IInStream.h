@@ -17,6 +17,7 @@ public:
     virtual int readAvailable(void* buffer, int count) = 0;
     /// Waits up to `timeoutMs` (-1: for ever) for bytes or the end; true when a read would not wait.
     virtual bool waitReadable(int timeoutMs) const = 0;
+    /// True when nothing is left to read; may wait to find that out.
     virtual bool isEndOfStream() const = 0;
     /// 1 at the end, 0 before it, -1 when that cannot be told without waiting.
     virtual int isEndOfStream_NonBlocking() const = 0;

@@ -9,6 +9,7 @@ namespace lum {
 /// A row of bytes with a current position. One thread at a time uses a stream.
 class TESSEL_EXPORT IStreamBase : public virtual IBase {
 public:
+    /// Whom a lock keeps out: writers, or everybody.
     enum LockType { LockType_Shared = 1, LockType_Exclusive = 2 };
 
     /// Length in bytes, what is written but not yet flushed included.

@@ -12,10 +12,13 @@ namespace lum {
 /// default). May be called from any thread; the sink must bear calls from any thread too.
 TESSEL_EXPORT P<ILogSink> setLogSink(ILogSink* sink);
 
+/// For people who want to know; nothing is wrong.
 TESSEL_EXPORT void logInfo(const String& message);
+/// Something is not as it should be, and work goes on.
 TESSEL_EXPORT void logWarning(const String& message);
 /// `secondText` is for people who look closer; it may be empty.
 TESSEL_EXPORT void logWarning(const std::exception& error, const String& message, const String& secondText);
+/// Something failed that could not be thrown.
 TESSEL_EXPORT void logError(const std::exception& error, const String& message, const String& secondText);
 
 /// Reports an error that a destructor had to swallow. `className` is the qualified name of the class.

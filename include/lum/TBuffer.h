@@ -22,17 +22,22 @@ public:
     TBuffer() = default;
     /// `used` elements of zero.
     explicit TBuffer(int64 used) { setUsed(used); }
+    /// A copy of `count` elements.
     TBuffer(const T* data, int64 count) { assign(data, count); }
+    /// A copy of the used part.
     TBuffer(const TBuffer& other) : TBuffer(other.getData(), other.m_used) {}
+    /// Takes over the memory; the other is empty afterwards.
     TBuffer(TBuffer&& other) noexcept : m_memory(std::move(other.m_memory)), m_used(other.m_used) {
         other.m_memory.clear();
         other.m_used = 0;
     }
+    /// As assign().
     TBuffer& operator=(const TBuffer& other) {
         if (this != &other)
             assign(other.getData(), other.m_used);
         return *this;
     }
+    /// Takes over the memory; the other is empty afterwards.
     TBuffer& operator=(TBuffer&& other) noexcept {
         if (this != &other) {
             m_memory = std::move(other.m_memory);
@@ -43,13 +48,20 @@ public:
         return *this;
     }
 
+    /// Elements that are contents.
     int64 getUsed() const noexcept { return m_used; }
+    /// Elements that there is memory for.
     int64 getAllocated() const noexcept { return static_cast<int64>(m_memory.size()); }
+    /// True without contents.
     bool isEmpty() const noexcept { return m_used == 0; }
 
+    /// The first element; valid until the memory grows.
     T* getData() noexcept { return m_memory.data(); }
+    /// The same for reading.
     const T* getData() const noexcept { return m_memory.data(); }
+    /// An element. Requires: 0 <= i < the allocated size.
     T& operator[](int64 i) noexcept { return m_memory[static_cast<std::size_t>(i)]; }
+    /// The same for reading.
     const T& operator[](int64 i) const noexcept { return m_memory[static_cast<std::size_t>(i)]; }
 
     /// Makes room for at least n elements; contents and used size stay.
@@ -71,6 +83,7 @@ public:
         setUsed(count);
         std::copy_n(data, count, getData());
     }
+    /// Replaces the contents by a copy of another's.
     void assign(const TBuffer& other) { *this = other; }
 
     /// Adds `count` elements at the end. `data` may not lie in this buffer.
@@ -85,6 +98,7 @@ public:
     /// Sets every used element to `value`.
     void fill(T value) { std::fill_n(getData(), m_used, value); }
 
+    /// Equal when the used parts are.
     friend bool operator==(const TBuffer& a, const TBuffer& b) noexcept {
         return a.m_used == b.m_used && std::equal(a.getData(), a.getData() + a.m_used, b.getData());
     }

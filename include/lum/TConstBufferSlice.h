@@ -15,7 +15,9 @@ public:
     explicit TConstBufferSlice(const TBuffer<T>& buffer) noexcept
         : TConstBufferSlice(buffer, 0, buffer.getUsed()) {}
 
+    /// The first element of the view.
     const T* getData() const noexcept { return m_data; }
+    /// Elements of the view.
     int64 getLength() const noexcept { return m_length; }
 
 private:

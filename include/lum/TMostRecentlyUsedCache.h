@@ -73,6 +73,7 @@ public:
         if (enabled)
             enforceLimit();
     }
+    /// Whether new keys make the limit be enforced; true at first.
     bool getAutoEnforceLimit() const noexcept { return m_autoEnforce; }
 
     /// Takes out one entry; does nothing when there is none.
@@ -96,7 +97,9 @@ public:
             takeOut(m_recency.back());
     }
 
+    /// How many entries there are.
     int getCount() const noexcept { return static_cast<int>(m_entries.size()); }
+    /// How many entries enforcement leaves.
     int getLimit() const noexcept { return m_limit; }
 
     /// Calls `visit(key, value&)` for every entry in key order; the order of use stays. The cache may

@@ -18,17 +18,23 @@ public:
             throw CBadPathError(text, fault);
     }
 
+    /// The text as it was written.
     const String& toString() const noexcept { return m_text; }
+    /// True for the empty path.
     bool isEmpty() const noexcept { return m_text.isEmpty(); }
+    /// True when the path fixes the place without a current folder.
     bool isAbsolute() const noexcept { return Traits::isAbsolute(m_text); }
 
+    /// Equal when the texts are, letter by letter.
     friend bool operator==(const TPathImpl&, const TPathImpl&) = default;
 
 private:
     String m_text;
 };
 
+/// A path as Windows has them.
 using CWindowsPath = TPathImpl<CWindowsPathTraits>;
+/// A path as Unix has them.
 using CUnixPath = TPathImpl<CUnixPathTraits>;
 
 } // namespace lum

@@ -12,8 +12,11 @@ class TESSEL_EXPORT ICipher : public virtual lum::IBase {
 public:
     /// Names algorithm and mode, "aes256cbc" for example.
     virtual lum::String getID() const = 0;
+    /// Length of a key in bytes.
     virtual int getKeySizeBytes() const = 0;
+    /// Length of an initialisation vector in bytes.
     virtual int getIVSizeBytes() const = 0;
+    /// Length of a block in bytes.
     virtual int getBlockSizeBytes() const = 0;
 
     /// Encrypts `size` bytes and appends the result to `out`. With `fillLastBlock` the last block is

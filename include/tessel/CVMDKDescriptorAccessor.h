@@ -24,6 +24,7 @@ public:
 
     /// The descriptor itself: what is changed in it is what storeDescriptor() writes.
     P<CVMDKDescriptor> getDescriptor() const { return m_descriptor; }
+    /// True when the file is a sparse extent that holds the descriptor, false when it is text.
     bool getEmbeddedInSparseExtentFile() const noexcept { return m_embedded; }
     /// Bytes of the area that holds the descriptor.
     int64 getDescriptorAreaSize() const noexcept { return m_descriptorSize; }

@@ -33,14 +33,19 @@ public:
     /// Key of the extent map: a range of sectors of the disk. Overlapping ranges are equivalent, so that
     /// {s, 1} finds the extent that holds sector s.
     struct CExtentKey {
+        /// First sector, counted in the disk.
         int64 startSector;
+        /// How many sectors.
         int64 sizeSectors;
 
+        /// True when the first range ends before the second begins.
         friend bool operator<(const CExtentKey& a, const CExtentKey& b) noexcept {
             return a.startSector + a.sizeSectors <= b.startSector;
         }
     };
+    /// What is known of an extent before it is opened.
     struct CExtentValue {
+        /// The extent's file.
         CURI uri;
         /// Index, within the disk, of the extent's first grain.
         int64 startGrainIndex;
@@ -81,7 +86,9 @@ public:
     static void deriveEncryptKey(TCryptBuffer<unsigned char>& key, int keySizeBytes, const String& password,
                                  const String& derivationAlgorithm, const TBuffer<unsigned char>& salt);
 
+    /// Size of the disk in bytes.
     int64 getSizeBytes() const noexcept { return m_sizeBytes; }
+    /// Bytes of a grain of this disk.
     int64 getGrainSizeBytes() const noexcept { return m_grainSizeBytes; }
     /// Sectors of a grain of the disks that this library makes. Not of this disk.
     static int getGrainSizeSectors() noexcept { return 128; }
@@ -89,15 +96,21 @@ public:
     static int64 getDefaultFileSizeLimit() noexcept { return 2147483648; }
     /// The size that create() gives a disk of at least `minSizeBytes`.
     static int64 getVirtualDiskSizeBytesFromMinSizeBytes(int64 minSizeBytes) noexcept;
+    /// The main file, in normal form.
     CURI getMainFileURI() const { return m_mainFileURI; }
+    /// The file of the first extent; the main file where the descriptor is embedded.
     CURI getFirstExtentFileURI() const { return m_firstExtentFileURI; }
     /// Empty for a disk without parent.
     CURI getParentDiskMainURI() const { return m_parentDiskMainURI; }
+    /// Whether grains are stored compressed.
     bool getCompressed() const noexcept { return m_compressed; }
+    /// Whether grains are stored encrypted.
     bool getEncrypted() const noexcept { return static_cast<bool>(m_cipher); }
+    /// Where the next transfer begins, in bytes.
     int64 getPosition() const noexcept { return m_position; }
     /// The disk's own descriptor, not a copy; changes reach the file by storeDescriptor().
     P<CVMDKDescriptor> getDescriptor() const { return m_descriptor; }
+    /// The cache that holds the tables of this disk, and of others that share it.
     P<CVMDKGrainTableCache> getGrainTableCache() const { return m_grainTableCache; }
     /// The extents, in the disk's order.
     const TMap<CExtentKey, CExtentValue>& getExtentMap() const noexcept { return m_extentMap; }

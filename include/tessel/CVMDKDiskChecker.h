@@ -23,6 +23,7 @@ namespace tessel {
 /// The disk is locked like one that is open for reading. One thread at a time.
 class TESSEL_EXPORT CVMDKDiskChecker : public CBase {
 public:
+    /// The file system is kept; nothing is opened yet.
     CVMDKDiskChecker(IFileSystem* fileSystem, const CURI& mainFileURI);
     ~CVMDKDiskChecker() override;
 
@@ -36,7 +37,9 @@ public:
 
     // What the last check came across; all 0 before the first, and after one that threw.
 
+    /// How many findings were damage.
     int64 getDamageCount() const noexcept { return m_damageCount; }
+    /// How many findings were only worth knowing.
     int64 getInformationCount() const noexcept { return m_informationCount; }
     /// How many findings say that something could not be looked at.
     int64 getUncheckedCount() const noexcept { return m_uncheckedCount; }

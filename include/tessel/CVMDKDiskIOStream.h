@@ -15,7 +15,9 @@ public:
     /// Opens the disk, with compression level 1 and its own cache. Throws: as CVMDKDisk.
     CVMDKDiskIOStream(IFileSystem* fileSystem, const CURI& mainFileURI, IIOStream::Access access,
                       const String& password);
+    /// Shares the disk.
     CVMDKDiskIOStream(const CVMDKDiskIOStream& other);
+    /// Lets go of its disk and shares the other's.
     CVMDKDiskIOStream& operator=(const CVMDKDiskIOStream& other);
     ~CVMDKDiskIOStream() override;
 
@@ -48,6 +50,7 @@ public:
     void setLength(int64 length) override;
 
 protected:
+    /// Takes the disk; the constructors' common part.
     void construct(CVMDKDisk* disk);
 
 private:

@@ -19,10 +19,13 @@ public:
     /// that is no number counts as 0.
     static P<CVMDKExtentInfo> tryParseDescriptorLine(const String& line);
 
+    /// What may be done with the extent: "RW", "RDONLY" or "NOACCESS".
     String getAccess() const;
+    /// Size of the extent in sectors.
     int64 getSizeSectors() const noexcept { return m_sizeSectors; }
     /// False for a parsed line whose size was no number: what lies behind it has no known place.
     bool isSizeKnown() const noexcept { return m_sizeKnown; }
+    /// How the extent is stored; "SPARSE" is the one that the library opens.
     String getType() const;
     /// The file reference between the quotes, as written.
     String getFilename() const;

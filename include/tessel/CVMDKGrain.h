@@ -40,7 +40,9 @@ public:
     /// Flushes, and forgets the grain. Throws: what flushing throws, the grain then being open still.
     void close();
 
+    /// True while a grain is open.
     bool isOpen() const noexcept { return m_diskGrainIndex >= 0; }
+    /// The cursor, in bytes from the grain's start.
     int64 getPosition() const noexcept { return m_position; }
     /// Bytes from the cursor to the grain's end.
     int getBytesLeft() const noexcept { return static_cast<int>(m_grainSizeBytes - m_position); }
@@ -93,6 +95,7 @@ public:
     /// CInvalidArgError for data that are no prepared grain of this kind: nothing has changed then. What
     /// writing throws.
     void writePreparedGrainData(const TBuffer<unsigned char>& data);
+    /// The same; the buffer may be changed as soon as the call has returned.
     void writePreparedGrainDataKeepBuffer(const TConstBufferSlice<unsigned char>& data);
     /// Stores the provider's data for a grain that has no slot, zeros too, and returns how many prepared
     /// bytes that were; for one that has, the grain size; without a provider, 0. Pending changes are

@@ -12,6 +12,7 @@ class TESSEL_EXPORT CVMDKGrainDirectory : public CBase {
 public:
     /// Bounds on what a header may ask for.
     static constexpr int64 maxGrainSizeSectors = 32768;
+    /// The largest number of entries of a grain table.
     static constexpr int maxEntriesPerTable = 4096;
 
     /// Reads the directories. Positions are sectors; a redundant position below 1 is none. A marker of
@@ -32,6 +33,7 @@ public:
 
     /// Grains, and grain tables, of an extent.
     static int64 calcExtentGrainCount(int64 capacitySectors, int64 grainSizeSectors);
+    /// Grain tables that as many grains take.
     static int64 calcExtentGrainTableCount(int64 capacitySectors, int64 grainSizeSectors,
                                            int entriesPerTable);
 
@@ -64,9 +66,13 @@ public:
     /// Grains of tables between have no slots. Throws: the stream's errors.
     int64 findNextTable(int64 tableIndex) { return m_directory.findNext(tableIndex); }
 
+    /// Whether there is a slot size directory, as compressed extents have it.
     bool getHaveSlotSizeInfo() const noexcept { return m_slotSizeDirectory.isPresent(); }
+    /// Grains of the extent, with a slot or without.
     int64 getGrainCount() const noexcept { return m_grainCount; }
+    /// Grain tables of the extent, whether the file has them or not.
     int64 getTableCount() const noexcept { return m_tableCount; }
+    /// Grains of one table.
     int getEntriesPerTable() const noexcept { return m_entriesPerTable; }
 
     /// Writes the changed tables. The stream is not flushed.

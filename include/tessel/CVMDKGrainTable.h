@@ -36,6 +36,7 @@ public:
     /// table is then unchanged.
     void setGrainInfo(int64 grainIndex, int64 grainPosSectors, int64 slotSizeSectors);
 
+    /// True when something was changed that is not written yet.
     bool hasUnflushedChanges() const noexcept { return m_entriesChanged || m_slotSizesChanged; }
 
     /// Writes what was changed, each table to all its copies. The stream is not flushed.

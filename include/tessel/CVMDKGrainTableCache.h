@@ -13,10 +13,14 @@ class TESSEL_EXPORT CVMDKGrainTableCache : public CBase {
 public:
     /// Names a table: its directory, by address, and its index there.
     struct TESSEL_EXPORT CKey {
+        /// Compared by its address; never used through this key.
         CVMDKGrainDirectory* directory;
+        /// Index of the table in the directory.
         int64 tableIndex;
 
+        /// Equal when both parts are.
         friend bool operator==(const CKey&, const CKey&) = default;
+        /// By directory, then by index.
         friend bool operator<(const CKey& a, const CKey& b) noexcept {
             const auto addressA = reinterpret_cast<std::uintptr_t>(a.directory);
             const auto addressB = reinterpret_cast<std::uintptr_t>(b.directory);
@@ -24,6 +28,7 @@ public:
         }
     };
 
+    /// How many tables a cache keeps unless it is told otherwise.
     static constexpr int defaultLimit = 1024;
 
     /// `limit`: the largest number of tables that is kept; below 0 counts as 0.
@@ -45,12 +50,14 @@ public:
     void flushCachedTablesFromDirectoryToStream(CVMDKGrainDirectory* directory);
     /// The steps of CVMDKGrainTable, for the tables of a directory.
     void writeSlotSizesOfNewGrains(CVMDKGrainDirectory* directory);
+    /// The second step, for the tables of a directory. Throws: as flushCachedTablesFromDirectoryToStream.
     void writeChangedEntries(CVMDKGrainDirectory* directory);
     /// Lets go of the tables of a directory. Those with changes write themselves as they go.
     void removeCachedTablesFromDirectory(CVMDKGrainDirectory* directory);
     /// Lets go of every table.
     void clear();
 
+    /// How many tables there are, of all directories.
     int getCachedTableCount() const noexcept;
 
     /// True when any table of the directory has changes that are not written.

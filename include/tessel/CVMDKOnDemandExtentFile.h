@@ -53,6 +53,8 @@ protected:
     /// grains; what making and opening the file throw. The extent is then as it was, but for a file that
     /// was already made and will only be opened next time.
     void prepareWrite();
+    /// Makes the extent one without a file (`useNull`), or opens its file.
+    /// Throws: what opening throws.
     void updateInnerFileObject(bool useNull);
 
 private:

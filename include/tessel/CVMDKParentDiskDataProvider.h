@@ -27,6 +27,7 @@ public:
     /// comes back to one of its disks or is deeper than maxChainLength; what opening the parent throws.
     /// Every call tries again.
     void ensureParentDiskOpen();
+    /// The parent's main file, seen from the child's folder.
     CURI getParentDiskMainFileURI() const { return m_parentURI; }
     /// The open parent; throws as ensureParentDiskOpen.
     P<CVMDKDisk> getParentDisk();
@@ -40,6 +41,7 @@ public:
     bool isGrainWritten(int64 position) override;
 
 protected:
+    /// Asks the parent for its size, once.
     void fetchParentDiskSize();
 
 private:

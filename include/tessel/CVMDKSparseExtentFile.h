@@ -32,9 +32,13 @@ public:
     CVMDKSparseExtentFile(const CVMDKSparseExtentFile&) = delete;
     CVMDKSparseExtentFile& operator=(const CVMDKSparseExtentFile&) = delete;
 
+    /// The stream of the extent's file, which others may use between two calls.
     P<IIOStream> getStream() const { return m_stream; }
+    /// The header as it was read.
     const CVMDKSparseExtentHeader& getHeader() const noexcept { return *m_header; }
+    /// Size of the extent in sectors, as its header has it.
     int64 getCapacitySectors() const noexcept { return m_capacitySectors; }
+    /// The directory; lives as long as this object.
     CVMDKGrainDirectory& getGrainDirectory() const noexcept { return *m_grainDirectory; }
 
     /// Throws: CIOError 5 when the extent's grains are not of this size and kind, or its capacity is below

@@ -18,6 +18,7 @@ public:
     /// The largest key hash that the extension can hold, in bytes.
     static constexpr int maxEncryptionKeyHashSize = 427;
 
+    /// Bits of the flags; others are reserved and kept.
     enum Flag : unsigned int {
         Flag_LineEndTest = 0x1,        ///< the line-end test bytes must be checked
         Flag_RedundantDirectory = 0x2, ///< the redundant grain directory offset is valid
@@ -39,49 +40,74 @@ public:
     /// loaded.
     void store(CDataOutStream& out);
 
+    /// 1 plain, 3 compressed; 2 in files of other writers.
     unsigned int getVersion() const noexcept { return m_version; }
+    /// Sets the version.
     void setVersion(unsigned int version) noexcept { m_version = version; }
+    /// The bits of Flag, and reserved ones as they were loaded.
     unsigned int getFlags() const noexcept { return m_flags; }
+    /// Sets all flags.
     void setFlags(unsigned int flags) noexcept { m_flags = flags; }
     /// Size of the extent's virtual contents.
     unsigned long long getCapacitySectors() const noexcept { return m_capacity; }
+    /// Sets the size of the extent's virtual contents.
     void setCapacitySectors(unsigned long long sectors) noexcept { m_capacity = sectors; }
+    /// Sectors of a grain.
     unsigned long long getGrainSizeSectors() const noexcept { return m_grainSize; }
+    /// Sets the sectors of a grain.
     void setGrainSizeSectors(unsigned long long sectors) noexcept { m_grainSize = sectors; }
     /// Where the embedded descriptor is; 0 when there is none.
     unsigned long long getDescriptorOffsetSectors() const noexcept { return m_descriptorOffset; }
+    /// Sets where the embedded descriptor is.
     void setDescriptorOffsetSectors(unsigned long long sectors) noexcept { m_descriptorOffset = sectors; }
+    /// Sectors of the area that the embedded descriptor has.
     unsigned long long getDescriptorSizeSectors() const noexcept { return m_descriptorSize; }
+    /// Sets the sectors of the descriptor's area.
     void setDescriptorSizeSectors(unsigned long long sectors) noexcept { m_descriptorSize = sectors; }
     /// Entries of one grain table.
     unsigned int getGrainTableEntryCount() const noexcept { return m_grainTableEntryCount; }
+    /// Sets the entries of one grain table.
     void setGrainTableEntryCount(unsigned int count) noexcept { m_grainTableEntryCount = count; }
+    /// First sector of the redundant grain directory; valid with Flag_RedundantDirectory only.
     unsigned long long getRedundantGrainDirectoryOffsetSectors() const noexcept {
         return m_redundantDirectoryOffset;
     }
+    /// Sets the first sector of the redundant grain directory.
     void setRedundantGrainDirectoryOffsetSectors(unsigned long long sectors) noexcept {
         m_redundantDirectoryOffset = sectors;
     }
+    /// First sector of the grain directory.
     unsigned long long getGrainDirectoryOffsetSectors() const noexcept { return m_directoryOffset; }
+    /// Sets the first sector of the grain directory.
     void setGrainDirectoryOffsetSectors(unsigned long long sectors) noexcept { m_directoryOffset = sectors; }
     /// Sectors before the first grain.
     unsigned long long getOverheadSectors() const noexcept { return m_overhead; }
+    /// Sets the sectors before the first grain.
     void setOverheadSectors(unsigned long long sectors) noexcept { m_overhead = sectors; }
+    /// Whether a writer marked the file as in use; the library does not.
     bool getUncleanShutdown() const noexcept { return m_uncleanShutdown; }
+    /// Sets or clears that mark.
     void setUncleanShutdown(bool unclean) noexcept { m_uncleanShutdown = unclean; }
     /// 0 none, 1 deflate.
     unsigned short getCompressAlgorithm() const noexcept { return m_compressAlgorithm; }
+    /// Sets the compression.
     void setCompressAlgorithm(unsigned short algorithm) noexcept { m_compressAlgorithm = algorithm; }
 
     /// Selects the layout with the encryption extension; the rest of these fields exist only in it.
     bool getEncryptionExtensionEnabled() const noexcept { return m_encryptionExtensionEnabled; }
+    /// Selects the layout that is stored.
     void setEncryptionExtensionEnabled(bool enabled) noexcept { m_encryptionExtensionEnabled = enabled; }
+    /// 0 none, 1 AES-256-CBC.
     unsigned short getEncryptionAlgorithm() const noexcept { return m_encryptionAlgorithm; }
+    /// Sets the encryption.
     void setEncryptionAlgorthm(unsigned short algorithm) noexcept { m_encryptionAlgorithm = algorithm; }
+    /// 1 SHA-256.
     unsigned short getEncryptionKeyHashAlgorithm() const noexcept { return m_encryptionKeyHashAlgorithm; }
+    /// Sets the algorithm of the key hash.
     void setEncryptionKeyHashAlgorthm(unsigned short algorithm) noexcept {
         m_encryptionKeyHashAlgorithm = algorithm;
     }
+    /// The digest of the data key; empty without encryption.
     const TBuffer<unsigned char>& getEncryptionKeyHash() const noexcept { return m_encryptionKeyHash; }
     /// Copies the hash. Throws: CInvalidArgError when it is longer than maxEncryptionKeyHashSize.
     void setEncryptionKeyHash(const TBuffer<unsigned char>& hash);

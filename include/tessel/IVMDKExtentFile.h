@@ -16,12 +16,15 @@ public:
     virtual void setFallbackDataProvider(IVMDKDataProvider* fallbackDataProvider) = 0;
     /// Index, within the whole disk, of this extent's first grain.
     virtual int64 getStartGrainIndex() const = 0;
+    /// Sectors of a grain.
     virtual int64 getGrainSizeSectors() const = 0;
+    /// Whether grains are stored compressed.
     virtual bool getCompressed() const = 0;
     /// The extent's file, also where that does not exist yet.
     virtual CURI getURI() = 0;
     /// Throws: CInvalidArgError ("uri") outside 0 to the extent's size, both included.
     virtual void seek(int64 position) = 0;
+    /// Where the next transfer begins, in bytes from the extent's start.
     virtual int64 getPosition() const = 0;
     /// Reads exactly `size` bytes. Throws: CIOError 4 ("uri", "position", "bytesToRead") past the end.
     virtual void read(void* buffer, int size) = 0;
@@ -34,6 +37,7 @@ public:
     /// Moves one whole grain in prepared form at the position, which must be at a grain's start.
     /// Throws: CIOError 3 past the end, CIOError 11 off a grain boundary ("uri", "position", "grainSize").
     virtual void writePreparedGrainData(const TBuffer<unsigned char>& data) = 0;
+    /// The same in the other direction; replaces what `data` held.
     virtual void readPreparedGrainData(TBuffer<unsigned char>& data) = 0;
     /// Copies a grain that this extent does not hold from the fallback provider; the position is then at
     /// the next grain. `grainIndex` counts within the extent. Returns the prepared bytes stored, the

@@ -7,12 +7,14 @@ namespace tessel {
 
 /// Something that CVMDKDiskChecker found.
 struct UVMDKCheckFinding {
+    /// How grave a finding is.
     enum Severity {
         Severity_Information, ///< worth knowing; nothing is lost and nothing is wrong
         Severity_Unchecked,   ///< what stands here could not be looked at
         Severity_Damage,      ///< the disk is not as it must be
     };
 
+    /// What a finding is about; see getVMDKCheckKindName().
     enum Kind {
         Kind_MainFileUnused,       ///< a main file whose embedded descriptor names another first extent
         Kind_ExtentMissing,        ///< an extent's file is not there
@@ -43,7 +45,9 @@ struct UVMDKCheckFinding {
         Kind_NotSupported,         ///< a variant of the format that the library does not open
     };
 
+    /// What was found.
     Kind kind = Kind_HeaderInvalid;
+    /// How grave it is.
     Severity severity = Severity_Damage;
     /// The file that the finding is about.
     CURI uri;

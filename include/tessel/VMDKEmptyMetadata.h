@@ -9,6 +9,7 @@ namespace tessel {
 constexpr int64 vmdkGrainTableEntryCount = 512;
 /// Sectors of one such grain table (4 bytes an entry), and of its slot size table (2 bytes an entry).
 constexpr int64 vmdkGrainTableSectors = 4;
+/// Sectors of the slot size table of such a grain table (2 bytes an entry).
 constexpr int64 vmdkSlotSizeTableSectors = 2;
 
 /// Sectors of a directory of `tableCount` entries of 4 bytes.
