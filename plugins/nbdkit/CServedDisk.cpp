@@ -1,16 +1,30 @@
 #include "CServedDisk.h"
 
 #include "DiskConfinement.h"
+#include "DiskSignature.h"
 #include "lum/CIOError.h"
 #include "tessel/CVMDKParentDiskDataProvider.h"
 
 #include <algorithm>
+#include <array>
 
 namespace tessel::nbdkit {
 
 namespace {
 
+/// A raw image is the usual mistake, which the library would only find no descriptor in.
+void verifyMayBeDisk(IFileSystem* files, const CURI& uri) {
+    const P<IIOStream> stream = files->openFile(uri, IIOStream::Access_Read);
+    std::array<unsigned char, diskSignatureSize> bytes{};
+    const int count = stream->readLax(bytes.data(), diskSignatureSize);
+    if (isSurelyNoVMDK(bytes.data(), count))
+        throw CIOError(CIOError::Code_BadFormat,
+                       "This is no VMDK disk: it begins with neither a sparse extent nor a descriptor.",
+                       CProps().add("uri", uri.toString(true)));
+}
+
 P<CVMDKDisk> openDisk(IFileSystem* files, const CParameters& parameters) {
+    verifyMayBeDisk(files, parameters.getFile());
     const auto access = parameters.isReadOnly() ? IIOStream::Access_Read : IIOStream::Access_ReadWrite;
     return new CVMDKDisk(files, parameters.getFile(), access, parameters.getPassword(), parameters.getLevel(),
                          nullptr, nullptr);

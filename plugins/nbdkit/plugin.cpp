@@ -181,26 +181,26 @@ int flush(void*, uint32_t) {
 }
 
 int listExtents(void*, uint32_t count, uint64_t offset, uint32_t flags, struct nbdkit_extents* extents) {
-    bool isTold = false;
+    bool hasServerFailed = false; // and told why
     const int result = guarded([&] {
         const bool wantsOne = (flags & NBDKIT_FLAG_REQ_ONE) != 0;
         const auto start = static_cast<int64>(offset);
+        const int64 wantedEnd = start + count;
         const CServedDisk::URun first = g_disk->findRun(start);
         CServedDisk::URun run = first;
-        for (int64 position = start; position < start + count;) {
+        for (int64 position = start; position < wantedEnd && !hasServerFailed; position = run.end) {
             if (position != start)
                 run = g_disk->findRun(position);
             if (wantsOne && run.isHole != first.isHole)
                 break;
+            // Not beyond what was asked for: the server breaks off at an extent of 4 GiB and more.
+            const int64 end = std::min(run.end, wantedEnd);
             const uint32_t type = run.isHole ? NBDKIT_EXTENT_HOLE | NBDKIT_EXTENT_ZERO : 0;
-            isTold = nbdkit_add_extent(extents, static_cast<uint64_t>(position),
-                                       static_cast<uint64_t>(run.end - position), type) != 0;
-            if (isTold)
-                break;
-            position = run.end;
+            hasServerFailed = nbdkit_add_extent(extents, static_cast<uint64_t>(position),
+                                                static_cast<uint64_t>(end - position), type) != 0;
         }
     });
-    return isTold ? -1 : result;
+    return hasServerFailed ? -1 : result;
 }
 
 struct nbdkit_plugin describePlugin() {
