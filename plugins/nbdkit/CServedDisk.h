@@ -20,6 +20,7 @@ public:
     /// are not kept.
     CServedDisk(IFileSystem* files, const CParameters& parameters);
 
+    CURI getFile() const { return m_disk->getMainFileURI(); }
     int64 getSizeBytes() const { return m_disk->getSizeBytes(); }
     int64 getGrainSizeBytes() const { return m_grainSize; }
     bool isWritable() const noexcept { return m_isWritable; }

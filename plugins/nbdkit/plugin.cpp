@@ -37,6 +37,9 @@ void tellError(const std::exception& error) noexcept {
         std::string text = describeError(error).toUTF8Lossy();
         if (own && own->getMessage() == "The file is outside the folders that may be used.")
             text += "; allow=DIR lets a disk name files below another folder";
+        // Later errors, of the contents for instance, do not always name a file.
+        if (g_disk)
+            text = uriToNativePath(g_disk->getFile()).toUTF8Lossy() + ": " + text;
         nbdkit_error("%s", text.c_str());
     } catch (const std::exception&) {
         nbdkit_error("an error that cannot be described");

@@ -83,7 +83,7 @@ serve damaged.vmdk
 qemu_io_fails 'read failed: Input/output error' "read 0 $size"
 qemu_io 'read 5242880 65536'
 qemu_io 'write -P 1 0 9M' 'read -P 1 0 9M'
-stop_after damaged.vmdk
+stop_after "error: $PWD/damaged.vmdk: Compressed data are damaged or cut short. ("
 run 0 check damaged.vmdk
 
 # No room: the client is told which error it is; what was there stays, and once there is room it goes on.
@@ -97,7 +97,7 @@ rm -f -- "$base/pid" "$base/socket"
 wait_for_server $!
 qemu_io 'write -P 1 0 65536' flush
 qemu_io_fails 'No space left on device' 'write -P 2 65536 32M'
-stop_after full.vmdk
+stop_after "error: $PWD/full.vmdk: "
 run 0 check full.vmdk
 serve full.vmdk
 qemu_io 'read -P 1 0 65536' 'write -P 2 65536 32M' 'read -P 2 65536 32M'
