@@ -2,6 +2,9 @@
 . "$(dirname -- "${BASH_SOURCE[0]}")/../cli/lib.sh"
 : "${TESSEL_NBDKIT_PLUGIN:?the path of the plug-in}"
 
+# nbdkit itself loses memory when it is told to end while a client goes; valgrind.sh tells that from the plug-in's.
+export ASAN_OPTIONS=${ASAN_OPTIONS-}:detect_leaks=0
+
 server=
 said=$base/said
 uri="nbd+unix:///?socket=$base/socket"

@@ -33,7 +33,9 @@ refuses_somehow disk.vmdk level=5K
 refuses_somehow disk.vmdk readonly=perhaps
 refuses 'the password is empty' secret.vmdk password=
 refuses 'the password is empty' secret.vmdk password=+empty
-refuses_somehow secret.vmdk password=+none
+# With the sanitizers' runtime before it nbdkit, whatever its plug-in, hangs at its end once it has told an error of
+# the system itself.
+[[ -n ${TESSEL_NBDKIT_PRELOAD-} ]] || refuses_somehow secret.vmdk password=+none
 refuses_somehow secret.vmdk password=-0
 
 # Disks.
