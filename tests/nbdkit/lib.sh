@@ -112,6 +112,19 @@ qemu_io_fails() {
     grep -qF -- "$1" "$base/client" || fail "qemu-io should say: $1; it says: $(cat -- "$base/client")"
 }
 
+# stays_connected COMMAND: of qemu-io, which then does not go, as $staying: a client that goes flushes.
+stays_connected() {
+    : >"$base/client"
+    stdbuf -o0 qemu-io -f raw -c "$1" -c 'sleep 600000' "$uri" >"$base/client" 2>&1 &
+    staying=$!
+    local i
+    for ((i = 0; i < 1200; i++)); do
+        ! grep -q '^\(wrote\|discard\)' "$base/client" || return 0
+        sleep 0.05
+    done
+    fail "no answer to: $1"
+}
+
 # holds IMAGE: a client reads what the raw image holds, in as many bytes.
 holds() {
     rm -f -- "$base/read"

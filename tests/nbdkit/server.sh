@@ -106,13 +106,13 @@ holds model.raw
 stop
 disk_is shared.vmdk model.raw
 
-# A client that is killed in the middle leaves a whole disk.
+# A client that is killed leaves the disk to the others.
 serve shared.vmdk
 data 16777216 5 >other.raw
-qemu-io -f raw -c 'write -P 1 0 16M' -c 'sleep 600000' "$uri" >/dev/null 2>&1 &
-sleep 0.2
-kill -KILL $!
-wait $! 2>/dev/null || true
+stays_connected 'write -P 1 0 16M'
+kill -KILL "$staying"
+wait "$staying" 2>/dev/null || true
+qemu_io 'read -P 1 0 16M'
 client nbdcopy other.raw "$uri"
 stop
 disk_is shared.vmdk other.raw

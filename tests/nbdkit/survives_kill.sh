@@ -3,18 +3,6 @@
 # killed.
 . "$(dirname -- "$0")/lib.sh"
 
-# stays_connected COMMAND: of qemu-io, which then does not go: a client that goes flushes.
-stays_connected() {
-    : >"$base/client"
-    stdbuf -o0 qemu-io -f raw -c "$1" -c 'sleep 600000' "$uri" >"$base/client" 2>&1 &
-    staying=$!
-    local i
-    for ((i = 0; i < 1200; i++)); do
-        ! grep -q '^\(wrote\|discard\)' "$base/client" || return 0
-        sleep 0.05
-    done
-    fail "no answer to: $1"
-}
 kill_all() {
     kill -KILL "$server" "$staying"
     wait "$server" "$staying" 2>/dev/null || true
