@@ -6,7 +6,7 @@ make_disk_image base.raw 1
 size=$(size_of base.raw)
 printf 'geheim\n' >key
 
-commands=('write -z 0 300000' 'write -P 7 3000000 100' 'write -z -u 5000000 65536' 'write -z 5242880 1000'
+commands=('write -P 0 5308416 65536' 'write -P 0 5373951 200000' 'write -z 0 300000' 'write -P 7 3000000 100' 'write -z -u 5000000 65536' 'write -z 5242880 1000'
     'write -P 0 196608 65536' 'write -P 0 262144 100' "write -z $((size - 65536)) 65536" 'write -P 3 4194304 70000'
     "write -z -f $((size - 1)) 1")
 
