@@ -1,8 +1,8 @@
 #include "Confinement.h"
 
+#include "DiskConfinement.h"
 #include "Errors.h"
 #include "Names.h"
-#include "lum/CConfinedFileSystem.h"
 #include "lum/CNativeFileSystem.h"
 
 namespace tessel::cli {
@@ -16,14 +16,11 @@ TArray<std::string>& allowedFolders() {
 }
 
 P<CConfinedFileSystem> makeConfined(IFileSystem* files, const std::string& name) {
-    const CURI uri = uriFromName(name).toNormalized();
-    return about(name, [&] {
-        P<CConfinedFileSystem> confined(new CConfinedFileSystem(files, uri.getParent()));
-        confined->allow(files->followLinks(uri).getParent());
-        for (const std::string& folder : allowedFolders())
-            confined->allow(uriFromName(folder));
-        return confined;
-    });
+    const CURI uri = uriFromName(name);
+    TArray<CURI> folders;
+    for (const std::string& folder : allowedFolders())
+        folders.push_back(uriFromName(folder));
+    return about(name, [&] { return confineToDisk(files, uri, folders); });
 }
 
 } // namespace

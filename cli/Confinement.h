@@ -7,8 +7,7 @@
 
 #include <string>
 
-// Disks name other files: their extents, their parents. A disk that came from somewhere could name any file
-// of this machine, so that only files beside the disk are opened, and below the folders that the user names.
+// Which files a disk may name, as the command line tells it.
 
 namespace tessel::cli {
 

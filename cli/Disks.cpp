@@ -1,6 +1,7 @@
 #include "Disks.h"
 
 #include "Confinement.h"
+#include "DiskSignature.h"
 #include "Errors.h"
 #include "Names.h"
 #include "lum/CNativeFileSystem.h"
@@ -9,7 +10,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <fstream>
 
 namespace tessel::cli {
@@ -50,17 +50,11 @@ void walkChain(const std::string& name, Visit visit) {
     }
 }
 
-/// Whether a file begins with neither a sparse extent's header nor text, which a descriptor is.
 bool isSurelyNoDisk(const std::string& name) {
-    std::array<char, 512> bytes{};
+    std::array<unsigned char, diskSignatureSize> bytes{};
     std::ifstream file(pathFromName(name), std::ios::binary);
-    file.read(bytes.data(), bytes.size());
-    const auto count = file.gcount();
-    if (looksLikeVMDK(reinterpret_cast<const unsigned char*>(bytes.data()), static_cast<int>(count)))
-        return false;
-    return std::any_of(bytes.begin(), bytes.begin() + count, [](char c) {
-        return static_cast<unsigned char>(c) < ' ' && c != '\t' && c != '\r' && c != '\n';
-    });
+    file.read(reinterpret_cast<char*>(bytes.data()), bytes.size());
+    return isSurelyNoVMDK(bytes.data(), static_cast<int>(file.gcount()));
 }
 
 bool leadsTo(const CURI& folder, const String& reference, const CURI& parent) {
@@ -103,13 +97,7 @@ bool needsPassword(const std::string& name) {
 }
 
 bool looksLikeVMDK(const unsigned char* bytes, int count) {
-    static constexpr char plain[] = "KDMV";
-    static constexpr unsigned char encrypted[] = {0x45, 0x4B, 0x64, 0x05};
-    static constexpr char text[] = "# Disk DescriptorFile";
-    const auto beginsWith = [&](const void* wanted, std::size_t size) {
-        return static_cast<std::size_t>(count) >= size && std::memcmp(bytes, wanted, size) == 0;
-    };
-    return beginsWith(plain, 4) || beginsWith(encrypted, 4) || beginsWith(text, sizeof text - 1);
+    return beginsLikeVMDK(bytes, count);
 }
 
 TArray<P<CVMDKDisk>> openParents(CVMDKDisk& disk, const String& password, IFileSystem* files) {

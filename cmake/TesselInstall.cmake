@@ -27,6 +27,17 @@ if(TARGET tessel-cli)
     install(TARGETS tessel-cli RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tools)
 endif()
 
+if(TARGET tessel-nbdkit-plugin)
+    # Below the same prefix as nbdkit this is where nbdkit looks for it by its name alone.
+    set(TESSEL_NBDKIT_PLUGIN_DIR "${NBDKIT_PLUGIN_DIR}" CACHE STRING "Folder of nbdkit's plug-ins, below the prefix")
+    file(RELATIVE_PATH libdir_from_plugindir
+        "${CMAKE_INSTALL_PREFIX}/${TESSEL_NBDKIT_PLUGIN_DIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
+    set_target_properties(tessel-nbdkit-plugin PROPERTIES INSTALL_RPATH "$ORIGIN/${libdir_from_plugindir}")
+    install(TARGETS tessel-nbdkit-plugin LIBRARY DESTINATION "${TESSEL_NBDKIT_PLUGIN_DIR}")
+    install(FILES "${PROJECT_BINARY_DIR}/plugins/nbdkit/nbdkit-tessel-plugin.1"
+        DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
+endif()
+
 install(EXPORT tessel-targets
     NAMESPACE tessel::
     DESTINATION "${tessel_package_dir}"

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 
-namespace tessel::cli {
+namespace tessel {
 
 namespace {
 
@@ -122,4 +122,4 @@ void CDiskWriter::storeZeroGrain(int64 start, int64 end) {
     m_disk->writePreparedGrainData(*m_preparedZeros);
 }
 
-} // namespace tessel::cli
+} // namespace tessel

@@ -2,7 +2,7 @@
 
 #include "tessel/CVMDKDisk.h"
 
-namespace tessel::cli {
+namespace tessel {
 
 /// Writes a disk's bytes so that they read back whatever its parents hold: a grain of zeros over a parent's
 /// data is stored, which CVMDKDisk::write alone would not do. Grains of zeros that hide nothing stay
@@ -36,4 +36,4 @@ private:
     P<TBuffer<unsigned char>> m_preparedZeros;
 };
 
-} // namespace tessel::cli
+} // namespace tessel
