@@ -16,6 +16,7 @@ void addConvertVerb(CLI::App& program, VerbAction& chosen);
 void addCreateVerb(CLI::App& program, VerbAction& chosen);
 void addFlattenVerb(CLI::App& program, VerbAction& chosen);
 void addInfoVerb(CLI::App& program, VerbAction& chosen);
+void addMapVerb(CLI::App& program, VerbAction& chosen);
 void addReadVerb(CLI::App& program, VerbAction& chosen);
 void addRebaseVerb(CLI::App& program, VerbAction& chosen);
 void addSpaceVerb(CLI::App& program, VerbAction& chosen);

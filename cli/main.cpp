@@ -20,6 +20,7 @@ void addVerbs(CLI::App& program, VerbAction& chosen) {
     addReadVerb(program, chosen);
     addWriteVerb(program, chosen);
     addSpaceVerb(program, chosen);
+    addMapVerb(program, chosen);
     addCheckVerb(program, chosen);
     addRebaseVerb(program, chosen);
     addFlattenVerb(program, chosen);
