@@ -28,7 +28,7 @@ text{font-family:"Inter","Segoe UI","Helvetica Neue",Arial,"DejaVu Sans",sans-se
 .name{font-size:12px;fill:#52606d}.value{font-size:21px;font-weight:700}
 .head{font-size:14px;font-weight:700}.key{font-size:13px}
 .pos{font-size:11px;fill:#52606d;text-anchor:end}.end{text-anchor:end}.mid{text-anchor:middle}
-.zero{fill:#eceff2}
+.zero{fill:#e7ebef}
 .own{fill:#0072b2}
 .shade0{fill:#a8ddb5}.shade1{fill:#5fc0c0}.shade2{fill:#2e93c4}.shade3{fill:#1f5fa8}.shade4{fill:#0c2c6b}
 .parent1{fill:#e69f00}.parent2{fill:#cc79a7}.parent3{fill:#d55e00}.parent4{fill:#6b7280}
@@ -64,26 +64,27 @@ public:
           m_rows(static_cast<int>((cells().size() - 1) / static_cast<std::size_t>(m_columns)) + 1),
           m_pitch(gridWidth / m_columns),
           m_gridHeight(m_rows * m_pitch),
-          m_svg(pictureWidth, gridTop + m_gridHeight + belowGrid, "Map of " + picture.name,
-                picture.describe() + "; " + tellTotals(), style) {}
+          m_height(getBarTop() + secondBar + 560 + margin),
+          m_svg(pictureWidth, m_height, "Map of " + picture.name, picture.describe() + "; " + tellTotals(),
+                style) {}
 
     std::string draw() {
         m_svg.addRaw(hatchings);
-        m_svg.addRectangle(0, 0, pictureWidth, gridTop + m_gridHeight + belowGrid, 0, "paper");
+        m_svg.addRectangle(0, 0, pictureWidth, m_height, 0, "paper");
         drawHead();
         drawCards();
         drawGrid();
-        int y = gridTop + m_gridHeight + 280;
-        drawLegend(y);
-        y += m_picture.isCompressed ? 640 : 330;
-        drawBar(y, "The disk", "as its user sees it", partsOfDisk());
-        drawBar(y + 880, "Its files", "without those of its parents", partsOfFiles());
+        drawLegend(gridTop + m_gridHeight + 280);
+        drawBar(getBarTop(), "The disk", "as its user sees it", partsOfDisk());
+        drawBar(getBarTop() + secondBar, "Its files", "without those of its parents", partsOfFiles());
         return m_svg.finish();
     }
 
 private:
     static constexpr int gridTop = 2150;
-    static constexpr int belowGrid = 2700;
+    static constexpr int secondBar = 940; ///< below the first one
+
+    int getBarTop() const { return gridTop + m_gridHeight + (m_picture.isCompressed ? 1400 : 980); }
 
     const std::vector<CDiskGrid::UCell>& cells() const { return m_picture.grid.getCells(); }
     const CDiskGrid::UCell& total() const { return m_picture.grid.getTotal(); }
@@ -308,6 +309,7 @@ private:
     int m_rows;
     int m_pitch;
     int m_gridHeight;
+    int m_height;
     CSVGText m_svg;
 };
 
