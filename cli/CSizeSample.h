@@ -17,8 +17,7 @@ public:
     static constexpr int64 sampleSize = 2048;
 
     /// All are borrowed. `level` as that of convert: -1 when grains may pass as the source stores them.
-    /// `limit`: bytes of the source that count.
-    CSizeSample(const UNewDiskPlan* plan, CGrainChooser* chooser, ISource* source, int level, int64 limit);
+    CSizeSample(const UNewDiskPlan* plan, CGrainChooser* chooser, ISource* source, int level);
 
     /// Throws: what source and parent throw; CInterrupted.
     void take();

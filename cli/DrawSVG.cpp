@@ -91,6 +91,13 @@ private:
     int64 parentBytes() const { return total().getWritten() - total().bytes[0]; }
     bool isState(int state) const { return total().bytes[static_cast<std::size_t>(state)] > 0; }
 
+    int countParents() const {
+        int count = 0;
+        for (int state = 1; state < CDiskGrid::stateCount; ++state)
+            count += isState(state) ? 1 : 0;
+        return count;
+    }
+
     std::string tellTotals() const {
         return formatSize(total().bytes[0]) + " stored here, " + formatSize(parentBytes()) +
                " in parents, files of " + formatSize(m_picture.getInFileBytes()) + ", of which " +
@@ -98,7 +105,7 @@ private:
     }
 
     void drawHead() {
-        m_svg.addText(margin, 640, "title", shorten(m_picture.name, 62));
+        m_svg.addText(margin, 640, "title", shorten(m_picture.name, 52));
         m_svg.addText(margin, 890, "sub", m_picture.describe());
     }
 
@@ -234,7 +241,7 @@ private:
         for (int state = 1; state < CDiskGrid::stateCount; ++state)
             if (isState(state))
                 add({"parent" + std::to_string(state), state, "", 0},
-                    "in " + shorten(m_picture.nameOfState(state), 30));
+                    "in " + shorten(m_picture.nameOfState(state), countParents() > 2 ? 15 : 30));
         add({"zero", 0, "", 0}, "stored nowhere: zeros");
     }
 
@@ -271,14 +278,15 @@ private:
             if (i + 1 == parts.size() && part.bytes > 0)
                 partWidth = std::max(30, margin + width - x);
             partWidth = std::min(partWidth, margin + width - x);
-            const std::string text =
-                part.name + " " + formatSize(part.bytes) + " (" + formatShare(part.bytes, whole) + ")";
+            const std::string sizes = part.name + " " + formatSize(part.bytes);
+            const std::string text = sizes + " (" + formatShare(part.bytes, whole) + ")";
             if (partWidth > 0)
                 addFilled(x, y + 130, partWidth, 230, 0, {part.classes, part.hatch, text, 0});
             x += partWidth;
             addFilled(keyX, y + 460, 110, 110, 20, part);
-            m_svg.addText(keyX + 170, y + 560, "name", text);
-            keyX += 170 + 66 * static_cast<int>(countCharacters(text)) + 200;
+            const std::string& key = parts.size() > 4 ? sizes : text; // there is room for so many
+            m_svg.addText(keyX + 170, y + 560, "name", key);
+            keyX += 170 + 66 * static_cast<int>(countCharacters(key)) + 200;
         }
     }
 

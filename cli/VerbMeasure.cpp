@@ -115,7 +115,7 @@ UMeasured measureDisk(UMeasure& verb, ISource& source, int64 size) {
     UMeasured measured{plan.kind, plan.sizeBytes};
     std::vector<int64> stored;
     if (plan.isCompressed) {
-        CSizeSample sample(&plan, &chooser, &source, verb.options.level, size >= 0 ? size : INT64_MAX);
+        CSizeSample sample(&plan, &chooser, &source, verb.options.level);
         sample.take();
         stored = sample.getStoredBytes();
         measured.isEstimate = true;
@@ -123,8 +123,7 @@ UMeasured measureDisk(UMeasure& verb, ISource& source, int64 size) {
     } else {
         CProgress progress(plan.sizeBytes, verb.quiet);
         CMeasureSink sink(&plan, &chooser);
-        // What is cut off reads as zeros up to the end of the last grain.
-        copy(source, sink, size >= 0 ? size : plan.sizeBytes, verb.jobs, progress);
+        copy(source, sink, plan.sizeBytes, verb.jobs, progress);
         stored = sink.getStoredBytes();
     }
     measured.requiredBytes = plan.addUp(stored);

@@ -62,7 +62,7 @@ TEST_F(DiskPictureTest, PlainRunsEndWhereTheFileGoesOnElsewhere) {
 }
 
 TEST_F(DiskPictureTest, RunsEndWithTheirFile) {
-    const P<CVMDKDisk> disk = create({.compressed = true, .limit = 20 * MiB});
+    const P<CVMDKDisk> disk = create({.compressed = true, .limit = 10 * MiB});
     ASSERT_GT(disk->getExtentMap().size(), 1U);
     const int64 end = disk->getExtentMap().begin()->first.sizeSectors * 512;
     writeGrains(*disk, end / grainBytes - 1, 2);

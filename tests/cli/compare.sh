@@ -29,14 +29,14 @@ put other.raw 6000000 100000 9
 for a in disk.vmdk packed.vmdk; do
     run 1 compare $a other.raw
     output_is "differ: 512 bytes from 2999808 on
-differ: 100352 bytes from 5999616 on
-$a and other.raw differ: 100864 bytes in 2 ranges; the first different byte is at 3000100"
+differ: 100864 bytes from 5999616 on
+$a and other.raw differ: 101376 bytes in 2 ranges; the first different byte is at 3000100"
     [[ ! -s $err ]] || fail "there should be nothing on standard error"
 done
 run 1 compare other.raw disk.vmdk --json
 json_is 'd' "{'a': 'other.raw', 'b': 'disk.vmdk', 'aSizeBytes': 9502720, 'bSizeBytes': 9502720, 'ranges': \
-[{'startBytes': 2999808, 'sizeBytes': 512}, {'startBytes': 5999616, 'sizeBytes': 100352}], 'same': False, \
-'firstDifferenceBytes': 3000100, 'differingBytes': 100864}"
+[{'startBytes': 2999808, 'sizeBytes': 512}, {'startBytes': 5999616, 'sizeBytes': 100864}], 'same': False, \
+'firstDifferenceBytes': 3000100, 'differingBytes': 101376}"
 run 1 compare other.raw disk.vmdk --first
 output_is 'differ: 512 bytes from 2999808 on
 other.raw and disk.vmdk differ; the first different byte is at 3000100'

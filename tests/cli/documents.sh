@@ -45,7 +45,7 @@ ok map child.vmdk --json
 json '"\n".join(sorted({*d, *d["runs"][0]}))' >found
 section map >told
 same told found
-run 1 compare base.vmdk "$out" --json
+run 1 compare base.vmdk found --json
 json '"\n".join(sorted({*d, *d["ranges"][0]}))' >found
 section compare >told
 same told found

@@ -49,7 +49,7 @@ ok map secret.vmdk --json --password-file pw
 ok convert secret.vmdk secret.raw --password-file pw
 ok map secret.vmdk --json --password-file pw
 python3 verify.py "$out" secret.raw || fail "see above"
-refused 1 'secret.vmdk: VMDK disk is encrypted, but no password was specified.' map secret.vmdk
+refused 1 'secret.vmdk: VMDK is encrypted but no password provided' map secret.vmdk
 
 # Layers.
 ok create mid.vmdk --parent disk.vmdk
@@ -110,7 +110,7 @@ refused 1 'none/a.svg: There is no such folder: none' map top.vmdk --svg none/a.
 same before disk.vmdk
 ok map top.vmdk --blocks
 grep -q $'\x1b' "$out" && fail "there should be no colours where no terminal is"
-output_holds '   0 bytes 102222'
+output_holds '   0 bytes 1█2222'
 output_holds '1 in parent 1, mid.vmdk'
 output_holds '· stored nowhere: zeros'
 
