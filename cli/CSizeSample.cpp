@@ -65,14 +65,21 @@ int64 CSizeSample::measureGrain(int64 position) {
         m_source->readPiece(m_piece, count);
         m_source->unpack(m_piece, !m_passesStored);
     }
+    if (count < m_grainSize)
+        std::fill_n(m_piece.getBytes() + count, m_grainSize - count, static_cast<unsigned char>(0));
     if (!m_piece.getStored().empty())
-        return roundUp(m_piece.getStored().front().record->getUsed(), vmdkSectorSize);
-    if (!m_chooser->isStored(position, m_piece.getBytes(), count))
+        return getSlotBytes(m_piece.getStored().front().record->getUsed());
+    if (!m_chooser->isStored(position, m_piece.getBytes(), m_grainSize))
         return 0;
     CPreparerPool::CLease worker(&m_preparers);
-    worker.getPlain().assign(m_piece.getBytes(), count);
+    worker.getPlain().assign(m_piece.getBytes(), m_grainSize);
     const P<TBuffer<unsigned char>> record(new TBuffer<unsigned char>);
-    return worker.getPreparer().prepareGrainData(&worker.getPlain(), 0, record.get())->getUsed();
+    return getSlotBytes(
+        worker.getPreparer().prepareGrainData(&worker.getPlain(), 0, record.get())->getUsed());
+}
+
+int64 CSizeSample::getSlotBytes(int64 recordBytes) const {
+    return m_plan->isEncrypted ? getEncryptedSlotBytes(recordBytes) : roundUp(recordBytes, vmdkSectorSize);
 }
 
 void CSizeSample::take() {

@@ -31,6 +31,7 @@ private:
     template <class Visit>
     void forEachCandidateRun(Visit visit);
     int64 measureGrain(int64 position);
+    int64 getSlotBytes(int64 recordBytes) const;
     int64 findCandidatesEnd(int64 position, bool& isCandidate);
 
     const UNewDiskPlan* m_plan;

@@ -74,6 +74,7 @@ UNewDiskPlan planFiles(const CURI& uri, int64 sizeBytes, const UNewDiskKind& kin
                       disk->getSizeBytes(),
                       grainSize,
                       kind.isCompressed,
+                      false,
                       onDemand,
                       disk->getMainFileURI() == disk->getFirstExtentFileURI() ? 0
                                                                               : getLength(files.get(), uri),
@@ -118,13 +119,22 @@ int64 UNewDiskPlan::countFiles(const std::vector<int64>& storedBytes) const {
     return count;
 }
 
+int64 getEncryptedSlotBytes(int64 recordBytes) {
+    constexpr int64 headSize = CVMDKDataPreparer::recordHeadSize;
+    constexpr int64 blockSize = 16; // of AES
+    return roundUp(headSize + roundUp(recordBytes - headSize, blockSize), vmdkSectorSize);
+}
+
 UNewDiskPlan planNewDisk(const std::string& name, int64 sizeBytes, const UCreateOptions& options,
-                         CVMDKDisk* parent) {
+                         bool encrypted, CVMDKDisk* parent) {
     const UNewDiskKind kind = chooseKindOfNewDisk(options, parent);
     const CURI uri = CURI(String("memory:/folder")) << uriFromName(name).getName();
     return about(name, [&] {
         try {
-            return planFiles(uri, parent ? parent->getSizeBytes() : sizeBytes, kind, options.onDemand);
+            UNewDiskPlan plan =
+                planFiles(uri, parent ? parent->getSizeBytes() : sizeBytes, kind, options.onDemand);
+            plan.isEncrypted = encrypted;
+            return plan;
         } catch (const CError& error) {
             throwUsageErrorOfNewDisk(error, options);
             throw;

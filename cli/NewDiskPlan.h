@@ -22,6 +22,7 @@ struct UNewDiskPlan {
     int64 sizeBytes;
     int64 grainSizeBytes;
     bool isCompressed;
+    bool isEncrypted;
     /// Files of extents behind the first are made when something is stored in them.
     bool isOnDemand;
     /// Length of a main file that is no extent; 0 when it is one.
@@ -36,9 +37,13 @@ struct UNewDiskPlan {
     int64 countFiles(const std::vector<int64>& storedBytes) const;
 };
 
+/// Bytes that a compressed grain's record takes in an encrypted file: behind the head, which stays plain,
+/// whole blocks are ciphered.
+int64 getEncryptedSlotBytes(int64 recordBytes);
+
 /// What CNewDisk would make of the same arguments, found out without making any file. `parent` may be null.
 /// Throws: CUsageError; CFailure about `name`.
 UNewDiskPlan planNewDisk(const std::string& name, int64 sizeBytes, const UCreateOptions& options,
-                         CVMDKDisk* parent);
+                         bool encrypted, CVMDKDisk* parent);
 
 } // namespace tessel::cli

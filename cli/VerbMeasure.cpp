@@ -86,10 +86,12 @@ UMeasured measureRaw(UMeasure& verb, ISource& source, int64 size) {
 
 /// The largest size of a grain in the new disk's files.
 int64 getWorstGrainSize(const UNewDiskPlan& plan) {
+    if (!plan.isCompressed)
+        return plan.grainSizeBytes;
     const P<CVMDKDataPreparer> preparer(
-        new CVMDKDataPreparer(plan.grainSizeBytes / vmdkSectorSize, plan.isCompressed, -1));
-    return plan.isCompressed ? preparer->getWorstCaseGrainSizeSectors() * vmdkSectorSize
-                             : plan.grainSizeBytes;
+        new CVMDKDataPreparer(plan.grainSizeBytes / vmdkSectorSize, true, -1));
+    const int64 record = preparer->getWorstCaseGrainSizeSectors() * vmdkSectorSize;
+    return plan.isEncrypted ? getEncryptedSlotBytes(record) : record;
 }
 
 UMeasured measureDisk(UMeasure& verb, ISource& source, int64 size) {
@@ -106,7 +108,7 @@ UMeasured measureDisk(UMeasure& verb, ISource& source, int64 size) {
     const std::string name = !verb.target.empty()
                                  ? verb.target
                                  : nameFromPath(pathFromName(verb.source).replace_extension(".vmdk"));
-    const UNewDiskPlan plan = planNewDisk(name, wanted, verb.options, parent.get());
+    const UNewDiskPlan plan = planNewDisk(name, wanted, verb.options, verb.encrypt, parent.get());
     if (parent && source.getSizeBytes() > plan.sizeBytes)
         throw CFailure(verb.source, "It is larger (" + std::to_string(source.getSizeBytes()) +
                                         " bytes) than the parent, whose size the child has (" +
@@ -192,7 +194,8 @@ void addMeasureVerb(CLI::App& program, VerbAction& chosen) {
     app->add_option("--size", verb->size, "Size of the result: cuts the source, or lets zeros follow")
         ->type_name("N");
     verb->options.addKindTo(*app);
-    app->add_flag("--encrypt", verb->encrypt, "The new disk would be encrypted, which takes no more room");
+    app->add_flag("--encrypt", verb->encrypt,
+                  "The new disk would be encrypted; no password is needed for that");
     app->add_flag("--json", verb->json, "Answer for programs");
     verb->passwords.addOpenOption(*app);
     addJobsOption(*app, verb->jobs);

@@ -78,19 +78,20 @@ for arguments in "none.raw disk.raw" "disk.raw none.vmdk"; do
     [[ ! -s $out ]] || fail "there should be nothing on standard output"
 done
 refused 3 'none: This is no folder (--allow)' compare disk.raw disk.vmdk --allow none
-run 3 compare disk.raw disk.vmdk --b-kind vmdk --password-file none
-error_is 'tessel: none: Cannot open the password file'
+run 3 compare disk.raw disk.vmdk --password-file none
+error_is 'tessel: none: No such file'
 refused 3 'disk.raw: This is no VMDK disk: it begins with neither a sparse extent nor a descriptor' \
     compare disk.raw disk.vmdk --a-kind vmdk
 cp disk.vmdk looks.raw
 refused 2 'compare: looks.raw: the name is that of a raw image, but the content looks like a VMDK; say which it is (--a-kind) (see tessel compare --help)' \
     compare looks.raw disk.vmdk
-ok compare looks.raw disk.vmdk --a-kind vmdk --quiet
+run 0 compare looks.raw disk.vmdk --a-kind vmdk --quiet
 run 2 compare disk.raw
 run 2 compare disk.raw disk.vmdk --nothing
-cp disk.vmdk broken.vmdk
-truncate -s 200000 broken.vmdk
-run 3 compare broken.vmdk disk.raw
+mkdir broken
+cp disk.vmdk broken/
+truncate -s 200000 broken/disk.vmdk
+run 3 compare broken/disk.vmdk disk.raw
 error_is_one_line
 if [[ -e /dev/full ]]; then
     code=0

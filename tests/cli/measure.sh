@@ -69,7 +69,7 @@ printf 'pw\n' >pw
 ok measure disk.raw --encrypt --json
 required=$(json 'd["requiredBytes"]')
 run 0 convert disk.raw new.vmdk --password-file pw --quiet
-[[ $(size_of new.vmdk) -eq $required ]] || fail "encryption should take no more room"
+[[ $(size_of new.vmdk) -eq $required ]] || fail "encryption of plain grains should take no more room"
 ok measure new.vmdk --password-file pw --json
 json_is 'd["requiredBytes"]' "$required"
 rm new.vmdk
@@ -108,7 +108,11 @@ close disk.raw 0 --level 6
 close disk.raw 0 --level 1
 close disk.raw 0 --split=4M
 close packed.vmdk 0
-close disk.vmdk 0 --password-file pw
+ok measure disk.vmdk --compressed --encrypt --json
+told=$(json 'd["requiredBytes"]')
+run 0 convert disk.vmdk new.vmdk --compressed --password-file pw --quiet
+[[ $(size_of new.vmdk) -eq $told ]] || fail "$told bytes were foretold of an encrypted disk"
+rm new.vmdk
 run 0 create parent.vmdk 10M --compressed
 run 0 convert disk.raw base.vmdk --compressed --size 9502720 --quiet
 run 0 measure changed.raw --parent base.vmdk --json
