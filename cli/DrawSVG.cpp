@@ -98,6 +98,12 @@ private:
         return count;
     }
 
+    /// Without the file's name, for which there is not always room.
+    std::string nameBriefly(int state) const {
+        const std::string name = m_picture.nameOfState(state);
+        return name.substr(0, name.find(','));
+    }
+
     std::string tellTotals() const {
         return formatSize(total().bytes[0]) + " stored here, " + formatSize(parentBytes()) +
                " in parents, files of " + formatSize(m_picture.getInFileBytes()) + ", of which " +
@@ -241,7 +247,8 @@ private:
         for (int state = 1; state < CDiskGrid::stateCount; ++state)
             if (isState(state))
                 add({"parent" + std::to_string(state), state, "", 0},
-                    "in " + shorten(m_picture.nameOfState(state), countParents() > 2 ? 15 : 30));
+                    "in " + (countParents() > 2 ? nameBriefly(state)
+                                                : shorten(m_picture.nameOfState(state), 30)));
         add({"zero", 0, "", 0}, "stored nowhere: zeros");
     }
 
@@ -250,7 +257,7 @@ private:
         parts.push_back({m_picture.isCompressed ? "shade3" : "own", 0, "stored here", total().bytes[0]});
         for (int state = 1; state < CDiskGrid::stateCount; ++state)
             if (isState(state))
-                parts.push_back({"parent" + std::to_string(state), state, "parent " + std::to_string(state),
+                parts.push_back({"parent" + std::to_string(state), state, nameBriefly(state),
                                  total().bytes[static_cast<std::size_t>(state)]});
         parts.push_back({"zero", 0, "zeros", total().sizeBytes - total().getWritten()});
         return parts;
