@@ -3,6 +3,7 @@
 #include "platform.h"
 
 #include <algorithm>
+#include <cmath>
 #include <numeric>
 
 namespace tessel::cli {
@@ -59,7 +60,7 @@ std::string formatShare(int64 part, int64 whole) {
     if (percent < 1)
         return "less than 1 %";
     // What is nearly all is not all.
-    const auto shown = static_cast<int64>(percent + 0.5);
+    const int64 shown = std::lround(percent);
     return std::to_string(part < whole ? std::min<int64>(shown, 99) : shown) + " %";
 }
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cmath>
 
 namespace tessel::cli {
 
@@ -169,8 +170,8 @@ private:
         m_text += indent();
         for (const auto& part : parts) {
             done += part.bytes;
-            const int end =
-                static_cast<int>(static_cast<double>(done) / static_cast<double>(whole) * columns + 0.5);
+            const auto end = static_cast<int>(
+                std::lround(static_cast<double>(done) / static_cast<double>(whole) * columns));
             std::string blocks;
             for (; drawn < end; ++drawn)
                 blocks += "▄";
