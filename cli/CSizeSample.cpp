@@ -91,7 +91,7 @@ void CSizeSample::take() {
     const auto startOf = [&](int64 part) {
         return part * (grains / wanted) + part * (grains % wanted) / wanted;
     };
-    std::mt19937_64 chance(1);
+    std::mt19937_64 chance(1); // NOLINT(cert-msc51-cpp): the same sample each time
     const auto choose = [&](int64 part) {
         const int64 first = startOf(part);
         const auto choices = static_cast<uint64>(startOf(part + 1) - first);

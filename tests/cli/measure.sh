@@ -125,7 +125,7 @@ python3 - <<'END'
 import random
 chance = random.Random(4)
 with open("mixed.raw", "wb") as file:
-    for i in range(5000):
+    for i in range(3000):
         kind = chance.randrange(3)
         noise = chance.randbytes(65536 if kind == 0 else 16384)
         file.write(noise if kind == 0 else noise + b"abcd" * 12288 if kind == 1 else bytes(65536))
