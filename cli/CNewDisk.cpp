@@ -52,6 +52,11 @@ bool isSplit(CVMDKDisk& disk) {
 } // namespace
 
 void UCreateOptions::addTo(CLI::App& verb) {
+    addKindTo(verb);
+    verb.add_flag("--force", force, "Replace an existing disk");
+}
+
+void UCreateOptions::addKindTo(CLI::App& verb) {
     verb.add_flag("--compressed", compressed, "Compress grains (streamOptimized)");
     verb.add_option("--level", level, "Compression level, 0 (none) to 9 (smallest)")
         ->type_name("N")
@@ -61,11 +66,37 @@ void UCreateOptions::addTo(CLI::App& verb) {
     verb.add_flag("--on-demand", onDemand, "Make the files of a split disk when they are first written to");
     verb.add_option("--parent", parent, "Make a child of this disk, which holds only what differs")
         ->type_name("PARENT");
-    verb.add_flag("--force", force, "Replace an existing disk");
 }
 
 bool UCreateOptions::asksForVMDK() const {
     return compressed || level >= 0 || !split.empty() || onDemand || !parent.empty();
+}
+
+UNewDiskKind chooseKindOfNewDisk(const UCreateOptions& options, CVMDKDisk* parent) {
+    const bool isParentCompressed = parent && parent->getCompressed();
+    if (parent && options.compressed && !isParentCompressed)
+        throw CUsageError("--compressed: the parent is not compressed, and a child is of its parent's kind");
+    const bool compressed = options.compressed || isParentCompressed;
+    if (options.level >= 0 && !compressed)
+        throw CUsageError("--level: only compressed disks have a level (--compressed)");
+    const int64 limit = parseLimit(options, parent && isSplit(*parent));
+    if (options.onDemand && limit == singleFile)
+        throw CUsageError("--on-demand: only a split disk has files to be made later (--split)");
+    return {compressed, limit};
+}
+
+void throwUsageErrorOfNewDisk(const CError& error, const UCreateOptions& options) {
+    const String& message = error.getMessage();
+    if (message.StartsWith("Internal error: calculated VMDK maxExtentPayloadBytes"))
+        throw CUsageError("--split=" + options.split +
+                          ": a file of this size has no room for data beside its metadata; choose a "
+                          "larger limit, such as 2G");
+    if (message.StartsWith("Invalid VMDK disk size for single unsplittable disk file"))
+        throw CUsageError("A disk in a single file has at most 2 TiB; a larger one must be split (--split)");
+    if (message.StartsWith("Internal error: calculated VMDK descriptor size exceeds"))
+        throw CUsageError("--split: a disk of this size would have too many files; choose a larger limit "
+                          "(2T at most) or a "
+                          "smaller disk");
 }
 
 CNewDisk::CNewDisk(const std::string& name, int64 sizeBytes, const UCreateOptions& options,
@@ -120,33 +151,14 @@ void CNewDisk::fail(const CError& error) const {
 }
 
 void CNewDisk::create(int64 sizeBytes, const UCreateOptions& options, const String& password) {
-    const bool isParentCompressed = m_parent && m_parent->getCompressed();
-    if (m_parent && options.compressed && !isParentCompressed)
-        throw CUsageError("--compressed: the parent is not compressed, and a child is of its parent's kind");
-    const bool compressed = options.compressed || isParentCompressed;
-    if (options.level >= 0 && !compressed)
-        throw CUsageError("--level: only compressed disks have a level (--compressed)");
-    const int64 limit = parseLimit(options, m_parent && isSplit(*m_parent));
-    if (options.onDemand && limit == singleFile)
-        throw CUsageError("--on-demand: only a split disk has files to be made later (--split)");
+    const auto [compressed, limit] = chooseKindOfNewDisk(options, m_parent.get());
     if (compressed && limit != singleFile)
         tellWarning(m_name +
                     ": Other readers see only the first file of a disk that is compressed and split");
     try {
         createFiles(sizeBytes, options, password, compressed, limit);
     } catch (const CError& error) {
-        const String& message = error.getMessage();
-        if (message.StartsWith("Internal error: calculated VMDK maxExtentPayloadBytes"))
-            throw CUsageError("--split=" + options.split +
-                              ": a file of this size has no room for data beside its metadata; choose a "
-                              "larger limit, such as 2G");
-        if (message.StartsWith("Invalid VMDK disk size for single unsplittable disk file"))
-            throw CUsageError(
-                "A disk in a single file has at most 2 TiB; a larger one must be split (--split)");
-        if (message.StartsWith("Internal error: calculated VMDK descriptor size exceeds"))
-            throw CUsageError("--split: a disk of this size would have too many files; choose a larger limit "
-                              "(2T at most) or a "
-                              "smaller disk");
+        throwUsageErrorOfNewDisk(error, options);
         fail(error);
     }
     for (const auto& [key, value] : m_disk->getExtentMap()) {

@@ -19,9 +19,22 @@ struct UCreateOptions {
     bool force = false;
 
     void addTo(CLI::App& verb);
+    /// The same without --force, for a verb that only needs to know what would be made.
+    void addKindTo(CLI::App& verb);
     /// True when an option is given that only a VMDK can follow.
     bool asksForVMDK() const;
 };
+
+/// What the library makes of the options.
+struct UNewDiskKind {
+    bool isCompressed;
+    int64 fileSizeLimit; ///< -1: a single file
+};
+
+/// `parent` is that of the new disk, or null. Throws: CUsageError for options that do not go together.
+UNewDiskKind chooseKindOfNewDisk(const UCreateOptions& options, CVMDKDisk* parent);
+/// Throws: CUsageError for an error of CVMDKDisk::create that is about options; returns for others.
+void throwUsageErrorOfNewDisk(const CError& error, const UCreateOptions& options);
 
 /// A disk that is being made. Its files appear under their names when it is committed; an older disk of the
 /// name stays until then. Others are kept from using the disk as long as this lives.

@@ -56,6 +56,12 @@ void CPasswords::addOpenOption(CLI::App& verb) {
     addAllowOption(verb);
 }
 
+void CPasswords::addOpenOptionOfOther(CLI::App& verb, const std::string& option, const std::string& disk) {
+    verb.add_option(option, m_file,
+                    "File whose first line is the password of " + disk + ", when it is another")
+        ->type_name("FILE");
+}
+
 void CPasswords::addCreateOptions(CLI::App& verb) {
     auto* const file =
         verb.add_option("--password-file", m_file,

@@ -16,6 +16,8 @@ class CPasswords {
 public:
     /// --password-file, and --allow: for a disk that is opened.
     void addOpenOption(CLI::App& verb);
+    /// An option of another name for a second disk, which help calls `disk`.
+    void addOpenOptionOfOther(CLI::App& verb, const std::string& option, const std::string& disk);
     /// --password-file, --encrypt, --open-password-file and --allow: for a verb that makes a disk.
     void addCreateOptions(CLI::App& verb);
 

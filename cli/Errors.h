@@ -9,7 +9,14 @@
 namespace tessel::cli {
 
 /// What the program's exit code says.
-enum ExitCode { Exit_Done = 0, Exit_Failed = 1, Exit_Usage = 2, Exit_Damaged = 3 };
+enum ExitCode {
+    Exit_Done = 0,
+    Exit_Failed = 1,
+    Exit_Differ = 1, ///< of compare, for which a failure is Exit_NotCompared
+    Exit_Usage = 2,
+    Exit_Damaged = 3,
+    Exit_NotCompared = 3
+};
 
 /// A failure as the user is told of it: which file, and what is wrong with it. UTF-8.
 class CFailure : public std::exception {
@@ -37,6 +44,12 @@ private:
 class CDamageFound : public std::exception {
 public:
     const char* what() const noexcept override { return "damage found"; }
+};
+
+/// The work is done, and what it had to tell is that two files differ. Nothing is left to be told.
+class CDifferenceFound : public std::exception {
+public:
+    const char* what() const noexcept override { return "difference found"; }
 };
 
 /// The user, or the reader of a pipe, wants no more.

@@ -69,7 +69,9 @@ std::string makeHelp(const CLI::App& verb) {
             help += makeRow(each->get_name(), each->get_description());
     }
     help += "\nOptions:\n" + options;
-    help += "\nExit codes: 0 done, 1 failed, 2 wrong usage, 3 damage found by check.\n";
+    help += verb.get_name() == "compare"
+                ? "\nExit codes: 0 the same, 1 different, 2 wrong usage, 3 could not be compared.\n"
+                : "\nExit codes: 0 done, 1 failed, 2 wrong usage, 3 damage found by check.\n";
     return help;
 }
 

@@ -15,6 +15,10 @@ void writeJson(const Json& json) {
     writeText(json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n");
 }
 
+std::string formatJsonLine(const Json& json) {
+    return json.dump(-1, ' ', false, Json::error_handler_t::replace);
+}
+
 void CTable::write() const {
     std::size_t width = 0;
     for (const auto& [label, text] : m_rows)

@@ -17,6 +17,27 @@ void writeText(const std::string& text);
 /// As indented UTF-8; bytes that are none become U+FFFD.
 void writeJson(const Json& json);
 
+/// Text of any length in large writes. What was added last is written by finish().
+class COutputText {
+public:
+    void add(const std::string& text) {
+        m_text += text;
+        if (m_text.size() >= 32768)
+            finish();
+    }
+    void finish() {
+        writeText(m_text);
+        m_text.clear();
+    }
+
+private:
+    std::string m_text;
+};
+
+/// Of a JSON answer that is too long to be in memory as a whole: one value on one line, as writeJson writes
+/// it.
+std::string formatJsonLine(const Json& json);
+
 /// Rows of a label and a text, the texts in one column.
 class CTable {
 public:

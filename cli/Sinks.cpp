@@ -11,9 +11,6 @@ namespace tessel::cli {
 
 namespace {
 
-/// Zeros from here on are worth a hole: the block of most file systems.
-constexpr int holeUnit = 4096;
-
 constexpr std::array<unsigned char, 65536> zeros{};
 
 } // namespace
@@ -22,16 +19,16 @@ void CRawSink::write(CPiece& piece) {
     const unsigned char* const data = piece.getBytes();
     const auto size = static_cast<int>(piece.getSizeBytes());
     const auto isHole = [&](int offset) {
-        return isZeroMemory(data + offset, static_cast<std::size_t>(std::min(holeUnit, size - offset)));
+        return isZeroMemory(data + offset, static_cast<std::size_t>(std::min(rawHoleUnit, size - offset)));
     };
     for (int start = 0; start < size;) {
         if (isHole(start)) {
-            start += holeUnit;
+            start += rawHoleUnit;
             continue;
         }
-        int end = start + holeUnit;
+        int end = start + rawHoleUnit;
         while (end < size && !isHole(end))
-            end += holeUnit;
+            end += rawHoleUnit;
         end = std::min(end, size);
         m_file->getFile().write(piece.getPosition() + start, data + start, end - start);
         start = end;

@@ -10,6 +10,9 @@
 
 namespace tessel::cli {
 
+/// Zeros from here on are worth a hole: the block of most file systems.
+constexpr int rawHoleUnit = 4096;
+
 /// A raw image in which zeros become holes.
 class CRawSink : public ISink {
 public:

@@ -9,8 +9,10 @@
 namespace tessel::cli {
 
 USourceRun CRawSource::findRun(int64 position) {
-    if (position >= m_data.end)
+    if (position >= m_data.end || position < m_holeStart) {
         m_data = m_file.findData(position, m_size);
+        m_holeStart = position;
+    }
     return position < m_data.start ? USourceRun{m_data.start - position, false}
                                    : USourceRun{std::max<int64>(m_data.end - position, 1), true};
 }

@@ -9,7 +9,7 @@
 
 namespace tessel::cli {
 
-/// A raw image.
+/// A raw image. May be read in any order.
 class CRawSource : public ISource {
 public:
     explicit CRawSource(CRawFile file) : m_file(std::move(file)), m_size(m_file.getLength()) {}
@@ -22,6 +22,7 @@ private:
     CRawFile m_file;
     int64 m_size;
     CRawFile::URegion m_data = {-1, -1};
+    int64 m_holeStart = 0; ///< from here to the data nothing is held
 };
 
 /// Raw data from standard input.
@@ -35,8 +36,8 @@ private:
     int64 m_size = getInputSize();
 };
 
-/// A disk with its parents. Compressed grains are read as they are stored, those of parents too where they
-/// are of the same kind and size.
+/// A disk with its parents. May be read in any order. Compressed grains are read as they are stored, those of
+/// parents too where they are of the same kind and size.
 class CDiskSource : public ISource {
 public:
     CDiskSource(std::string name, CVMDKDisk* disk);

@@ -1,6 +1,7 @@
 #include "CNewDisk.h"
 #include "Copy.h"
 #include "Errors.h"
+#include "FileKinds.h"
 #include "Jobs.h"
 #include "Names.h"
 #include "Sinks.h"
@@ -10,16 +11,11 @@
 #include "Verbs.h"
 #include "lum/CNativeFileSystem.h"
 
-#include <array>
-#include <fstream>
-
 namespace tessel::cli {
 
 namespace fs = std::filesystem;
 
 namespace {
-
-enum class Kind { unclear, raw, vmdk };
 
 struct UConvert {
     std::string source;
@@ -38,52 +34,12 @@ bool isStandardStream(const std::string& name) {
     return name == "-";
 }
 
-Kind kindOfOption(const std::string& option) {
-    return option.empty() ? Kind::unclear : option == "raw" ? Kind::raw : Kind::vmdk;
-}
-
-Kind kindOfName(const std::string& name) {
-    if (isStandardStream(name))
-        return Kind::raw;
-    if (hasExtension(name, ".vmdk"))
-        return Kind::vmdk;
-    for (const char* extension : {".raw", ".img", ".iso", ".dd", ".bin"})
-        if (hasExtension(name, extension))
-            return Kind::raw;
-    return Kind::unclear;
-}
-
-/// What the first bytes of a regular file tell.
-Kind kindOfContent(const std::string& name) {
-    if (!fs::is_regular_file(pathFromName(name)))
-        return Kind::raw;
-    std::array<char, 32> bytes{};
-    std::ifstream file(pathFromName(name), std::ios::binary);
-    file.read(bytes.data(), bytes.size());
-    return looksLikeVMDK(reinterpret_cast<const unsigned char*>(bytes.data()),
-                         static_cast<int>(file.gcount()))
-               ? Kind::vmdk
-               : Kind::raw;
-}
-
 Kind findSourceKind(const UConvert& verb) {
-    const Kind asked = kindOfOption(verb.from);
-    if (isStandardStream(verb.source)) {
-        if (asked == Kind::vmdk)
-            throw CUsageError("--from vmdk: a VMDK disk cannot be read from standard input");
-        return Kind::raw;
-    }
-    verifyIsFile(verb.source);
-    if (asked != Kind::unclear)
-        return asked;
-    const Kind name = kindOfName(verb.source);
-    const Kind content = kindOfContent(verb.source);
-    // A guest may write into a raw image what makes it look like a disk that names other files.
-    if (name == Kind::raw && content == Kind::vmdk)
-        throw CUsageError(verb.source +
-                          ": the name is that of a raw image, but the content looks like a VMDK; "
-                          "say which it is (--from)");
-    return name == Kind::unclear ? content : name;
+    if (!isStandardStream(verb.source))
+        return findKindOfFile(verb.source, verb.from, "--from");
+    if (kindOfOption(verb.from) == Kind::vmdk)
+        throw CUsageError("--from vmdk: a VMDK disk cannot be read from standard input");
+    return Kind::raw;
 }
 
 Kind findTargetKind(const UConvert& verb, Kind source) {
@@ -108,11 +64,7 @@ Kind findTargetKind(const UConvert& verb, Kind source) {
 std::unique_ptr<ISource> openSource(UConvert& verb, Kind kind, IFileSystem* files) {
     if (isStandardStream(verb.source))
         return std::make_unique<CInputSource>();
-    if (kind == Kind::raw)
-        return std::make_unique<CRawSource>(CRawFile::openForReading(pathFromName(verb.source)));
-    const P<CVMDKDisk> disk =
-        openDisk(verb.source, IIOStream::Access_Read, verb.passwords.getForOpening(verb.source), files);
-    return std::make_unique<CDiskSource>(verb.source, disk.get());
+    return openFileSource(verb.source, kind, verb.passwords, files);
 }
 
 void verifyInputIsUsedUp(const UConvert& verb, ISource& source) {
@@ -211,11 +163,8 @@ void addConvertVerb(CLI::App& program, VerbAction& chosen) {
         ->required();
     app->add_option("DST", verb->target, "New disk or raw image; - is raw data to standard output")
         ->required();
-    const auto addKind = [&](const char* option, std::string& kind, const char* help) {
-        app->add_option(option, kind, help)->type_name("raw|vmdk")->check(CLI::IsMember({"raw", "vmdk"}));
-    };
-    addKind("--from", verb->from, "Kind of the source, when its name and content do not tell");
-    addKind("--to", verb->to, "Kind of the new file, when its name does not tell");
+    addKindOption(*app, "--from", verb->from, "Kind of the source, when its name and content do not tell");
+    addKindOption(*app, "--to", verb->to, "Kind of the new file, when its name does not tell");
     app->add_option("--size", verb->size, "Size of the result: cuts the source, or lets zeros follow")
         ->type_name("N");
     verb->options.addTo(*app);

@@ -12,10 +12,13 @@ using VerbAction = std::function<void()>;
 // Each declares one verb, with its options, and sets `chosen` when the command line names it.
 
 void addCheckVerb(CLI::App& program, VerbAction& chosen);
+void addCompareVerb(CLI::App& program, VerbAction& chosen);
 void addConvertVerb(CLI::App& program, VerbAction& chosen);
 void addCreateVerb(CLI::App& program, VerbAction& chosen);
 void addFlattenVerb(CLI::App& program, VerbAction& chosen);
 void addInfoVerb(CLI::App& program, VerbAction& chosen);
+void addMapVerb(CLI::App& program, VerbAction& chosen);
+void addMeasureVerb(CLI::App& program, VerbAction& chosen);
 void addReadVerb(CLI::App& program, VerbAction& chosen);
 void addRebaseVerb(CLI::App& program, VerbAction& chosen);
 void addSpaceVerb(CLI::App& program, VerbAction& chosen);

@@ -20,6 +20,9 @@ void addVerbs(CLI::App& program, VerbAction& chosen) {
     addReadVerb(program, chosen);
     addWriteVerb(program, chosen);
     addSpaceVerb(program, chosen);
+    addMapVerb(program, chosen);
+    addCompareVerb(program, chosen);
+    addMeasureVerb(program, chosen);
     addCheckVerb(program, chosen);
     addRebaseVerb(program, chosen);
     addFlattenVerb(program, chosen);
@@ -56,6 +59,8 @@ int run(std::vector<std::string> arguments) {
         return Exit_Done;
     } catch (const CDamageFound&) {
         return Exit_Damaged;
+    } catch (const CDifferenceFound&) {
+        return Exit_Differ;
     } catch (const CLI::CallForHelp&) {
         writeHelp(findVerb(program));
         return Exit_Done;
@@ -70,22 +75,30 @@ int run(std::vector<std::string> arguments) {
     return Exit_Usage;
 }
 
+/// What the exit code of a failure is: compare has another use for the usual one.
+int getFailureCode(const std::vector<std::string>& arguments) {
+    return !arguments.empty() && arguments.front() == "compare" ? Exit_NotCompared : Exit_Failed;
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
     int exitCode = Exit_Failed;
     try {
+        const std::vector<std::string> arguments = getArguments(argc, argv);
+        const int failureCode = getFailureCode(arguments);
+        exitCode = failureCode;
         prepareProcess();
         const lum::P<CLogLines> log(new CLogLines);
         lum::setLogSink(log.get());
         try {
-            exitCode = run(getArguments(argc, argv));
+            exitCode = run(arguments);
         } catch (const lum::CError& error) {
             throw CFailure("", explainError(error, ""));
         }
         // What a destructor could not write is a failure, though nothing was thrown.
         if (exitCode == Exit_Done && log->tellErrors())
-            exitCode = Exit_Failed;
+            exitCode = failureCode;
     } catch (const CInterrupted&) {
         endInterrupted();
     } catch (const std::bad_alloc&) {

@@ -10,6 +10,7 @@
 #include "tessel/IVMDKDataProvider.h"
 #include "tessel/IVMDKExtentFile.h"
 #include "tessel/UVMDKGrainRun.h"
+#include "tessel/UVMDKStoredRun.h"
 
 namespace tessel {
 
@@ -154,6 +155,9 @@ public:
     /// in little memory. Neither position is moved nor data read.
     /// Throws: CIOError 7 as seek, also at the end; what extents and parents throw.
     UVMDKGrainRun findGrainRun(int64 position);
+    /// As findGrainRun, and where the run is stored. It ends where its place in the file does, and looks at
+    /// no more than `mostBytes` (at least 1). Throws: as findGrainRun; CIOError 5 for a slot that cannot be.
+    UVMDKStoredRun findStoredRun(int64 position, int64 mostBytes = INT64_MAX);
     /// Copies the parent's data of a grain that this disk does not hold, zeros too. `grainIndex` counts in
     /// the disk; the position is then at the next grain. Returns the bytes stored in prepared form, the
     /// grain size when there was nothing to copy, 0 without a parent. Leaves the content ID as it is.
@@ -203,6 +207,7 @@ private:
     void verifyHaveWriteAccess(const char* method) const;
     P<IVMDKExtentFile> openExtentFile(const CExtentKey& key, const CExtentValue& value);
     void closeExtentFile();
+    void findPlace(UVMDKStoredRun& run);
     template <class Change>
     void changeDescriptor(const char* method, Change change);
     void verifyPreparedTransfer(const char* verb) const;

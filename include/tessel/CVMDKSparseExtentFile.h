@@ -54,6 +54,12 @@ public:
     /// not; `hasSlot` says which. The open grain is flushed before.
     int64 findSlotRun(int64 grainIndex, bool& hasSlot);
 
+    /// How many grains from `grainIndex` on, at most `mostGrains`, have slots that make up one run: in a
+    /// plain extent those that follow each other, `posSectors` being the first one's; in a compressed one
+    /// all. `slotSectors` is the size of them together. 0 when the first has none. The open grain is flushed
+    /// before. Throws: as CVMDKGrainDirectory::getGrainInfo.
+    int64 findStoredGrains(int64 grainIndex, int64 mostGrains, int64& posSectors, int64& slotSectors);
+
     void setFallbackDataProvider(IVMDKDataProvider* fallbackDataProvider) override;
     int64 getStartGrainIndex() const override { return m_startGrainIndex; }
     int64 getGrainSizeSectors() const override { return m_grainSizeSectors; }

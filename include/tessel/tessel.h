@@ -91,6 +91,7 @@
 #include "tessel/IVMDKGrainAllocator.h"
 #include "tessel/UVMDKCheckFinding.h"
 #include "tessel/UVMDKGrainRun.h"
+#include "tessel/UVMDKStoredRun.h"
 #include "tessel/VMDKEmptyExtentFile.h"
 #include "tessel/VMDKEmptyMetadata.h"
 #include "tessel/VMDKFileReference.h"

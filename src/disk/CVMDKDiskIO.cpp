@@ -2,6 +2,7 @@
 
 #include "lum/CIOError.h"
 #include "lum/Logging.h"
+#include "lum/Numbers.h"
 #include "tessel/CVMDKDisk.h"
 #include "tessel/CVMDKOnDemandExtentFile.h"
 #include "tessel/CVMDKParentDiskDataProvider.h"
@@ -260,6 +261,51 @@ UVMDKGrainRun CVMDKDisk::findGrainRun(int64 position) {
                                 parent->m_compressed == m_compressed;
         }
     }
+    return run;
+}
+
+/// Tells where in this disk's files a run of it is.
+void CVMDKDisk::findPlace(UVMDKStoredRun& run) {
+    const int64 oldPosition = m_position;
+    seek(run.position);
+    try {
+        P<IVMDKExtentFile> extent;
+        int64 extentLeft = 0;
+        beginIOOp(run.sizeBytes, extent, extentLeft);
+        const P<CVMDKSparseExtentFile> sparse = sparseExtentOf(extent);
+        const int64 offset = run.position - m_currentExtentStartBytes;
+        const int64 offsetInGrain = offset % m_grainSizeBytes;
+        int64 posSectors = 0;
+        int64 slotSectors = 0;
+        const int64 grains = sparse->findStoredGrains(
+            offset / m_grainSizeBytes, divideRoundingUp(offsetInGrain + run.sizeBytes, m_grainSizeBytes),
+            posSectors, slotSectors);
+        run.file = m_currentExtentURI;
+        run.isCompressed = m_compressed;
+        run.isEncrypted = getEncrypted();
+        run.sizeBytes = std::min(run.sizeBytes, grains * m_grainSizeBytes - offsetInGrain);
+        if (m_compressed) {
+            run.storedBytes = slotSectors * vmdkSectorSize;
+        } else {
+            run.filePosition = posSectors * vmdkSectorSize + offsetInGrain;
+            run.storedBytes = run.sizeBytes;
+        }
+    } catch (...) {
+        m_position = oldPosition;
+        throw;
+    }
+    m_position = oldPosition;
+}
+
+UVMDKStoredRun CVMDKDisk::findStoredRun(int64 position, int64 mostBytes) {
+    const UVMDKGrainRun found = findGrainRun(position);
+    UVMDKStoredRun run{found.position, std::min(found.sizeBytes, mostBytes), found.layer};
+    if (run.layer == UVMDKGrainRun::nowhere)
+        return run;
+    CVMDKDisk* holder = this;
+    for (int layer = 0; layer < run.layer; ++layer) // a provider keeps its disk
+        holder = castTo<CVMDKParentDiskDataProvider>(holder->m_parentDataProvider)->getParentDisk().get();
+    holder->findPlace(run);
     return run;
 }
 

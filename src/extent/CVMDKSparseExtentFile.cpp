@@ -502,6 +502,25 @@ int64 CVMDKSparseExtentFile::findSlotRun(int64 grainIndex, bool& hasSlot) {
     return m_grainDirectory->findSlotRun(grainIndex, hasSlot);
 }
 
+int64 CVMDKSparseExtentFile::findStoredGrains(int64 grainIndex, int64 mostGrains, int64& posSectors,
+                                              int64& slotSectors) {
+    m_grain->flushChangesToStream();
+    slotSectors = 0;
+    int64 count = 0;
+    for (; count < mostGrains; ++count) {
+        int64 grainPosSectors = 0;
+        int64 slotSizeSectors = 0;
+        m_grainDirectory->getGrainInfo(grainIndex + count, grainPosSectors, slotSizeSectors);
+        if (count == 0)
+            posSectors = grainPosSectors;
+        const bool continues = m_compressed || grainPosSectors == posSectors + count * m_grainSizeSectors;
+        if (grainPosSectors == 0 || !continues)
+            break;
+        slotSectors += m_compressed ? slotSizeSectors : m_grainSizeSectors;
+    }
+    return count;
+}
+
 P<CVMDKSpaceInfo> CVMDKSparseExtentFile::gatherSpaceInfo() {
     flushChanges();
     int64 payloadSize = 0;

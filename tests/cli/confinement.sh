@@ -42,6 +42,18 @@ ok info home/child.vmdk --json
 json_is 'd["parent"]["outside"], d["parent"]["exists"]' '(True, False)'
 ok info home/child.vmdk --json --allow away
 json_is 'd["parent"]["outside"], d["parent"]["exists"]' '(False, True)'
+for verb in map compare measure; do
+    code=1
+    arguments=(home/child.vmdk)
+    if [[ $verb == compare ]]; then
+        code=3
+        arguments=(one.raw home/child.vmdk --quiet)
+    fi
+    run $code "$verb" "${arguments[@]}"
+    error_is_one_line
+    error_holds '--allow DIR'
+    ok "$verb" "${arguments[@]}" --allow away
+done
 # A parent may name what the child may, not what lies beside itself.
 ok create away/middle.vmdk --parent home/near.vmdk
 ok create home/grandchild.vmdk --parent away/middle.vmdk --allow home

@@ -36,6 +36,23 @@ members >found
 sed -n '/^## `space --json`/,$p' "$TESSEL_SOURCE_DIR/docs/program.md" | grep '^| `' | cut -d'|' -f2 |
     grep -o '[a-zA-Z]*' | sort -u >told
 same told found
+# section VERB: the members that the page names for the answer of a verb.
+section() {
+    awk -v head="## \`$1 --json\`" '/^## /{on = $0 == head} on' "$TESSEL_SOURCE_DIR/docs/program.md" |
+        grep '^| `' | cut -d'|' -f2 | grep -o '[a-zA-Z]*' | sort -u
+}
+ok map child.vmdk --json
+json '"\n".join(sorted({*d, *d["runs"][0]}))' >found
+section map >told
+same told found
+run 1 compare base.vmdk found --json
+json '"\n".join(sorted({*d, *d["ranges"][0]}))' >found
+section compare >told
+same told found
+ok measure base.vmdk --json
+json '"\n".join(sorted(d))' >found
+section measure >told
+same told found
 ok write base.vmdk 0 <found
 run 3 check child.vmdk --json
 json '"\n".join(sorted([*d, *d["findings"][0]]))' | sort -u >found

@@ -105,3 +105,24 @@ for arguments in (["read", "slow.raw", "0", "1"], ["convert", "slow.raw", "-"]):
     done = subprocess.run([sys.argv[1], *arguments], stdin=subprocess.DEVNULL, stdout=theirs, stderr=subprocess.PIPE)
     assert done.returncode == 2 and b"not for a terminal" in done.stderr, done
 END
+
+# A disk is drawn in colours on a terminal, unless the user wants none.
+ok write y.vmdk 0 <pw
+last="map --blocks on a terminal"
+python3 - "$TESSEL_PROGRAM" <<'END' || fail "see above"
+import os, pty, select, subprocess, sys
+def draw(**environment):
+    ours, theirs = pty.openpty()
+    child = subprocess.Popen([sys.argv[1], "map", "y.vmdk", "--blocks"], stdin=subprocess.DEVNULL, stdout=theirs,
+                             stderr=theirs, env={**os.environ, **environment})
+    seen = b""
+    while child.poll() is None or select.select([ours], [], [], 0.5)[0]:
+        if select.select([ours], [], [], 0.5)[0]:
+            seen += os.read(ours, 65536)
+    assert child.returncode == 0, seen
+    return seen.decode()
+assert "\x1b[38;5;32m" in draw(TERM="xterm"), "there should be colours"
+for plain in {"TERM": "dumb"}, {"TERM": "xterm", "NO_COLOR": "1"}:
+    seen = draw(**plain)
+    assert "\x1b" not in seen and "One place is 64 KiB" in seen, seen
+END

@@ -3,6 +3,15 @@
 # those whose directory is only named in the footer likewise.
 . "$(dirname -- "${BASH_SOURCE[0]}")/common.sh"
 
+# verify_not_compared MESSAGE A B: as verify_refused, but for the exit code.
+verify_not_compared() {
+    local message=$1 code=0
+    shift
+    tessel compare "$@" >refused.out 2>refused.err || code=$?
+    equal "exit code of compare" 3 "$code"
+    [[ ! -s refused.out && $(<refused.err) == "tessel: "*"$message"* ]] || fail "compare $*: $(<refused.err)"
+}
+
 # verify_all_refuse DISK MESSAGE: whatever is asked, the answer is the one line, and no file has changed.
 verify_all_refuse() {
     local disk=$1 message=$2 verb before
@@ -21,7 +30,11 @@ verify_all_refuse() {
             rebase) verify_refused "$message" rebase "$disk" own.vmdk --unsafe
                 verify_refused "$message" rebase own.vmdk "$disk" --unsafe ;;
             check) verify_not_whole "$disk" ;;
-            space | flatten) verify_refused "$message" "$verb" "$disk" ;;
+            compare) verify_not_compared "$message" "$disk" data.raw
+                verify_not_compared "$message" data.raw "$disk" ;;
+            measure) verify_refused "$message" measure "$disk"
+                verify_refused "$message" measure data.raw --parent "$disk" ;;
+            space | map | flatten) verify_refused "$message" "$verb" "$disk" ;;
             *) fail "say here how $verb refuses a disk" ;;
         esac
     done
