@@ -25,8 +25,12 @@ public:
     /// The descriptor itself: what is changed in it is what storeDescriptor() writes.
     P<CVMDKDescriptor> getDescriptor() const { return m_descriptor; }
     bool getEmbeddedInSparseExtentFile() const noexcept { return m_embedded; }
+    /// Where, in bytes, the area that holds the descriptor begins; always at a sector.
+    int64 getDescriptorAreaPosition() const noexcept { return m_descriptorPosition; }
     /// Bytes of the area that holds the descriptor.
     int64 getDescriptorAreaSize() const noexcept { return m_descriptorSize; }
+
+    P<IIOStream> getStream() const { return m_stream; }
 
     /// Parses the text of a descriptor that is within the bounds on lines.
     /// Throws: CIOError 5 ("uri", "lines") otherwise.
