@@ -1,6 +1,7 @@
 #include "Disks.h"
 
 #include "Confinement.h"
+#include "DiskFiles.h"
 #include "Errors.h"
 #include "Names.h"
 #include "lum/CNativeFileSystem.h"
@@ -23,25 +24,18 @@ P<IFileSystem> confinedFiles(const std::string& name) {
     return confine(files.get(), name);
 }
 
-P<CVMDKDescriptor> readDescriptorAt(IFileSystem* files, const CURI& uri) {
-    const P<IIOStream> stream = openVMDKFileStream(files, uri, IIOStream::Access_Read);
-    const P<CVMDKDescriptorAccessor> accessor(
-        new CVMDKDescriptorAccessor(stream.get(), IIOStream::Access_Read));
-    return accessor->getDescriptor();
-}
-
-/// Calls `visit` with main file and descriptor of a disk and of its parents, nearest first, until it returns
-/// false or there is none that can be read.
+/// Calls `visit` with the main file of a disk and of its parents, nearest first, until it returns false or
+/// there is none that can be read.
 template <class Visit>
 void walkChain(const std::string& name, Visit visit) {
     try {
         CURI uri = uriFromName(name).toNormalized();
         const P<IFileSystem> files = confinedFiles(name);
         for (int depth = 0; depth <= CVMDKParentDiskDataProvider::maxChainLength; ++depth) {
-            const P<CVMDKDescriptor> descriptor = readDescriptorAt(files.get(), uri);
+            const UMainFile file = readMainFile(files.get(), uri);
             String reference;
-            if (!visit(uri, *descriptor) || descriptor->getParentContentID() == noContentID ||
-                !descriptor->tryGetParentFileNameHint(reference))
+            if (!visit(file) || file.descriptor->getParentContentID() == noContentID ||
+                !file.descriptor->tryGetParentFileNameHint(reference))
                 return;
             uri = vmdkFileReferenceToURI(uri.getParent(), reference);
         }
@@ -81,22 +75,35 @@ void verifyMayBeDisk(const std::string& name) {
 P<CVMDKDisk> openDisk(const std::string& name, IIOStream::Access access, const String& password,
                       IFileSystem* files, int compressionLevel, CVMDKDisk* parent) {
     verifyMayBeDisk(name);
+    verifyNames(name, files);
     const P<IFileSystem> confined = confine(files, name);
     return about(name, [&] {
-        return P<CVMDKDisk>(new CVMDKDisk(confined.get(), uriFromName(name), access, password,
-                                          compressionLevel, nullptr, parent));
+        return CVMDKDisk::openRenamed(confined.get(), uriFromName(name), access, password, compressionLevel,
+                                      nullptr, parent);
+    });
+}
+
+void verifyNames(const std::string& name, IFileSystem* files) {
+    const P<IFileSystem> confined = confine(files, name);
+    bool isFirst = true;
+    walkChain(name, [&](const UMainFile& file) {
+        if (isFirst)
+            verifyFilesAreNotRenamed(name, file);
+        tellIfRenamed(confined.get(), file, isFirst ? name : nameFromPath(pathFromURI(file.uri)));
+        isFirst = false;
+        return true;
     });
 }
 
 P<CVMDKDescriptor> readDescriptor(const std::string& name) {
     verifyMayBeDisk(name);
-    return about(name, [&] { return readDescriptorAt(confinedFiles(name).get(), uriFromName(name)); });
+    return about(name, [&] { return readMainFile(confinedFiles(name).get(), uriFromName(name)).descriptor; });
 }
 
 bool needsPassword(const std::string& name) {
     bool isEncrypted = false;
-    walkChain(name, [&](const CURI&, const CVMDKDescriptor& descriptor) {
-        isEncrypted = !descriptor.getLumEncryptionAlgorithm().isEmpty();
+    walkChain(name, [&](const UMainFile& file) {
+        isEncrypted = !file.descriptor->getLumEncryptionAlgorithm().isEmpty();
         return !isEncrypted;
     });
     return isEncrypted;
@@ -122,8 +129,8 @@ TArray<P<CVMDKDisk>> openParents(CVMDKDisk& disk, const String& password, IFileS
         if (parents.size() >= static_cast<std::size_t>(CVMDKParentDiskDataProvider::maxChainLength))
             throw CFailure(name, "The chain of parents is too deep, or comes back to itself");
         const P<CVMDKDisk> parent = about(name, [&] {
-            return P<CVMDKDisk>(new CVMDKDisk(confined.get(), child->getParentDiskMainURI(),
-                                              IIOStream::Access_Read, password, -1, nullptr, nullptr));
+            return CVMDKDisk::openRenamed(confined.get(), child->getParentDiskMainURI(),
+                                          IIOStream::Access_Read, password, -1, nullptr, nullptr);
         });
         if (parent->getDescriptor()->getContentID() != child->getDescriptor()->getParentContentID())
             throw CFailure(name, "This disk has changed since a child was made from it");
@@ -135,12 +142,10 @@ TArray<P<CVMDKDisk>> openParents(CVMDKDisk& disk, const String& password, IFileS
 
 TArray<fs::path> listFilesOfChain(const std::string& name) {
     TArray<fs::path> paths = {pathFromName(name)};
-    walkChain(name, [&](const CURI& uri, const CVMDKDescriptor& descriptor) {
-        paths.push_back(pathFromURI(uri));
-        TArray<P<CVMDKExtentInfo>> extents;
-        descriptor.getExtentEntries(extents);
-        for (const auto& extent : extents)
-            paths.push_back(pathFromURI(vmdkFileReferenceToURI(uri.getParent(), extent->getFilename())));
+    walkChain(name, [&](const UMainFile& file) {
+        paths.push_back(pathFromURI(file.uri));
+        for (const auto& extent : file.getExtents())
+            paths.push_back(pathFromURI(file.findExtent(*extent)));
         return true;
     });
     return paths;

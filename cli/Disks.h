@@ -16,6 +16,10 @@ void verifyMayBeDisk(const std::string& name);
 P<CVMDKDisk> openDisk(const std::string& name, IIOStream::Access access, const String& password,
                       IFileSystem* files, int compressionLevel = -1, CVMDKDisk* parent = nullptr);
 
+/// Tells of a disk and its parents that were renamed or copied by hand. Throws: CFailure when files of the
+/// disk are missing for that reason. openDisk() does this.
+void verifyNames(const std::string& name, IFileSystem* files);
+
 /// The descriptor of a disk's main file. No lock is taken, nothing else is opened. Throws: CFailure.
 P<CVMDKDescriptor> readDescriptor(const std::string& name);
 
