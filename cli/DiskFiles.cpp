@@ -101,8 +101,7 @@ void verifyFilesAreNotRenamed(const std::string& name, const UMainFile& file) {
         const std::string extentName = nameOf(uri);
         missing.push_back(extentName);
         const bool isMain = i == 0 && file.isEmbedded;
-        isRenamed =
-            isRenamed || extentName != (isMain ? mainName : makeExtentName(mainName, extentName, i));
+        isRenamed = isRenamed || extentName != (isMain ? mainName : makeExtentName(mainName, extentName, i));
     }
     if (isRenamed)
         throw CFailure(name, "Files of the disk are missing: " + list(missing) +

@@ -12,6 +12,7 @@
 #include <array>
 #include <cstring>
 #include <fstream>
+#include <optional>
 
 namespace tessel::cli {
 
@@ -64,6 +65,25 @@ bool leadsTo(const CURI& folder, const String& reference, const CURI& parent) {
     return found == parent || isSameFile(pathFromURI(found), pathFromURI(parent));
 }
 
+/// The first of the paths that is read as the parent.
+String chooseReference(const std::string& childName, const std::string& parentName,
+                       const std::vector<fs::path>& paths) {
+    const CURI folder = uriFromName(childName).toNormalized().getParent();
+    const CURI parent = uriFromName(parentName).toNormalized();
+    return about(parentName, [&] {
+        for (const fs::path& path : paths) {
+            const std::u8string text = path.generic_u8string();
+            if (text.empty())
+                continue;
+            String reference =
+                String::fromUTF8(std::string_view(reinterpret_cast<const char*>(text.data()), text.size()));
+            if (leadsTo(folder, reference, parent))
+                return reference;
+        }
+        throw CFailure(parentName, "Its name cannot be recorded in a child: it would be read as another one");
+    });
+}
+
 } // namespace
 
 void verifyMayBeDisk(const std::string& name) {
@@ -85,14 +105,15 @@ P<CVMDKDisk> openDisk(const std::string& name, IIOStream::Access access, const S
 
 void verifyNames(const std::string& name, IFileSystem* files) {
     const P<IFileSystem> confined = confine(files, name);
-    bool isFirst = true;
+    std::optional<UMainFile> main;
     walkChain(name, [&](const UMainFile& file) {
-        if (isFirst)
-            verifyFilesAreNotRenamed(name, file);
-        tellIfRenamed(confined.get(), file, isFirst ? name : nameFromPath(pathFromURI(file.uri)));
-        isFirst = false;
+        tellIfRenamed(confined.get(), file, main ? nameFromPath(pathFromURI(file.uri)) : name);
+        if (!main)
+            main = file;
         return true;
     });
+    if (main)
+        verifyFilesAreNotRenamed(name, *main);
 }
 
 P<CVMDKDescriptor> readDescriptor(const std::string& name) {
@@ -152,24 +173,14 @@ TArray<fs::path> listFilesOfChain(const std::string& name) {
 }
 
 String makeParentReference(const std::string& childName, const std::string& parentName) {
-    const CURI child = uriFromName(childName).toNormalized();
-    const CURI parent = uriFromName(parentName).toNormalized();
-    const CURI folder = child.getParent();
-    return about(parentName, [&] {
-        const fs::path absolute = pathFromURI(parent);
-        // By names alone, as references are read; links on the way are not followed.
-        const fs::path relative = absolute.lexically_relative(pathFromURI(folder));
-        for (const fs::path& path : {relative, absolute}) {
-            const std::u8string text = path.generic_u8string();
-            if (text.empty())
-                continue;
-            String reference =
-                String::fromUTF8(std::string_view(reinterpret_cast<const char*>(text.data()), text.size()));
-            if (leadsTo(folder, reference, parent))
-                return reference;
-        }
-        throw CFailure(parentName, "Its name cannot be recorded in a child: it would be read as another one");
-    });
+    const fs::path parent = pathFromURI(uriFromName(parentName).toNormalized());
+    const fs::path folder = pathFromURI(uriFromName(childName).toNormalized().getParent());
+    // By names alone, as references are read; links on the way are not followed.
+    return chooseReference(childName, parentName, {parent.lexically_relative(folder), parent});
+}
+
+String makeAbsoluteParentReference(const std::string& childName, const std::string& parentName) {
+    return chooseReference(childName, parentName, {pathFromURI(uriFromName(parentName).toNormalized())});
 }
 
 void verifyRange(const std::string& name, int64 diskSize, int64 offset, int64 length) {

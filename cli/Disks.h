@@ -41,6 +41,9 @@ TArray<std::filesystem::path> listFilesOfChain(const std::string& name);
 /// to the parent, else absolute. Throws: CFailure when no reference does.
 String makeParentReference(const std::string& childName, const std::string& parentName);
 
+/// The same, never relative.
+String makeAbsoluteParentReference(const std::string& childName, const std::string& parentName);
+
 /// Throws: CFailure when the range does not lie within a disk of this size.
 void verifyRange(const std::string& name, int64 diskSize, int64 offset, int64 length);
 

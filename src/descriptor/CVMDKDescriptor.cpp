@@ -329,9 +329,8 @@ void CVMDKDescriptor::renameExtents(const std::function<String(const CVMDKExtent
         const String filename = rename(*extent);
         if (filename == extent->getFilename())
             continue;
-        const P<CVMDKExtentInfo> renamed(new CVMDKExtentInfo(extent->getAccess(), extent->getSizeSectors(),
-                                                             extent->getType(), filename,
-                                                             extent->getOffset()));
+        const P<CVMDKExtentInfo> renamed(new CVMDKExtentInfo(
+            extent->getAccess(), extent->getSizeSectors(), extent->getType(), filename, extent->getOffset()));
         verifyOneLine(method, renamed->toString());
         const P<CVMDKExtentInfo> readBack = CVMDKExtentInfo::tryParseDescriptorLine(renamed->toString());
         if (!readBack || readBack->getFilename() != filename)

@@ -15,12 +15,13 @@ struct UKeySettings {
 };
 
 /// Exchanges these settings where they stand, so that wherever the power goes a descriptor is left that holds
-/// the old ones or the new ones: a mixture would open by no password. A medium writes a sector of 512 bytes as
-/// a whole or not at all, and several in any order.
+/// the old ones or the new ones: a mixture would open by no password. A medium writes a sector of 512 bytes
+/// as a whole or not at all, and several in any order.
 ///
 /// Where the new values fit the place of the old ones, within one sector, that sector is written. Else a copy
 /// of the old settings is put behind the text, within one sector, where it counts for nothing; then the old
-/// lines are made comments, which lets the copy count; then the copy is exchanged; then the comments are wiped.
+/// lines are made comments, which lets the copy count; then the copy is exchanged; then the comments are
+/// wiped.
 class CKeySettingsEdit {
 public:
     /// `area` is that of the descriptor, which begins at a sector; `settings` are the new ones.

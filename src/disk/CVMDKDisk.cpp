@@ -118,8 +118,8 @@ void CVMDKDisk::buildExtentMap(const CProps& uriProps, bool embedded) {
         m_extentMap.emplace_hint(m_extentMap.end(), CExtentKey{line.startSector, line.sizeSectors},
                                  CExtentValue{std::move(line.uri), -1});
     });
-    m_isRenamed = m_extentName == ExtentName::asMainFile && embedded &&
-                  isRenamedVMDKFile(*m_descriptor, m_mainFileURI);
+    m_isRenamed =
+        m_extentName == ExtentName::asMainFile && embedded && isRenamedVMDKFile(*m_descriptor, m_mainFileURI);
     if (m_isRenamed)
         m_extentMap.begin()->second.uri = m_mainFileURI;
     m_firstExtentFileURI = m_extentMap.begin()->second.uri;

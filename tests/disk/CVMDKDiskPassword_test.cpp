@@ -130,9 +130,9 @@ protected:
 };
 
 TEST_F(CVMDKDiskPasswordTest, NewPasswordOpensWhatTheOldOneDid) {
-    for (const DiskOptions& options : {DiskOptions{}, DiskOptions{.compressed = true},
-                                       DiskOptions{.limit = 4 * MiB}, DiskOptions{.compressed = true,
-                                                                                  .limit = 6 * MiB}}) {
+    for (const DiskOptions& options :
+         {DiskOptions{}, DiskOptions{.compressed = true}, DiskOptions{.limit = 4 * MiB},
+          DiskOptions{.compressed = true, .limit = 6 * MiB}}) {
         createWithData(options);
         const auto files = filesWithoutDescriptor();
         const unsigned int contentID = openDescriptor()->getDescriptor()->getContentID();
@@ -186,8 +186,8 @@ TEST_F(CVMDKDiskPasswordTest, OnePasswordOpensTheDiskWhereverThePowerGoes) {
             createWithData({.limit = limit});
             editDescriptor([&](CVMDKDescriptor& descriptor) {
                 if (length > 0)
-                    descriptor.setValue("parentFileNameHint", String::fromUTF8(std::string(
-                                                                   static_cast<std::size_t>(length), 'x')),
+                    descriptor.setValue("parentFileNameHint",
+                                        String::fromUTF8(std::string(static_cast<std::size_t>(length), 'x')),
                                         true, true);
                 // Before the settings of the key.
                 String key;
@@ -252,9 +252,8 @@ TEST_F(CVMDKDiskPasswordTest, DescriptorWithoutRoomStaysAsItIs) {
     file.resize(file.find('\0'));
     putFile("disk.vmdk", file);
     EXPECT_THAT([&] { changePassword(); },
-                ::testing::Throws<CError>(::testing::Property(
-                    &CError::getMessage,
-                    ::testing::Truly([](const String& message) {
+                ::testing::Throws<CError>(
+                    ::testing::Property(&CError::getMessage, ::testing::Truly([](const String& message) {
                         return message.StartsWith(
                             "Internal error: actual VMDK descriptor size exceeds target size");
                     }))));

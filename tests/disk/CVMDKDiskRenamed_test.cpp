@@ -61,8 +61,7 @@ TEST_F(CVMDKDiskRenamedTest, SoAreParents) {
         const P<CVMDKDisk> base = create({}, "old.vmdk");
         writeAt(*base, 777777, m_data);
         base->flushChanges();
-        create({.parentPath = "base.vmdk", .parentID = base->getDescriptor()->getContentID()},
-               "child.vmdk");
+        create({.parentPath = "base.vmdk", .parentID = base->getDescriptor()->getContentID()}, "child.vmdk");
     }
     move("old.vmdk", "base.vmdk");
     create({}, "old.vmdk");
