@@ -147,7 +147,12 @@ CCompactCopy::CCompactCopy(std::string name, CVMDKDisk* disk, CVMDKDisk* parent,
       m_main(about(m_name, [&] { return readMainFile(files, disk->getMainFileURI()); })),
       m_mainPath(pathFromURI(m_main.uri)),
       m_folder(m_mainPath.parent_path()) {
-    about(m_name, [&] { addExtents(); });
+    about(m_name, [&] {
+        addExtents();
+        // Opens each of them, which tells what no header may say.
+        for (const auto& [key, value] : disk->getExtentMap())
+            disk->findGrainRun(key.startSector * vmdkSectorSize);
+    });
     run([&] {
         makeFiles();
         m_copy = new CVMDKDisk(files, uriFromPath(m_folder.getPath() / m_mainPath.filename()),
@@ -210,14 +215,15 @@ void CCompactCopy::makeFiles() {
 void CCompactCopy::makeExtent(const CURI& from, const CURI& to, CVMDKDescriptor* descriptor) {
     const P<CVMDKSparseExtentHeader> header = readHeader(m_files.get(), from);
     const auto capacity = static_cast<int64>(header->getCapacitySectors());
-    const auto grainSize = static_cast<int64>(header->getGrainSizeSectors());
-    auto descriptorSectors = static_cast<int64>(header->getDescriptorSizeSectors());
+    const int64 grainSize = m_disk->getGrainSizeBytes() / vmdkSectorSize;
+    int64 descriptorSectors = 0;
     if (descriptor) {
         descriptor->setEncodingUTF8();
         const auto needed = static_cast<int64>(descriptor->toString().toUTF8().size());
-        descriptorSectors = std::max(descriptorSectors, divideRoundingUp(needed, vmdkSectorSize));
+        descriptorSectors = std::max(static_cast<int64>(header->getDescriptorSizeSectors()),
+                                     divideRoundingUp(needed, vmdkSectorSize));
     }
-    const TBuffer<unsigned char> zeros(std::max({descriptorSectors, grainSize, int64{128}}) * vmdkSectorSize);
+    const TBuffer<unsigned char> zeros(std::max(descriptorSectors, grainSize) * vmdkSectorSize);
     createEmptyVMDKSparseExtentFile(m_files.get(), to, m_disk->getCompressed(),
                                     divideRoundingUp(capacity, grainSize), grainSize, zeros, descriptor,
                                     descriptorSectors, header->getEncryptionKeyHash());

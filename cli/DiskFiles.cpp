@@ -90,20 +90,19 @@ void verifyFilesAreNotRenamed(const std::string& name, const UMainFile& file) {
     const TArray<P<CVMDKExtentInfo>> extents = file.getExtents();
     const std::string mainName = nameOf(file.uri);
     std::vector<std::string> missing;
-    bool isRenamed = false;
     for (std::size_t i = 0; i < extents.size(); ++i) {
         // Files that are made on demand need not be there, but for the first.
         if (i > 0 && file.descriptor->getLumCreateExtentFilesOnDemand())
             break;
         const CURI uri = file.findExtent(*extents[i]);
-        if (!isAllowedFor(name, uri) || somethingExists(pathFromURI(uri)))
-            continue;
         const std::string extentName = nameOf(uri);
-        missing.push_back(extentName);
         const bool isMain = i == 0 && file.isEmbedded;
-        isRenamed = isRenamed || extentName != (isMain ? mainName : makeExtentName(mainName, extentName, i));
+        // A file that is named after the main file is missing for another reason.
+        if (extentName != (isMain ? mainName : makeExtentName(mainName, extentName, i)) &&
+            isAllowedFor(name, uri) && !somethingExists(pathFromURI(uri)))
+            missing.push_back(extentName);
     }
-    if (isRenamed)
+    if (!missing.empty())
         throw CFailure(name, "Files of the disk are missing: " + list(missing) +
                                  "; if it was renamed by hand, its files too, tessel rename " + name + " " +
                                  name + " puts it right");

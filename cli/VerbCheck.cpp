@@ -187,7 +187,11 @@ void checkDisk(UCheck& verb) {
     const P<CVMDKDiskChecker> checker(new CVMDKDiskChecker(files.get(), uriFromName(verb.disk)));
     checker->setTakesRenamed(true);
     try {
-        tellIfRenamed(files.get(), readMainFile(files.get(), uriFromName(verb.disk)), verb.disk);
+        const UMainFile file = readMainFile(files.get(), uriFromName(verb.disk));
+        tellIfRenamed(files.get(), file, verb.disk);
+        verifyFilesAreNotRenamed(verb.disk, file);
+    } catch (const CFailure& failure) {
+        tellNote(failure.what());
     } catch (const CError&) { // NOLINT(bugprone-empty-catch): what is wrong with it, the check tells
     }
     const P<CFindingWriter> writer(new CFindingWriter(verb.disk, verb.json, verb.quick));

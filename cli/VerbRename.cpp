@@ -224,12 +224,13 @@ void verifyRoom(const std::string& name, const URenamePlan& plan, IFileSystem* f
         const P<IIOStream> stream = openVMDKFileStream(files, plan.main.uri, IIOStream::Access_Read);
         const P<CVMDKDescriptorAccessor> accessor(
             new CVMDKDescriptorAccessor(stream.get(), IIOStream::Access_Read));
-        for (const P<CVMDKDescriptor>& descriptor : {plan.descriptor, plan.between}) {
-            if (!descriptor)
-                continue;
-            CVMDKDescriptor text(*descriptor);
-            if (plan.between)
-                text.setParentFileNameHint(plan.between->getParentFileNameHint());
+        TArray<CVMDKDescriptor> texts = {*plan.descriptor};
+        if (plan.between) {
+            texts.push_back(*plan.between);
+            texts.push_back(*plan.descriptor);
+            texts.back().setParentFileNameHint(plan.between->getParentFileNameHint());
+        }
+        for (CVMDKDescriptor& text : texts) {
             text.setEncodingUTF8();
             const auto size = static_cast<int64>(text.toString().toUTF8().size());
             if (size > accessor->getDescriptorAreaSize())

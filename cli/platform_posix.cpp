@@ -83,7 +83,7 @@ bool tryGiveAccess(int handle, const struct stat& wanted) {
         ::fchown(handle, wanted.st_uid, wanted.st_gid) != 0 && actual.st_gid != wanted.st_gid &&
         ::fchown(handle, static_cast<uid_t>(-1), wanted.st_gid) != 0)
         mode &= ~static_cast<mode_t>(070);
-    return ::fchmod(handle, mode) == 0;
+    return (actual.st_mode & 0777) == mode || ::fchmod(handle, mode) == 0;
 }
 
 /// The terminal does not show what is typed as long as this lives.
