@@ -14,7 +14,7 @@
 
 namespace {
 
-std::atomic<int> g_count = 0;
+std::atomic<int> g_count{0};
 
 void countChange() {
     const char* const wanted = std::getenv("TESSEL_KILL_AT");

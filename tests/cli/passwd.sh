@@ -48,7 +48,7 @@ printf changed | ok write secret.vmdk 0 --password-file new
 ok passwd secret.vmdk --password-file new --new-password-file old
 refused 1 "$wrong" read secret.vmdk 0 1 --password-file new
 ok read secret.vmdk 0 7 --password-file old
-output_is changed 2>/dev/null || [[ $(cat "$out") == changed ]] || fail "the bytes should be those written"
+[[ $(cat "$out") == changed ]] || fail "the bytes should be those written"
 
 # What cannot be.
 ok convert disk.raw open.vmdk --quiet
