@@ -107,6 +107,7 @@ head -c 8000000 disk.raw | head -c $((8000000 / 512 * 512)) >odd.raw
 for kind in monolithicSparse twoGbMaxExtentSparse; do
     rm -f ./*.vmdk
     qemu-img create -q -f vmdk -o subformat=$kind odd.vmdk "$(size_of odd.raw)"
+    [[ $kind == monolithicSparse ]] || truncate -s +512 odd.vmdk # room in the descriptor
     data 2M 9 >noise
     ok write odd.vmdk 4M <noise
     ok write odd.vmdk 0 <odd.raw

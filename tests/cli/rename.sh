@@ -222,7 +222,8 @@ cut() {
         clear
         cp start/* .
         code=0
-        env LD_PRELOAD="$killer" TESSEL_KILL_AT=$changes ${links:+TESSEL_NO_LINKS=1} \
+        # Within a shell of its own, which tells of the end.
+        bash -c '"$@"; exit $?' - env LD_PRELOAD="$killer" TESSEL_KILL_AT=$changes ${links:+TESSEL_NO_LINKS=1} \
             "$TESSEL_PROGRAM" rename disk.vmdk $target >"$out" 2>"$err" || code=$?
         last="rename disk.vmdk $target ($*), ended at change $changes${links:+, without links}"
         ((code != 0)) || break
