@@ -77,7 +77,8 @@ void tellIfRenamed(IFileSystem* files, const UMainFile& file, const std::string&
         return;
     const String reference = file.getExtents().front()->getFilename();
     const CURI real = files->followLinks(file.uri);
-    if (vmdkFileReferenceToURI(real.getParent(), reference) == real || !told.insert(showPaths(file.uri.toString(true))).second)
+    if (vmdkFileReferenceToURI(real.getParent(), reference) == real ||
+        !told.insert(showPaths(file.uri.toString(true))).second)
         return;
     tellNote(name + ": The disk was renamed or copied by hand: its descriptor still names \"" +
              reference.toUTF8Lossy() + "\", which is not looked at (tessel rename " + name + " " + name +

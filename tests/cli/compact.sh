@@ -24,7 +24,7 @@ dd if=/dev/zero of=after.raw bs=64K seek=1 count=2 conv=notrunc status=none
 put after.raw 5000000 300000 8
 
 for options in "" "--compressed" "--split=6M" "--compressed --split=8M" "--split=6M --on-demand" \
-    "--password-file pw" "--compressed --password-file pw" "--split=6M --password-file pw"; do
+    "--compressed --password-file pw" "--split=6M --password-file pw"; do
     rm -f ./*.vmdk
     read -ra words <<<"$options"
     secret=()

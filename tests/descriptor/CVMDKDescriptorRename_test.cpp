@@ -47,9 +47,8 @@ TEST(CVMDKDescriptorRename, ReferenceThatWouldNotBeReadBackChangesNothing) {
     const P<CVMDKDescriptor> descriptor = parseDescriptor(usualText);
     for (const char* const name : {"a\nb", "a\rb", "a\"b"}) {
         int count = 0;
-        EXPECT_THROW(descriptor->renameExtents([&](const CVMDKExtentInfo&) {
-            return ++count == 2 ? String(name) : String("x");
-        }),
+        EXPECT_THROW(descriptor->renameExtents(
+                         [&](const CVMDKExtentInfo&) { return ++count == 2 ? String(name) : String("x"); }),
                      CInvalidArgError);
         EXPECT_EQ(count, 2);
         EXPECT_EQ(textOf(*descriptor), usualText);
