@@ -1,6 +1,9 @@
 #!/usr/bin/env bash
 # compact rewrites a disk without dead space and zero grains: the same bytes, the same content ID, the same parent.
+#
+#   compact.sh KILLER    KILLER: the library that ends the program at one of its changes
 . "$(dirname -- "$0")/lib.sh"
+killer=$1
 
 check() {
     ok convert "$1" back.raw --size "$(size_of "$2")" --force --quiet "${@:3}"
@@ -135,7 +138,7 @@ same kept disk.vmdk
 check copy.vmdk after.raw
 ok space copy.vmdk
 
-# Without room, or interrupted, the old disk is as it was. The link is none that can be replaced.
+# Without room the old disk is as it was.
 for options in "" "--split=6M" "--compressed"; do
     rm -f ./*.vmdk
     read -ra words <<<"$options"
@@ -155,6 +158,60 @@ for options in "" "--split=6M" "--compressed"; do
         for file in disk*.vmdk; do same "$file" "kept-$file"; done
     done
 done
+# Interrupted by the user it leaves nothing.
+data 40M 6 >big.raw
+ok convert big.raw big.vmdk --quiet
+head -c 2M /dev/zero | ok write big.vmdk 0
+cp big.vmdk kept
+for ((attempt = 0; attempt < 20; attempt++)); do
+    last="compact, interrupted as soon as it makes files"
+    code=0
+    python3 - "$TESSEL_PROGRAM" compact big.vmdk --quiet <<'END2' 2>"$err" || code=$?
+import glob, signal, subprocess, sys
+child = subprocess.Popen(sys.argv[1:])
+while child.poll() is None and not glob.glob("tessel-tmp-*/new/big.vmdk"):
+    pass
+child.send_signal(signal.SIGINT)
+sys.exit(-child.wait())
+END2
+    ((code == 0)) || break # else it was done before the signal came
+    cp kept big.vmdk
+done
+((code == 2)) || fail "the program should end by SIGINT, which is 2, not $code"
+same kept big.vmdk
+[[ -z $(find . -name 'tessel-tmp-*' -o -name '*.lock') ]] || fail "something was left"
+
+# Killed while the files are put in their place: any mixture of old and new ones is the disk.
+export ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}verify_asan_link_order=0
+for options in "--split=4M" "--compressed --split=8M"; do
+    rm -f ./*.vmdk
+    read -ra words <<<"$options"
+    run 0 convert disk.raw disk.vmdk --quiet "${words[@]}"
+    ok write disk.vmdk 0 <after.raw
+    rm -rf start
+    mkdir start
+    cp disk*.vmdk start/
+    mixtures=0
+    for ((changes = 1; changes < 60; changes++)); do
+        rm -f disk*.vmdk
+        cp start/* .
+        code=0
+        bash -c '"$@"; exit $?' - env LD_PRELOAD="$killer" TESSEL_KILL_AT=$changes TESSEL_ONLY_NAMES=1 \
+            "$TESSEL_PROGRAM" compact disk.vmdk --quiet >"$out" 2>"$err" || code=$?
+        last="compact disk.vmdk ($options), ended at change $changes"
+        ((code != 0)) || break
+        ((code == 137)) || fail "the exit code is $code, not 137"
+        rm -rf tessel-tmp-* ./*.lock
+        check disk.vmdk after.raw
+        old=0
+        for file in disk*.vmdk; do cmp -s "$file" "start/$file" && ((old += 1)) || true; done
+        ((old == 0 || old == $(ls start | wc -l))) || ((mixtures += 1))
+    done
+    ((code == 0 && mixtures > 0)) || fail "there should have been mixtures of old and new files"
+    check disk.vmdk after.raw
+done
+rm -rf start
+
 ln -s disk.vmdk link.vmdk
 refused 1 'link.vmdk: It is a link; name the file that it leads to' compact link.vmdk
 refused 1 'none.vmdk: No such file' compact none.vmdk
