@@ -241,6 +241,10 @@ void verifyRoom(const std::string& name, const URenamePlan& plan, IFileSystem* f
     });
 }
 
+void tellChild(const std::string& child, const std::string& newName) {
+    tellNote(child + ": Its parent has another name now (tessel rebase " + child + " " + newName + ")");
+}
+
 /// The children of the disk in these folders are told of, since their parent is no more where they look.
 void tellChildren(const URenamePlan& plan, const std::string& newName) {
     const P<IFileSystem> files(new CNativeFileSystem(false));
@@ -256,8 +260,7 @@ void tellChildren(const URenamePlan& plan, const std::string& newName) {
                 if (child.descriptor->getParentContentID() != noContentID &&
                     child.descriptor->tryGetParentFileNameHint(reference) &&
                     vmdkFileReferenceToURI(child.uri.getParent(), reference) == plan.main.uri)
-                    tellNote(name + ": Its parent has another name now (tessel rebase " + name + " " +
-                             newName + ")");
+                    tellChild(name, newName);
             } catch (const CError&) {   // NOLINT(bugprone-empty-catch): no disk, or none that can be read
             } catch (const CFailure&) { // NOLINT(bugprone-empty-catch): the same
             }
