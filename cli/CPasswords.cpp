@@ -48,6 +48,14 @@ CSecretText askPassword(const std::string& question) {
     return decodePassword(askWithoutEcho(question), "standard input");
 }
 
+/// Twice, since what is typed cannot be seen.
+CSecretText askNewPassword(const std::string& file) {
+    CSecretText password = askPassword("New password of " + file + ": ");
+    if (!(askPassword("The same once more: ").get() == password.get()))
+        throw CFailure(file, "The two passwords differ");
+    return password;
+}
+
 } // namespace
 
 void CPasswords::addOpenOption(CLI::App& verb) {
@@ -76,6 +84,13 @@ void CPasswords::addCreateOptions(CLI::App& verb) {
     addAllowOption(verb);
 }
 
+void CPasswords::addChangeOptions(CLI::App& verb) {
+    addOpenOption(verb);
+    verb.add_option("--new-password-file", m_newFile,
+                    "File whose first line is the new password; without, it is asked for on the terminal")
+        ->type_name("FILE");
+}
+
 const String& CPasswords::getForOpening(const std::string& file) {
     if (m_forOpening)
         return m_forOpening->get();
@@ -97,11 +112,15 @@ const String& CPasswords::getForCreating(const std::string& file) {
     if (!m_file.empty()) {
         m_forCreating = readPasswordFile(m_file);
     } else if (m_encrypt) {
-        m_forCreating = askPassword("New password of " + file + ": ");
-        if (!(askPassword("The same once more: ").get() == m_forCreating->get()))
-            throw CFailure(file, "The two passwords differ");
+        m_forCreating = askNewPassword(file);
     }
     return m_forCreating->get();
+}
+
+const String& CPasswords::getNew(const std::string& file) {
+    if (!m_new)
+        m_new = m_newFile.empty() ? askNewPassword(file) : readPasswordFile(m_newFile);
+    return m_new->get();
 }
 
 } // namespace tessel::cli

@@ -45,6 +45,9 @@ CStagedFolder::CStagedFolder(const fs::path& targetFolder)
     fs::create_directory(path, error);
     if (!error) {
         m_path = path;
+        // Nobody else reads what is made here; the files get the permissions that they shall have.
+        std::error_code ignored;
+        fs::permissions(path, fs::perms::owner_all, ignored);
         fs::create_directory(getPath(), error);
     }
     if (!error)

@@ -1,6 +1,7 @@
 #include "Disks.h"
 
 #include "Confinement.h"
+#include "DiskFiles.h"
 #include "DiskSignature.h"
 #include "Errors.h"
 #include "Names.h"
@@ -11,6 +12,7 @@
 #include <algorithm>
 #include <array>
 #include <fstream>
+#include <optional>
 
 namespace tessel::cli {
 
@@ -23,25 +25,18 @@ P<IFileSystem> confinedFiles(const std::string& name) {
     return confine(files.get(), name);
 }
 
-P<CVMDKDescriptor> readDescriptorAt(IFileSystem* files, const CURI& uri) {
-    const P<IIOStream> stream = openVMDKFileStream(files, uri, IIOStream::Access_Read);
-    const P<CVMDKDescriptorAccessor> accessor(
-        new CVMDKDescriptorAccessor(stream.get(), IIOStream::Access_Read));
-    return accessor->getDescriptor();
-}
-
-/// Calls `visit` with main file and descriptor of a disk and of its parents, nearest first, until it returns
-/// false or there is none that can be read.
+/// Calls `visit` with the main file of a disk and of its parents, nearest first, until it returns false or
+/// there is none that can be read.
 template <class Visit>
 void walkChain(const std::string& name, Visit visit) {
     try {
         CURI uri = uriFromName(name).toNormalized();
         const P<IFileSystem> files = confinedFiles(name);
         for (int depth = 0; depth <= CVMDKParentDiskDataProvider::maxChainLength; ++depth) {
-            const P<CVMDKDescriptor> descriptor = readDescriptorAt(files.get(), uri);
+            const UMainFile file = readMainFile(files.get(), uri);
             String reference;
-            if (!visit(uri, *descriptor) || descriptor->getParentContentID() == noContentID ||
-                !descriptor->tryGetParentFileNameHint(reference))
+            if (!visit(file) || file.descriptor->getParentContentID() == noContentID ||
+                !file.descriptor->tryGetParentFileNameHint(reference))
                 return;
             uri = vmdkFileReferenceToURI(uri.getParent(), reference);
         }
@@ -64,6 +59,25 @@ bool leadsTo(const CURI& folder, const String& reference, const CURI& parent) {
     return found == parent || isSameFile(pathFromURI(found), pathFromURI(parent));
 }
 
+/// The first of the paths that is read as the parent.
+String chooseReference(const std::string& childName, const std::string& parentName,
+                       const std::vector<fs::path>& paths) {
+    const CURI folder = uriFromName(childName).toNormalized().getParent();
+    const CURI parent = uriFromName(parentName).toNormalized();
+    return about(parentName, [&] {
+        for (const fs::path& path : paths) {
+            const std::u8string text = path.generic_u8string();
+            if (text.empty())
+                continue;
+            String reference =
+                String::fromUTF8(std::string_view(reinterpret_cast<const char*>(text.data()), text.size()));
+            if (leadsTo(folder, reference, parent))
+                return reference;
+        }
+        throw CFailure(parentName, "Its name cannot be recorded in a child: it would be read as another one");
+    });
+}
+
 } // namespace
 
 void verifyMayBeDisk(const std::string& name) {
@@ -75,22 +89,36 @@ void verifyMayBeDisk(const std::string& name) {
 P<CVMDKDisk> openDisk(const std::string& name, IIOStream::Access access, const String& password,
                       IFileSystem* files, int compressionLevel, CVMDKDisk* parent) {
     verifyMayBeDisk(name);
+    verifyNames(name, files);
     const P<IFileSystem> confined = confine(files, name);
     return about(name, [&] {
-        return P<CVMDKDisk>(new CVMDKDisk(confined.get(), uriFromName(name), access, password,
-                                          compressionLevel, nullptr, parent));
+        return CVMDKDisk::openRenamed(confined.get(), uriFromName(name), access, password, compressionLevel,
+                                      nullptr, parent);
     });
+}
+
+void verifyNames(const std::string& name, IFileSystem* files) {
+    const P<IFileSystem> confined = confine(files, name);
+    std::optional<UMainFile> main;
+    walkChain(name, [&](const UMainFile& file) {
+        tellIfRenamed(confined.get(), file, main ? nameFromPath(pathFromURI(file.uri)) : name);
+        if (!main)
+            main = file;
+        return true;
+    });
+    if (main)
+        verifyFilesAreNotRenamed(name, *main);
 }
 
 P<CVMDKDescriptor> readDescriptor(const std::string& name) {
     verifyMayBeDisk(name);
-    return about(name, [&] { return readDescriptorAt(confinedFiles(name).get(), uriFromName(name)); });
+    return about(name, [&] { return readMainFile(confinedFiles(name).get(), uriFromName(name)).descriptor; });
 }
 
 bool needsPassword(const std::string& name) {
     bool isEncrypted = false;
-    walkChain(name, [&](const CURI&, const CVMDKDescriptor& descriptor) {
-        isEncrypted = !descriptor.getLumEncryptionAlgorithm().isEmpty();
+    walkChain(name, [&](const UMainFile& file) {
+        isEncrypted = !file.descriptor->getLumEncryptionAlgorithm().isEmpty();
         return !isEncrypted;
     });
     return isEncrypted;
@@ -110,8 +138,8 @@ TArray<P<CVMDKDisk>> openParents(CVMDKDisk& disk, const String& password, IFileS
         if (parents.size() >= static_cast<std::size_t>(CVMDKParentDiskDataProvider::maxChainLength))
             throw CFailure(name, "The chain of parents is too deep, or comes back to itself");
         const P<CVMDKDisk> parent = about(name, [&] {
-            return P<CVMDKDisk>(new CVMDKDisk(confined.get(), child->getParentDiskMainURI(),
-                                              IIOStream::Access_Read, password, -1, nullptr, nullptr));
+            return CVMDKDisk::openRenamed(confined.get(), child->getParentDiskMainURI(),
+                                          IIOStream::Access_Read, password, -1, nullptr, nullptr);
         });
         if (parent->getDescriptor()->getContentID() != child->getDescriptor()->getParentContentID())
             throw CFailure(name, "This disk has changed since a child was made from it");
@@ -123,36 +151,24 @@ TArray<P<CVMDKDisk>> openParents(CVMDKDisk& disk, const String& password, IFileS
 
 TArray<fs::path> listFilesOfChain(const std::string& name) {
     TArray<fs::path> paths = {pathFromName(name)};
-    walkChain(name, [&](const CURI& uri, const CVMDKDescriptor& descriptor) {
-        paths.push_back(pathFromURI(uri));
-        TArray<P<CVMDKExtentInfo>> extents;
-        descriptor.getExtentEntries(extents);
-        for (const auto& extent : extents)
-            paths.push_back(pathFromURI(vmdkFileReferenceToURI(uri.getParent(), extent->getFilename())));
+    walkChain(name, [&](const UMainFile& file) {
+        paths.push_back(pathFromURI(file.uri));
+        for (const auto& extent : file.getExtents())
+            paths.push_back(pathFromURI(file.findExtent(*extent)));
         return true;
     });
     return paths;
 }
 
 String makeParentReference(const std::string& childName, const std::string& parentName) {
-    const CURI child = uriFromName(childName).toNormalized();
-    const CURI parent = uriFromName(parentName).toNormalized();
-    const CURI folder = child.getParent();
-    return about(parentName, [&] {
-        const fs::path absolute = pathFromURI(parent);
-        // By names alone, as references are read; links on the way are not followed.
-        const fs::path relative = absolute.lexically_relative(pathFromURI(folder));
-        for (const fs::path& path : {relative, absolute}) {
-            const std::u8string text = path.generic_u8string();
-            if (text.empty())
-                continue;
-            String reference =
-                String::fromUTF8(std::string_view(reinterpret_cast<const char*>(text.data()), text.size()));
-            if (leadsTo(folder, reference, parent))
-                return reference;
-        }
-        throw CFailure(parentName, "Its name cannot be recorded in a child: it would be read as another one");
-    });
+    const fs::path parent = pathFromURI(uriFromName(parentName).toNormalized());
+    const fs::path folder = pathFromURI(uriFromName(childName).toNormalized().getParent());
+    // By names alone, as references are read; links on the way are not followed.
+    return chooseReference(childName, parentName, {parent.lexically_relative(folder), parent});
+}
+
+String makeAbsoluteParentReference(const std::string& childName, const std::string& parentName) {
+    return chooseReference(childName, parentName, {pathFromURI(uriFromName(parentName).toNormalized())});
 }
 
 void verifyRange(const std::string& name, int64 diskSize, int64 offset, int64 length) {

@@ -16,6 +16,10 @@ void verifyMayBeDisk(const std::string& name);
 P<CVMDKDisk> openDisk(const std::string& name, IIOStream::Access access, const String& password,
                       IFileSystem* files, int compressionLevel = -1, CVMDKDisk* parent = nullptr);
 
+/// Tells of a disk and its parents that were renamed or copied by hand. Throws: CFailure when files of the
+/// disk are missing for that reason. openDisk() does this.
+void verifyNames(const std::string& name, IFileSystem* files);
+
 /// The descriptor of a disk's main file. No lock is taken, nothing else is opened. Throws: CFailure.
 P<CVMDKDescriptor> readDescriptor(const std::string& name);
 
@@ -36,6 +40,9 @@ TArray<std::filesystem::path> listFilesOfChain(const std::string& name);
 /// The reference by which a child in the folder of `childName` records its parent: relative where that leads
 /// to the parent, else absolute. Throws: CFailure when no reference does.
 String makeParentReference(const std::string& childName, const std::string& parentName);
+
+/// The same, never relative.
+String makeAbsoluteParentReference(const std::string& childName, const std::string& parentName);
 
 /// Throws: CFailure when the range does not lie within a disk of this size.
 void verifyRange(const std::string& name, int64 diskSize, int64 offset, int64 length);

@@ -1,5 +1,6 @@
 #include "CProgress.h"
 #include "Confinement.h"
+#include "DiskFiles.h"
 #include "Disks.h"
 #include "Errors.h"
 #include "Names.h"
@@ -184,6 +185,15 @@ void checkDisk(UCheck& verb) {
     const P<IFileSystem> native(new CNativeFileSystem(false));
     const P<IFileSystem> files = confine(native.get(), verb.disk);
     const P<CVMDKDiskChecker> checker(new CVMDKDiskChecker(files.get(), uriFromName(verb.disk)));
+    checker->setTakesRenamed(true);
+    try {
+        const UMainFile file = readMainFile(files.get(), uriFromName(verb.disk));
+        tellIfRenamed(files.get(), file, verb.disk);
+        verifyFilesAreNotRenamed(verb.disk, file);
+    } catch (const CFailure& failure) {
+        tellNote(failure.what());
+    } catch (const CError&) { // NOLINT(bugprone-empty-catch): what is wrong with it, the check tells
+    }
     const P<CFindingWriter> writer(new CFindingWriter(verb.disk, verb.json, verb.quick));
     const String& password = choosePassword(verb);
     about(verb.disk, [&] { checker->check(password, verb.quick, *writer); });

@@ -1,4 +1,5 @@
 #include "Confinement.h"
+#include "DiskFiles.h"
 #include "Disks.h"
 #include "Errors.h"
 #include "Names.h"
@@ -64,13 +65,12 @@ P<CVMDKSparseExtentHeader> readHeader(IFileSystem* files, const CURI& uri) {
     return header;
 }
 
-UExtentFacts collectExtent(const CVMDKExtentInfo& extent, const CURI& folder, const std::string& disk) {
+UExtentFacts collectExtent(const CVMDKExtentInfo& extent, const CURI& uri, const std::string& disk) {
     UExtentFacts facts;
     facts.access = extent.getAccess().toUTF8Lossy();
     facts.type = extent.getType().toUTF8Lossy();
     facts.sizeBytes =
         std::clamp<int64>(extent.getSizeSectors(), 0, INT64_MAX / vmdkSectorSize) * vmdkSectorSize;
-    const CURI uri = vmdkFileReferenceToURI(folder, extent.getFilename());
     facts.file = showPaths(uri.toString(true));
     facts.isOutside = !isAllowedFor(disk, uri);
     if (facts.isOutside)
@@ -113,14 +113,12 @@ void collectGrains(IFileSystem* files, const CURI& uri, UDiskFacts& facts) {
 
 UDiskFacts collect(const std::string& name, IFileSystem* files) {
     const CURI uri = uriFromName(name);
-    const P<IIOStream> stream = openVMDKFileStream(files, uri, IIOStream::Access_Read);
-    const P<CVMDKDescriptorAccessor> accessor(
-        new CVMDKDescriptorAccessor(stream.get(), IIOStream::Access_Read));
-    const P<CVMDKDescriptor> descriptor = accessor->getDescriptor();
+    const UMainFile file = readMainFile(files, uri);
+    const P<CVMDKDescriptor> descriptor = file.descriptor;
     const CURI folder = uri.getParent();
     UDiskFacts facts;
     facts.kind = descriptor->getCreateType().toUTF8Lossy();
-    facts.isDescriptorEmbedded = accessor->getEmbeddedInSparseExtentFile();
+    facts.isDescriptorEmbedded = file.isEmbedded;
     facts.contentID = descriptor->getContentID();
     facts.isEncrypted = !descriptor->getLumEncryptionAlgorithm().isEmpty();
     facts.isOnDemand = descriptor->getLumCreateExtentFilesOnDemand();
@@ -131,13 +129,14 @@ UDiskFacts collect(const std::string& name, IFileSystem* files) {
     TArray<P<CVMDKExtentInfo>> extents;
     descriptor->getExtentEntries(extents);
     for (const auto& extent : extents) {
-        UExtentFacts found = collectExtent(*extent, folder, name);
+        const CURI extentURI = file.findExtent(*extent);
+        UExtentFacts found = collectExtent(*extent, extentURI, name);
         found.startBytes = facts.sizeBytes;
         facts.sizeBytes =
             found.sizeBytes > INT64_MAX - facts.sizeBytes ? INT64_MAX : facts.sizeBytes + found.sizeBytes;
         facts.allocatedBytes += found.allocatedBytes;
         if (found.isThere && found.type == "SPARSE" && facts.grainSizeBytes < 0)
-            collectGrains(files, vmdkFileReferenceToURI(folder, extent->getFilename()), facts);
+            collectGrains(files, extentURI, facts);
         facts.extents.push_back(std::move(found));
     }
     return facts;
@@ -214,7 +213,8 @@ void tellAsText(const std::string& name, const UDiskFacts& facts) {
 }
 
 /// What was told is of use whether the disk can be opened or not; this says whether it can.
-void verifyOpens(UInfo& verb, const UDiskFacts& facts, IFileSystem* files) {
+void verifyOpens(UInfo& verb, const UDiskFacts& facts, IFileSystem* native, IFileSystem* files) {
+    verifyNames(verb.disk, native);
     for (const UExtentFacts& extent : facts.extents)
         if (!extent.isThere && !extent.isOutside && !facts.isOnDemand && extent.sizeBytes > 0)
             throw CFailure(verb.disk, "A file of the disk is missing: " + extent.file);
@@ -224,8 +224,8 @@ void verifyOpens(UInfo& verb, const UDiskFacts& facts, IFileSystem* files) {
                                                                 : String::getEmptyString();
     about(verb.disk, [&] {
         try {
-            const P<CVMDKDisk> disk(new CVMDKDisk(files, uriFromName(verb.disk), IIOStream::Access_Read,
-                                                  password, -1, nullptr, nullptr));
+            CVMDKDisk::openRenamed(files, uriFromName(verb.disk), IIOStream::Access_Read, password, -1,
+                                   nullptr, nullptr);
         } catch (const CFileSystemError& error) {
             if (error.getProblem() != CFileSystemError::Problem_Locked)
                 throw;
@@ -243,7 +243,7 @@ void tellInfo(UInfo& verb) {
         tellAsJSON(verb.disk, facts);
     else
         tellAsText(verb.disk, facts);
-    verifyOpens(verb, facts, files.get());
+    verifyOpens(verb, facts, native.get(), files.get());
 }
 
 } // namespace

@@ -13,14 +13,17 @@ using VerbAction = std::function<void()>;
 
 void addCheckVerb(CLI::App& program, VerbAction& chosen);
 void addCompareVerb(CLI::App& program, VerbAction& chosen);
+void addCompactVerb(CLI::App& program, VerbAction& chosen);
 void addConvertVerb(CLI::App& program, VerbAction& chosen);
 void addCreateVerb(CLI::App& program, VerbAction& chosen);
 void addFlattenVerb(CLI::App& program, VerbAction& chosen);
 void addInfoVerb(CLI::App& program, VerbAction& chosen);
 void addMapVerb(CLI::App& program, VerbAction& chosen);
 void addMeasureVerb(CLI::App& program, VerbAction& chosen);
+void addPasswdVerb(CLI::App& program, VerbAction& chosen);
 void addReadVerb(CLI::App& program, VerbAction& chosen);
 void addRebaseVerb(CLI::App& program, VerbAction& chosen);
+void addRenameVerb(CLI::App& program, VerbAction& chosen);
 void addSpaceVerb(CLI::App& program, VerbAction& chosen);
 void addWriteVerb(CLI::App& program, VerbAction& chosen);
 

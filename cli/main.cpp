@@ -26,6 +26,9 @@ void addVerbs(CLI::App& program, VerbAction& chosen) {
     addCheckVerb(program, chosen);
     addRebaseVerb(program, chosen);
     addFlattenVerb(program, chosen);
+    addCompactVerb(program, chosen);
+    addRenameVerb(program, chosen);
+    addPasswdVerb(program, chosen);
 }
 
 const CLI::App& findVerb(const CLI::App& program) {

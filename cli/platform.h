@@ -80,6 +80,8 @@ public:
     void read(int64 position, void* buffer, int count) const;
     void write(int64 position, const void* data, int size);
     void setLength(int64 length);
+    /// Gives the file the owner, as far as this user may, and the permissions of another.
+    void copyAccessFrom(const std::filesystem::path& path);
     /// Waits until the medium has everything.
     void sync();
     /// Tells of failures that the system kept back.
@@ -93,6 +95,8 @@ private:
     int m_handle;
 };
 
+/// CRawFile::copyAccessFrom for a file that is not open. Throws: CFailure.
+void copyAccess(const std::filesystem::path& from, const std::filesystem::path& to);
 /// Bytes that a file takes on its medium.
 int64 getAllocatedSize(const std::filesystem::path& path);
 /// Gives a file another name in the same file system. With `replace` false a file that has the name

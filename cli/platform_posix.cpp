@@ -73,6 +73,19 @@ void waitFor(int descriptor, short events) {
     throwIfInterrupted();
 }
 
+/// Whoever may not give the file away keeps it; a group that it cannot have gets nothing.
+bool tryGiveAccess(int handle, const struct stat& wanted) {
+    struct stat actual = {};
+    if (::fstat(handle, &actual) != 0)
+        return false;
+    mode_t mode = wanted.st_mode & 0777;
+    if ((actual.st_uid != wanted.st_uid || actual.st_gid != wanted.st_gid) &&
+        ::fchown(handle, wanted.st_uid, wanted.st_gid) != 0 && actual.st_gid != wanted.st_gid &&
+        ::fchown(handle, static_cast<uid_t>(-1), wanted.st_gid) != 0)
+        mode &= ~static_cast<mode_t>(070);
+    return (actual.st_mode & 0777) == mode || ::fchmod(handle, mode) == 0;
+}
+
 /// The terminal does not show what is typed as long as this lives.
 class CEchoOff {
 public:
@@ -332,6 +345,12 @@ void CRawFile::setLength(int64 length) {
             fail("Cannot set the length of the file");
 }
 
+void CRawFile::copyAccessFrom(const fs::path& path) {
+    struct stat wanted = {};
+    if (::stat(path.c_str(), &wanted) != 0 || !tryGiveAccess(m_handle, wanted))
+        fail("Cannot set the permissions of the file");
+}
+
 void CRawFile::sync() {
     while (::fsync(m_handle) != 0)
         if (errno != EINTR)
@@ -343,6 +362,18 @@ void CRawFile::close() {
     m_handle = -1;
     if (::close(handle) != 0 && errno != EINTR)
         fail("Cannot close file");
+}
+
+void copyAccess(const fs::path& from, const fs::path& to) {
+    const int handle = ::open(to.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
+    struct stat wanted = {};
+    const bool isGiven = handle >= 0 && ::stat(from.c_str(), &wanted) == 0 && tryGiveAccess(handle, wanted);
+    const int error = errno;
+    if (handle >= 0)
+        ::close(handle);
+    if (!isGiven)
+        throw CFailure(nameFromPath(to),
+                       "Cannot set the permissions of the file: " + describeSystemError(error));
 }
 
 int64 getAllocatedSize(const fs::path& path) {

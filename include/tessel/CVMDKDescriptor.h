@@ -97,6 +97,9 @@ public:
     void addExtentEntry(CVMDKExtentInfo* extent);
     /// Appends the extent lines, in order, to `extents`.
     void getExtentEntries(TArray<P<CVMDKExtentInfo>>& extents) const;
+    /// Gives every extent, in order, the file reference that `rename` returns; its other values stay.
+    /// Throws: CInvalidArgError for a reference that would be read as another one, nothing having changed.
+    void renameExtents(const std::function<String(const CVMDKExtentInfo&)>& rename);
     /// Appends the lines that are neither settings nor extents, in order, to `lines`.
     void getGenericLines(TArray<String>& lines) const;
     /// Adds every line that reads as a setting to `lines`, as it would be written, in their order.

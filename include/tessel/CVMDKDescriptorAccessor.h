@@ -26,8 +26,12 @@ public:
     P<CVMDKDescriptor> getDescriptor() const { return m_descriptor; }
     /// True when the file is a sparse extent that holds the descriptor, false when it is text.
     bool getEmbeddedInSparseExtentFile() const noexcept { return m_embedded; }
+    /// Where, in bytes, the area that holds the descriptor begins; always at a sector.
+    int64 getDescriptorAreaPosition() const noexcept { return m_descriptorPosition; }
     /// Bytes of the area that holds the descriptor.
     int64 getDescriptorAreaSize() const noexcept { return m_descriptorSize; }
+
+    P<IIOStream> getStream() const { return m_stream; }
 
     /// Parses the text of a descriptor that is within the bounds on lines.
     /// Throws: CIOError 5 ("uri", "lines") otherwise.

@@ -64,6 +64,15 @@ public:
               const String& password, int compressionLevel, CVMDKGrainTableCache* grainTableCache,
               CVMDKDisk* parentDisk);
     ~CVMDKDisk() override;
+
+    /// Opens a disk like the constructor, and one that was renamed or copied by hand as what it is now: where
+    /// the main file holds the descriptor, and that names one extent, the main file is this extent, whatever
+    /// name stands there, and the file of that name is not touched. So are parents opened. The log is not
+    /// told; isRenamed() is. Throws: as the constructor.
+    static P<CVMDKDisk> openRenamed(IFileSystem* fileSystem, const CURI& mainFileURI,
+                                    IIOStream::Access access, const String& password, int compressionLevel,
+                                    CVMDKGrainTableCache* grainTableCache, CVMDKDisk* parentDisk);
+
     CVMDKDisk(const CVMDKDisk&) = delete;
     CVMDKDisk& operator=(const CVMDKDisk&) = delete;
 
@@ -101,6 +110,8 @@ public:
     CURI getMainFileURI() const { return m_mainFileURI; }
     /// The file of the first extent; the main file where the descriptor is embedded.
     CURI getFirstExtentFileURI() const { return m_firstExtentFileURI; }
+    /// True when the main file was taken for the extent although the descriptor in it names another one.
+    bool isRenamed() const noexcept { return m_isRenamed; }
     /// Empty for a disk without parent.
     CURI getParentDiskMainURI() const { return m_parentDiskMainURI; }
     /// Whether grains are stored compressed.
@@ -181,6 +192,14 @@ public:
     /// Whatever only the parent holds reads as zeros from the next open on.
     void removeParent();
 
+    /// Wraps the key of the disk's data for another password, by a new salt and as many iterations as a new
+    /// disk gets. No grain is touched. The old password opens the disk until the new one does, wherever the
+    /// power goes, and then no more. The passwords of parents stay as they are.
+    /// Throws: CInvalidArgError for an empty password; CError without write access, for a disk that is not
+    /// encrypted ("uri"), or when the descriptor's area has no room, where some is needed (up to 1 KiB);
+    /// what writing throws.
+    void changePassword(const String& newPassword);
+
 protected:
     /// An accessor of the main file, through the open extent's stream where that is the main file.
     P<CVMDKDescriptorAccessor> openDescriptorAccessor();
@@ -191,14 +210,17 @@ protected:
 private:
     friend class CVMDKParentDiskDataProvider;
 
+    /// Whose word tells where the extent of a main file is that is a whole disk.
+    enum class ExtentName { asDescriptor, asMainFile };
+
     /// `children`: the main files of the disks that this one is a parent of, nearest last.
     CVMDKDisk(IFileSystem* fileSystem, const CURI& mainFileURI, IIOStream::Access access,
               const String& password, int compressionLevel, CVMDKGrainTableCache* grainTableCache,
-              CVMDKDisk* parentDisk, const TArray<CURI>& children);
+              CVMDKDisk* parentDisk, const TArray<CURI>& children, ExtentName extentName);
 
     // Steps of opening. `uriProps`: the main file's URI as it was given, for every error.
     void unlock(const String& password, const CProps& uriProps);
-    void buildExtentMap(const CProps& uriProps);
+    void buildExtentMap(const CProps& uriProps, bool embedded);
     void probeFirstExtent();
     void openParent(const String& password, CVMDKDisk* parentDisk, const TArray<CURI>& children,
                     const CProps& uriProps);
@@ -216,6 +238,8 @@ private:
     P<IFileSystem> m_fileSystem;
     CURI m_mainFileURI;
     IIOStream::Access m_access;
+    ExtentName m_extentName = ExtentName::asDescriptor;
+    bool m_isRenamed = false;
     CURI m_firstExtentFileURI;
     int m_compressionLevel;
     P<CVMDKGrainTableCache> m_grainTableCache;

@@ -27,6 +27,10 @@ public:
     CVMDKDiskChecker(IFileSystem* fileSystem, const CURI& mainFileURI);
     ~CVMDKDiskChecker() override;
 
+    /// Whether a main file that was renamed or copied by hand is checked as what it is now, as
+    /// CVMDKDisk::openRenamed() opens it, and no finding made of it. As a rule it is not.
+    void setTakesRenamed(bool takesRenamed) noexcept { m_takesRenamed = takesRenamed; }
+
     /// Checks the disk and tells `report` of each finding. `quick`: only the metadata; otherwise every grain
     /// is read too, and what is compressed inflated. `password` is needed only for looking at compressed
     /// grains of an encrypted disk; one that is given is tried, except when `quick`. Throws: what opening the
@@ -51,6 +55,7 @@ public:
 private:
     P<IFileSystem> m_fileSystem;
     CURI m_mainFileURI;
+    bool m_takesRenamed = false;
     int64 m_damageCount = 0;
     int64 m_informationCount = 0;
     int64 m_uncheckedCount = 0;

@@ -23,6 +23,9 @@ public:
                                 CVMDKGrainTableCache* cache, CVMDKDisk* parentDisk,
                                 const TArray<CURI>& children = TArray<CURI>());
 
+    /// Whether the parent is opened as by CVMDKDisk::openRenamed(); as a rule it is not.
+    void setOpensRenamed(bool opensRenamed) noexcept { m_opensRenamed = opensRenamed; }
+
     /// Throws: CIOError 5 ("parentURI", "childURI", …) when the parent has changed, or the chain of parents
     /// comes back to one of its disks or is deeper than maxChainLength; what opening the parent throws.
     /// Every call tries again.
@@ -55,6 +58,7 @@ private:
     P<CVMDKGrainTableCache> m_grainTableCache;
     CURI m_parentURI;
     P<CVMDKDisk> m_parentDisk;
+    bool m_opensRenamed = false;
     int64 m_parentDiskSize = -1;
     CSecretText m_password;
     TArray<CURI> m_children;

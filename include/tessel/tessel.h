@@ -96,4 +96,5 @@
 #include "tessel/VMDKEmptyMetadata.h"
 #include "tessel/VMDKFileReference.h"
 #include "tessel/VMDKMarker.h"
+#include "tessel/VMDKRenamedFile.h"
 #include "tessel/types.h"

@@ -319,6 +319,28 @@ void CVMDKDescriptor::getExtentEntries(TArray<P<CVMDKExtentInfo>>& extents) cons
             extents.emplace_back(extent);
 }
 
+void CVMDKDescriptor::renameExtents(const std::function<String(const CVMDKExtentInfo&)>& rename) {
+    static const char* const method = "CVMDKDescriptor::renameExtents";
+    TArray<P<CVMDKDescriptorEntry>> entries = m_entries;
+    for (auto& entry : entries) {
+        const auto* const extent = entryAs<CVMDKExtentInfo>(entry);
+        if (!extent)
+            continue;
+        const String filename = rename(*extent);
+        if (filename == extent->getFilename())
+            continue;
+        const P<CVMDKExtentInfo> renamed(new CVMDKExtentInfo(
+            extent->getAccess(), extent->getSizeSectors(), extent->getType(), filename, extent->getOffset()));
+        verifyOneLine(method, renamed->toString());
+        const P<CVMDKExtentInfo> readBack = CVMDKExtentInfo::tryParseDescriptorLine(renamed->toString());
+        if (!readBack || readBack->getFilename() != filename)
+            throw CInvalidArgError(method, "The file reference '" + filename +
+                                               "' would be read as another one in a VMDK descriptor.");
+        entry = renamed;
+    }
+    m_entries = std::move(entries);
+}
+
 void CVMDKDescriptor::getGenericLines(TArray<String>& lines) const {
     for (const auto& entry : m_entries)
         if (entryAs<CGenericEntry>(entry))

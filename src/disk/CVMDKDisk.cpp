@@ -10,6 +10,7 @@
 #include "tessel/CVMDKParentDiskDataProvider.h"
 #include "tessel/CVMDKSparseExtentFile.h"
 #include "tessel/VMDKFileReference.h"
+#include "tessel/VMDKRenamedFile.h"
 
 #include <algorithm>
 
@@ -27,14 +28,22 @@ CVMDKDisk::CVMDKDisk(IFileSystem* fileSystem, const CURI& mainFileURI, IIOStream
                      const String& password, int compressionLevel, CVMDKGrainTableCache* grainTableCache,
                      CVMDKDisk* parentDisk)
     : CVMDKDisk(fileSystem, mainFileURI, access, password, compressionLevel, grainTableCache, parentDisk,
-                TArray<CURI>()) {}
+                TArray<CURI>(), ExtentName::asDescriptor) {}
+
+P<CVMDKDisk> CVMDKDisk::openRenamed(IFileSystem* fileSystem, const CURI& mainFileURI,
+                                    IIOStream::Access access, const String& password, int compressionLevel,
+                                    CVMDKGrainTableCache* grainTableCache, CVMDKDisk* parentDisk) {
+    return new CVMDKDisk(fileSystem, mainFileURI, access, password, compressionLevel, grainTableCache,
+                         parentDisk, TArray<CURI>(), ExtentName::asMainFile);
+}
 
 CVMDKDisk::CVMDKDisk(IFileSystem* fileSystem, const CURI& mainFileURI, IIOStream::Access access,
                      const String& password, int compressionLevel, CVMDKGrainTableCache* grainTableCache,
-                     CVMDKDisk* parentDisk, const TArray<CURI>& children)
+                     CVMDKDisk* parentDisk, const TArray<CURI>& children, ExtentName extentName)
     : m_fileSystem(fileSystem),
       m_mainFileURI(mainFileURI.toNormalized()),
       m_access(access),
+      m_extentName(extentName),
       m_compressionLevel(compressionLevel),
       m_grainTableCache(grainTableCache) {
     const CURI lockURI = mainFileURI.getParent() << (mainFileURI.getName() + ".lock");
@@ -60,7 +69,7 @@ CVMDKDisk::CVMDKDisk(IFileSystem* fileSystem, const CURI& mainFileURI, IIOStream
     unlock(password, uriProps);
     m_createExtentFilesOnDemand = m_descriptor->getLumCreateExtentFilesOnDemand();
     verifyNoUnknownExtentLines(*m_descriptor, uriProps);
-    buildExtentMap(uriProps);
+    buildExtentMap(uriProps, embedded);
     if (embedded && m_firstExtentFileURI != m_mainFileURI)
         logWarning("The descriptor in VMDK file '" + m_mainFileURI.toString(true) +
                    "' names another file as its first extent: '" + m_firstExtentFileURI.toString(true) +
@@ -102,13 +111,17 @@ void CVMDKDisk::unlock(const String& password, const CProps& uriProps) {
     m_encryptionKeyHash = std::move(keys.keyHash);
 }
 
-void CVMDKDisk::buildExtentMap(const CProps& uriProps) {
+void CVMDKDisk::buildExtentMap(const CProps& uriProps, bool embedded) {
     m_descriptor->getExtentEntries(m_extents);
     placeExtents(m_extents, m_mainFileURI.getParent(), uriProps, [this](UExtentLine&& line) {
         m_sizeSectors = line.startSector + line.sizeSectors;
         m_extentMap.emplace_hint(m_extentMap.end(), CExtentKey{line.startSector, line.sizeSectors},
                                  CExtentValue{std::move(line.uri), -1});
     });
+    m_isRenamed =
+        m_extentName == ExtentName::asMainFile && embedded && isRenamedVMDKFile(*m_descriptor, m_mainFileURI);
+    if (m_isRenamed)
+        m_extentMap.begin()->second.uri = m_mainFileURI;
     m_firstExtentFileURI = m_extentMap.begin()->second.uri;
     m_sizeBytes = m_sizeSectors * vmdkSectorSize;
 }
@@ -145,6 +158,7 @@ void CVMDKDisk::openParent(const String& password, CVMDKDisk* parentDisk, const 
     const P<CVMDKParentDiskDataProvider> provider(new CVMDKParentDiskDataProvider(
         m_fileSystem.get(), m_mainFileURI, parentContentID, m_descriptor->getParentFileNameHint(),
         m_grainSizeSectors, password, m_compressionLevel, m_grainTableCache.get(), parentDisk, children));
+    provider->setOpensRenamed(m_extentName == ExtentName::asMainFile);
     m_parentDiskMainURI = provider->getParentDiskMainFileURI();
     m_parentDataProvider = provider;
 }

@@ -8,6 +8,7 @@
 #include "tessel/CVMDKDescriptorAccessor.h"
 #include "tessel/CVMDKParentDiskDataProvider.h"
 #include "tessel/VMDKFileReference.h"
+#include "tessel/VMDKRenamedFile.h"
 
 #include <algorithm>
 #include <optional>
@@ -219,12 +220,14 @@ void CVMDKDiskChecker::check(const String& password, bool quick, IVMDKCheckRepor
             firstURI = std::move(line.uri);
     });
     String parentID;
+    const bool isRenamed =
+        m_takesRenamed && mainFile.isEmbedded && isRenamedVMDKFile(*descriptor, m_mainFileURI);
     disk.isChild = descriptor->tryGetValue("parentCID", parentID) && parentID.Lower() != "ffffffff";
 
     CCheckSink sink(report);
     if (disk.isEncrypted)
         readKeyHash(*descriptor, m_mainFileURI, disk, sink);
-    if (mainFile.isEmbedded && firstURI != m_mainFileURI) {
+    if (mainFile.isEmbedded && !isRenamed && firstURI != m_mainFileURI) {
         Finding finding = makeFinding(
             Finding::Kind_MainFileUnused, m_mainFileURI,
             "the descriptor in this file names another one as the first extent, '" + firstURI.toString(true) +
@@ -238,6 +241,8 @@ void CVMDKDiskChecker::check(const String& password, bool quick, IVMDKCheckRepor
     int64 index = -1;
     placeExtents(extents, m_mainFileURI.getParent(), uriProps, [&](UExtentLine&& line) {
         ++index;
+        if (isRenamed)
+            line.uri = m_mainFileURI;
         if (names.insert(line.uri.toString(false).toUTF8()).second) {
             checker.check(line, index);
             return;

@@ -1,6 +1,8 @@
 // Reading and writing an open disk.
 
+#include "disk/DiskKeys.h"
 #include "lum/CIOError.h"
+#include "lum/CInvalidArgError.h"
 #include "lum/Logging.h"
 #include "lum/Numbers.h"
 #include "tessel/CVMDKDisk.h"
@@ -364,6 +366,27 @@ void CVMDKDisk::removeParent() {
         descriptor.removeValue("parentFileNameHint");
         descriptor.setParentContentID(noContentID);
     });
+}
+
+void CVMDKDisk::changePassword(const String& newPassword) {
+    verifyHaveWriteAccess("changePassword");
+    if (!m_cipher)
+        throw CError("VMDK is not encrypted, so there is no password to be changed.", String(), -1,
+                     CProps().add("uri", m_mainFileURI.toString(true)));
+    if (newPassword.isEmpty())
+        throw CInvalidArgError("CVMDKDisk::changePassword", "The new password is empty.");
+    const UKeySettings settings = wrapDataKey(m_dataKey, m_encryptionIV, newPassword, makeKeySalt());
+    const P<CVMDKDescriptorAccessor> accessor = openDescriptorAccessor();
+    const P<IIOStream> stream = accessor->getStream();
+    const int64 oldPosition = stream->getPosition();
+    TBuffer<unsigned char> area(accessor->getDescriptorAreaSize());
+    stream->seek(accessor->getDescriptorAreaPosition());
+    stream->read(area.getData(), static_cast<int>(area.getUsed()));
+    CKeySettingsEdit(area, settings).write(*stream, accessor->getDescriptorAreaPosition());
+    stream->seek(oldPosition);
+    m_descriptor->setLumEncryptionKeyDerivationAlgorithm(settings.derivation);
+    m_descriptor->setLumEncryptionKeyDerivationSalt(settings.salt);
+    m_descriptor->setLumEncryptedEncryptionKey(settings.wrappedKey);
 }
 
 } // namespace tessel

@@ -44,7 +44,9 @@ P<CVMDKDisk> CVMDKParentDiskDataProvider::openParentDisk() {
                            " disks).",
                        uriProps());
     P<CVMDKDisk> disk(new CVMDKDisk(m_fileSystem.get(), m_parentURI, IIOStream::Access_Read, m_password.get(),
-                                    m_compressionSetting, m_grainTableCache.get(), nullptr, m_children));
+                                    m_compressionSetting, m_grainTableCache.get(), nullptr, m_children,
+                                    m_opensRenamed ? CVMDKDisk::ExtentName::asMainFile
+                                                   : CVMDKDisk::ExtentName::asDescriptor));
     const unsigned int actualID = disk->getDescriptor()->getContentID();
     if (actualID != m_expectedParentContentID)
         throw CIOError(CIOError::Code_BadFormat,

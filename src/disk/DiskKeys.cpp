@@ -98,26 +98,37 @@ UDiskKeys unlockDiskKeys(const CVMDKDescriptor& descriptor, const String& passwo
     return keys;
 }
 
+UKeySettings wrapDataKey(const TCryptBuffer<unsigned char>& dataKey, const TBuffer<unsigned char>& iv,
+                         const String& password, const TBuffer<unsigned char>& salt) {
+    const P<sigil::ICipher> cipher(new sigil::CCipher_AES256CBC);
+    UKeySettings settings{String(derivationPrefix) + toDecimal(createdIterations), salt, {}};
+    TCryptBuffer<unsigned char> keyEncryptionKey;
+    CVMDKDisk::deriveEncryptKey(keyEncryptionKey, cipher->getKeySizeBytes(), password, settings.derivation,
+                                salt);
+    cipher->encrypt(dataKey.getData(), static_cast<int>(dataKey.getUsed()), keyEncryptionKey, iv,
+                    settings.wrappedKey, false);
+    return settings;
+}
+
+TBuffer<unsigned char> makeKeySalt() {
+    TBuffer<unsigned char> salt;
+    fillRandomly(salt, sigil::CCipher_AES256CBC().getKeySizeBytes());
+    return salt;
+}
+
 TBuffer<unsigned char> addDiskKeys(CVMDKDescriptor& descriptor, const String& password) {
     const P<sigil::ICipher> cipher(new sigil::CCipher_AES256CBC);
-    const int keySize = cipher->getKeySizeBytes();
     descriptor.setLumEncryptionAlgorithm(cipherName);
     TBuffer<unsigned char> iv;
     fillRandomly(iv, cipher->getIVSizeBytes());
     descriptor.setLumEncryptionIV(iv);
-    const String derivation = String(derivationPrefix) + toDecimal(createdIterations);
-    descriptor.setLumEncryptionKeyDerivationAlgorithm(derivation);
-    TBuffer<unsigned char> salt;
-    fillRandomly(salt, keySize);
-    descriptor.setLumEncryptionKeyDerivationSalt(salt);
-
-    TCryptBuffer<unsigned char> keyEncryptionKey;
-    CVMDKDisk::deriveEncryptKey(keyEncryptionKey, keySize, password, derivation, salt);
+    const TBuffer<unsigned char> salt = makeKeySalt();
     TCryptBuffer<unsigned char> dataKey;
-    fillRandomly(dataKey, keySize);
-    TBuffer<unsigned char> wrappedKey;
-    cipher->encrypt(dataKey.getData(), keySize, keyEncryptionKey, iv, wrappedKey, false);
-    descriptor.setLumEncryptedEncryptionKey(wrappedKey);
+    fillRandomly(dataKey, cipher->getKeySizeBytes());
+    const UKeySettings settings = wrapDataKey(dataKey, iv, password, salt);
+    descriptor.setLumEncryptionKeyDerivationAlgorithm(settings.derivation);
+    descriptor.setLumEncryptionKeyDerivationSalt(settings.salt);
+    descriptor.setLumEncryptedEncryptionKey(settings.wrappedKey);
     descriptor.setLumEncryptionKeyHashAlgorithm(keyHashName);
     TBuffer<unsigned char> keyHash = calcKeyHash(dataKey);
     descriptor.setLumEncryptionKeyHash(keyHash);

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "disk/CKeySettingsEdit.h"
 #include "lum/CProps.h"
 #include "sigil/ICipher.h"
 #include "tessel/CVMDKDescriptor.h"
@@ -18,6 +19,13 @@ struct UDiskKeys {
 /// Throws: CError for an algorithm that is not known, a missing or wrong password, or values of a wrong
 /// length; what the descriptor and the key derivation throw.
 UDiskKeys unlockDiskKeys(const CVMDKDescriptor& descriptor, const String& password, const CProps& props);
+
+/// Wraps a data key for `password`, by a key derived with this salt. `iv` is the disk's.
+UKeySettings wrapDataKey(const TCryptBuffer<unsigned char>& dataKey, const TBuffer<unsigned char>& iv,
+                         const String& password, const TBuffer<unsigned char>& salt);
+
+/// A new salt for the key that is derived from a password.
+TBuffer<unsigned char> makeKeySalt();
 
 /// Makes a new data key and wraps it for `password`: adds the settings to the descriptor and returns the
 /// key hash.

@@ -113,11 +113,14 @@ cp whole/packed.vmdk .
 spoil packed.vmdk 'd[0:4] = bytes(4)'
 damaged headerInvalid None None False packed.vmdk
 
-# A copy by another name is not what is checked.
+# A copy by another name is what is checked, not the file that its descriptor names.
 cp whole/packed.vmdk .
 cp whole/packed.vmdk copy.vmdk
-ok check copy.vmdk
-output_holds "note: $PWD/copy.vmdk: "
+run 0 check copy.vmdk
+error_holds 'tessel: note: copy.vmdk: The disk was renamed or copied by hand: its descriptor still names "packed.vmdk"'
+output_holds 'copy.vmdk: no damage found; '
+spoil packed.vmdk 'd[0:4] = bytes(4)'
+run 0 check copy.vmdk
 
 # Files and parents.
 cp whole/plain.vmdk whole/packed.vmdk whole/sealed.vmdk .

@@ -2,7 +2,7 @@
 # --help shows examples first, and all that it names exists; --version tells the version.
 . "$(dirname -- "$0")/lib.sh"
 
-verbs="info convert create read write space map compare measure check rebase flatten"
+verbs="info convert create read write space map compare measure check rebase flatten compact rename passwd"
 ok --version
 version=$(sed -n 's/^ *VERSION \([0-9.]*\)$/\1/p' "$TESSEL_SOURCE_DIR/CMakeLists.txt" | head -n 1)
 output_is "tessel $version"

@@ -9,7 +9,7 @@ see() {
 refused 2 "A verb is missing $(see "")"
 refused 2 "\"frobnicate\" is no verb $(see "")" frobnicate
 refused 2 "The following argument was not expected: --frobnicate $(see "")" --frobnicate
-for verb in info convert create read write space rebase flatten; do
+for verb in info convert create read write space rebase flatten compact rename passwd; do
     run 2 "$verb"
     error_is_one_line
     error_holds " is required $(see "$verb")"

@@ -1,0 +1,112 @@
+#include "DiskFiles.h"
+
+#include "Confinement.h"
+#include "Errors.h"
+#include "Names.h"
+#include "tessel/CVMDKDescriptorAccessor.h"
+#include "tessel/VMDKFileReference.h"
+#include "tessel/VMDKRenamedFile.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <set>
+
+namespace tessel::cli {
+
+namespace fs = std::filesystem;
+
+namespace {
+
+/// The number that the name of an extent ends with, as in "disk-s00001.vmdk"; empty without one.
+std::string findNumber(const std::string& name) {
+    const std::string stem = nameFromPath(pathFromName(name).stem());
+    const std::size_t start = stem.find_last_not_of("0123456789");
+    const bool isNumbered = start != std::string::npos && start + 1 < stem.size() && start >= 1 &&
+                            stem[start] == 's' && stem[start - 1] == '-';
+    return isNumbered ? stem.substr(start + 1) : std::string();
+}
+
+std::string nameOf(const CURI& uri) {
+    return uri.getName().toUTF8Lossy();
+}
+
+/// At most so many names, in one line.
+std::string list(const std::vector<std::string>& names) {
+    constexpr std::size_t most = 5;
+    std::string text;
+    for (std::size_t i = 0; i < std::min(most, names.size()); ++i)
+        text += (i > 0 ? ", " : "") + names[i];
+    return names.size() > most ? text + " and " + std::to_string(names.size() - most) + " more" : text;
+}
+
+} // namespace
+
+CURI UMainFile::findExtent(const CVMDKExtentInfo& extent) const {
+    return isRenamed ? uri : vmdkFileReferenceToURI(uri.getParent(), extent.getFilename());
+}
+
+TArray<P<CVMDKExtentInfo>> UMainFile::getExtents() const {
+    TArray<P<CVMDKExtentInfo>> extents;
+    descriptor->getExtentEntries(extents);
+    std::erase_if(extents, [](const auto& extent) { return extent->getSizeSectors() == 0; });
+    return extents;
+}
+
+UMainFile readMainFile(IFileSystem* files, const CURI& uri) {
+    const P<IIOStream> stream = openVMDKFileStream(files, uri, IIOStream::Access_Read);
+    const P<CVMDKDescriptorAccessor> accessor(
+        new CVMDKDescriptorAccessor(stream.get(), IIOStream::Access_Read));
+    UMainFile file{uri.toNormalized(), accessor->getDescriptor(), accessor->getEmbeddedInSparseExtentFile()};
+    file.isRenamed = file.isEmbedded && isRenamedVMDKFile(*file.descriptor, file.uri);
+    return file;
+}
+
+std::string makeExtentName(const std::string& mainFile, const std::string& oldName, std::size_t index) {
+    std::string number = findNumber(oldName);
+    if (number.empty()) {
+        number = std::to_string(index);
+        number.insert(0, number.size() < 5 ? 5 - number.size() : 0, '0');
+    }
+    const fs::path path = pathFromName(mainFile);
+    return nameFromPath(path.stem()) + "-s" + number + nameFromPath(path.extension());
+}
+
+void tellIfRenamed(IFileSystem* files, const UMainFile& file, const std::string& name) {
+    static std::set<std::string> told;
+    if (!file.isRenamed)
+        return;
+    const String reference = file.getExtents().front()->getFilename();
+    const CURI real = files->followLinks(file.uri);
+    if (vmdkFileReferenceToURI(real.getParent(), reference) == real ||
+        !told.insert(showPaths(file.uri.toString(true))).second)
+        return;
+    tellNote(name + ": The disk was renamed or copied by hand: its descriptor still names \"" +
+             reference.toUTF8Lossy() + "\", which is not looked at (tessel rename " + name + " " + name +
+             " puts it right)");
+}
+
+void verifyFilesAreNotRenamed(const std::string& name, const UMainFile& file) {
+    if (file.isRenamed)
+        return;
+    const TArray<P<CVMDKExtentInfo>> extents = file.getExtents();
+    const std::string mainName = nameOf(file.uri);
+    std::vector<std::string> missing;
+    for (std::size_t i = 0; i < extents.size(); ++i) {
+        // Files that are made on demand need not be there, but for the first.
+        if (i > 0 && file.descriptor->getLumCreateExtentFilesOnDemand())
+            break;
+        const CURI uri = file.findExtent(*extents[i]);
+        const std::string extentName = nameOf(uri);
+        const bool isMain = i == 0 && file.isEmbedded;
+        // A file that is named after the main file is missing for another reason.
+        if (extentName != (isMain ? mainName : makeExtentName(mainName, extentName, i)) &&
+            isAllowedFor(name, uri) && !somethingExists(pathFromURI(uri)))
+            missing.push_back(extentName);
+    }
+    if (!missing.empty())
+        throw CFailure(name, "Files of the disk are missing: " + list(missing) +
+                                 "; if it was renamed by hand, its files too, tessel rename " + name + " " +
+                                 name + " puts it right");
+}
+
+} // namespace tessel::cli
