@@ -117,7 +117,10 @@ has_core_limit() {
     local wanted=$1 disk=$2 limit='' pid
     shift 2
     mkfifo data
-    (ulimit -S -c "$(ulimit -H -c)" && exec "$TESSEL_PROGRAM" write "$disk" 0 "$@" <data) >"$out" 2>"$err" &
+    # (The address sanitizer would set the limit to 0 by itself.)
+    (ulimit -S -c "$(ulimit -H -c)"
+        export ASAN_OPTIONS=${ASAN_OPTIONS-}:disable_coredump=0
+        exec "$TESSEL_PROGRAM" write "$disk" 0 "$@" <data) >"$out" 2>"$err" &
     pid=$!
     exec 9>data
     for _ in $(seq 200); do

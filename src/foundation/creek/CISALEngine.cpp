@@ -9,9 +9,19 @@
 
 namespace creek {
 
+namespace {
+
+/// ISA-L numbers its levels on its own. Its 1 and 2 give, now and then, another stream of the same bytes when
+/// the stream object lies at another address; its 3 does not, compresses better, and is still faster than any
+/// other engine's first level.
+constexpr int isalLevel = 3;
+constexpr int levelBufferSize = ISAL_DEF_LVL3_DEFAULT;
+
+} // namespace
+
 CISALEngine::CISALEngine()
     : m_stream(std::make_unique<isal_zstream>()),
-      m_levelBuffer(std::make_unique<unsigned char[]>(ISAL_DEF_LVL1_DEFAULT)) {}
+      m_levelBuffer(std::make_unique<unsigned char[]>(levelBufferSize)) {}
 
 CISALEngine::~CISALEngine() = default;
 
@@ -31,9 +41,9 @@ lum::uint64 CISALEngine::getBound(int sourceSize) const {
 int CISALEngine::compress(const unsigned char* source, int sourceSize, unsigned char* dest,
                           int destCapacity) {
     isal_deflate_stateless_init(m_stream.get());
-    m_stream->level = 1;
+    m_stream->level = isalLevel;
     m_stream->level_buf = m_levelBuffer.get();
-    m_stream->level_buf_size = ISAL_DEF_LVL1_DEFAULT;
+    m_stream->level_buf_size = levelBufferSize;
     m_stream->gzip_flag = IGZIP_ZLIB;
     m_stream->end_of_stream = 1;
     m_stream->next_in = const_cast<unsigned char*>(source); // only read

@@ -5,6 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <memory>
+#include <vector>
+
 using namespace lum;
 using namespace tessel::test;
 using creek::CMiniZCompressor;
@@ -40,6 +43,21 @@ TEST(CMiniZCompressor, ZerosBecomeNextToNothing) {
     for (int level = 1; level <= 9; ++level) {
         CMiniZCompressor compressor(level);
         EXPECT_LT(compress(compressor, makeZeros(65536)).size(), 500u) << level;
+    }
+}
+
+// The same bytes must become the same file, whichever thread's compressor they meet and wherever that lies.
+TEST(CMiniZCompressor, StreamsDoNotDependOnWhereTheObjectLies) {
+    for (const int level : {1, 6}) {
+        std::vector<std::unique_ptr<CMiniZCompressor>> compressors;
+        for (int i = 0; i < 16; ++i)
+            compressors.push_back(std::make_unique<CMiniZCompressor>(level));
+        for (unsigned int seed = 1; seed <= 200; ++seed) {
+            const Bytes source = makeText(65536, seed);
+            const Bytes stream = compress(*compressors.front(), source);
+            for (const auto& compressor : compressors)
+                ASSERT_TRUE(compress(*compressor, source) == stream) << level << ' ' << seed;
+        }
     }
 }
 
