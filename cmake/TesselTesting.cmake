@@ -1,9 +1,9 @@
-# tessel_add_test(<name> [SOURCES] <source>... [LIBRARIES <target>...] [TIMEOUT <seconds>])
+# tessel_add_test(<name> [SOURCES] <source>... [LIBRARIES <target>...] [TIMEOUT <seconds>] [FILTER <GoogleTest filter>])
 #
 # Makes one GoogleTest executable of a folder. Each of its cases becomes a test "<name>.<suite>.<case>" with a time
 # limit of its own.
 function(tessel_add_test name)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT" "SOURCES;LIBRARIES")
+    cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT;FILTER" "SOURCES;LIBRARIES")
     list(APPEND arg_SOURCES ${arg_UNPARSED_ARGUMENTS})
     if(NOT arg_SOURCES)
         message(FATAL_ERROR "No sources are listed for the tests of ${name}")
@@ -17,8 +17,13 @@ function(tessel_add_test name)
     target_link_libraries(${target} PRIVATE tessel_test_support GTest::gmock_main ${arg_LIBRARIES})
     tessel_configure_target(${target})
     tessel_configure_tests(${target})
+    if(NOT CMAKE_CXX_COMPILER_LAUNCHER) # which is a compiler cache as a rule, and those miss behind such headers
+        target_precompile_headers(${target} PRIVATE
+            <gmock/gmock.h> <gtest/gtest.h> <algorithm> <functional> <map> <memory> <string> <vector>)
+    endif()
     gtest_discover_tests(${target}
         TEST_PREFIX "${name}."
+        TEST_FILTER "${arg_FILTER}"
         DISCOVERY_TIMEOUT 60
         PROPERTIES TIMEOUT ${arg_TIMEOUT})
 endfunction()
