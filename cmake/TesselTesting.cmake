@@ -17,10 +17,8 @@ function(tessel_add_test name)
     target_link_libraries(${target} PRIVATE tessel_test_support GTest::gmock_main ${arg_LIBRARIES})
     tessel_configure_target(${target})
     tessel_configure_tests(${target})
-    if(NOT CMAKE_CXX_COMPILER_LAUNCHER) # which is a compiler cache as a rule, and those miss behind such headers
-        target_precompile_headers(${target} PRIVATE
-            <gmock/gmock.h> <gtest/gtest.h> <algorithm> <functional> <map> <memory> <string> <vector>)
-    endif()
+    tessel_precompile(${target}
+        <gmock/gmock.h> <gtest/gtest.h> <algorithm> <functional> <map> <memory> <string> <vector>)
     gtest_discover_tests(${target}
         TEST_PREFIX "${name}."
         TEST_FILTER "${arg_FILTER}"
