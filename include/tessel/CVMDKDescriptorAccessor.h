@@ -31,6 +31,7 @@ public:
     /// Bytes of the area that holds the descriptor.
     int64 getDescriptorAreaSize() const noexcept { return m_descriptorSize; }
 
+    /// The main file, as it was given to the constructor.
     P<IIOStream> getStream() const { return m_stream; }
 
     /// Parses the text of a descriptor that is within the bounds on lines.

@@ -34,6 +34,9 @@ verify_all_refuse() {
                 verify_not_compared "$message" data.raw "$disk" ;;
             measure) verify_refused "$message" measure "$disk"
                 verify_refused "$message" measure data.raw --parent "$disk" ;;
+            compact) verify_refused "$message" compact "$disk" ;;
+            passwd) verify_refused "This disk is not encrypted" passwd "$disk" ;;
+            rename) ;; # it needs no more than the descriptor
             space | map | flatten) verify_refused "$message" "$verb" "$disk" ;;
             *) fail "say here how $verb refuses a disk" ;;
         esac
