@@ -66,6 +66,7 @@ public:
                 compare(position, count, a.isData, b.isData);
             }
             position += count;
+            tellRangeThatEnded(position);
         }
         tellRange();
         return m_result;
@@ -99,6 +100,7 @@ private:
                 add(position + at, position + end);
             }
             at = end;
+            tellRangeThatEnded(position + at);
         }
     }
 
@@ -113,6 +115,12 @@ private:
         }
         tellRange();
         m_range = {unitStart, unitEnd - unitStart};
+    }
+
+    /// A whole unit without a difference ends a range; of a part of one the rest may still belong to it.
+    void tellRangeThatEnded(int64 comparedEnd) {
+        if (comparedEnd - (m_range.position + m_range.sizeBytes) >= comparedUnit)
+            tellRange();
     }
 
     void tellRange() {

@@ -80,7 +80,8 @@ public:
     void read(int64 position, void* buffer, int count) const;
     void write(int64 position, const void* data, int size);
     void setLength(int64 length);
-    /// Gives the file the owner, as far as this user may, and the permissions of another.
+    /// Gives the file the owner, as far as this user may, and the permissions of another, with its POSIX
+    /// access control list on Linux. The group gets nothing where its rights cannot be given as they were.
     void copyAccessFrom(const std::filesystem::path& path);
     /// Waits until the medium has everything.
     void sync();

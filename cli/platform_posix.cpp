@@ -18,6 +18,7 @@
 #if defined(__linux__)
 #include <linux/fs.h>
 #include <sys/syscall.h>
+#include <sys/xattr.h>
 #endif
 
 #ifdef __linux__
@@ -73,17 +74,39 @@ void waitFor(int descriptor, short events) {
     throwIfInterrupted();
 }
 
-/// Whoever may not give the file away keeps it; a group that it cannot have gets nothing.
-bool tryGiveAccess(int handle, const struct stat& wanted) {
+/// Gives a file the access control list of another; where that has none it loses one that its folder gave it.
+bool tryGiveAccessList([[maybe_unused]] int handle, [[maybe_unused]] const fs::path& from) {
+#if defined(__linux__)
+    constexpr auto name = "system.posix_acl_access";
+    const ssize_t size = ::getxattr(from.c_str(), name, nullptr, 0);
+    if (size >= 0) {
+        std::vector<char> list(static_cast<std::size_t>(size));
+        const ssize_t held = ::getxattr(from.c_str(), name, list.data(), list.size());
+        return held >= 0 && ::fsetxattr(handle, name, list.data(), static_cast<std::size_t>(held), 0) == 0;
+    }
+    const auto hasNone = [] { return errno == ENODATA || errno == ENOTSUP; };
+    return hasNone() && (::fremovexattr(handle, name) == 0 || hasNone());
+#else
+    return true;
+#endif
+}
+
+/// Whoever may not give the file away keeps it; a group that it cannot have gets nothing. Under a list the
+/// group's bits are the most that it gives to anybody, and would let a group in that the list keeps out.
+bool tryGiveAccess(int handle, const fs::path& from) {
+    struct stat wanted = {};
     struct stat actual = {};
-    if (::fstat(handle, &actual) != 0)
+    if (::stat(from.c_str(), &wanted) != 0 || ::fstat(handle, &actual) != 0)
         return false;
     mode_t mode = wanted.st_mode & 0777;
+    bool isGroupGiven = true;
     if ((actual.st_uid != wanted.st_uid || actual.st_gid != wanted.st_gid) &&
         ::fchown(handle, wanted.st_uid, wanted.st_gid) != 0 && actual.st_gid != wanted.st_gid &&
         ::fchown(handle, static_cast<uid_t>(-1), wanted.st_gid) != 0)
+        isGroupGiven = false;
+    if (!isGroupGiven || !tryGiveAccessList(handle, from))
         mode &= ~static_cast<mode_t>(070);
-    return (actual.st_mode & 0777) == mode || ::fchmod(handle, mode) == 0;
+    return ::fstat(handle, &actual) == 0 && ((actual.st_mode & 0777) == mode || ::fchmod(handle, mode) == 0);
 }
 
 /// The terminal does not show what is typed as long as this lives.
@@ -346,8 +369,7 @@ void CRawFile::setLength(int64 length) {
 }
 
 void CRawFile::copyAccessFrom(const fs::path& path) {
-    struct stat wanted = {};
-    if (::stat(path.c_str(), &wanted) != 0 || !tryGiveAccess(m_handle, wanted))
+    if (!tryGiveAccess(m_handle, path))
         fail("Cannot set the permissions of the file");
 }
 
@@ -366,8 +388,7 @@ void CRawFile::close() {
 
 void copyAccess(const fs::path& from, const fs::path& to) {
     const int handle = ::open(to.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
-    struct stat wanted = {};
-    const bool isGiven = handle >= 0 && ::stat(from.c_str(), &wanted) == 0 && tryGiveAccess(handle, wanted);
+    const bool isGiven = handle >= 0 && tryGiveAccess(handle, from);
     const int error = errno;
     if (handle >= 0)
         ::close(handle);

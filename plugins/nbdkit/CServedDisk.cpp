@@ -3,7 +3,9 @@
 #include "DiskConfinement.h"
 #include "DiskSignature.h"
 #include "lum/CIOError.h"
+#include "lum/Logging.h"
 #include "tessel/CVMDKParentDiskDataProvider.h"
+#include "tessel/VMDKFileReference.h"
 
 #include <algorithm>
 #include <array>
@@ -23,11 +25,30 @@ void verifyMayBeDisk(IFileSystem* files, const CURI& uri) {
                        CProps().add("uri", uri.toString(true)));
 }
 
+/// Whoever renamed or copied a disk by hand must not find the other file served, nor written to.
+P<CVMDKDisk> openAsWhatItIs(IFileSystem* files, const CURI& uri, IIOStream::Access access,
+                            const String& password, int level) {
+    P<CVMDKDisk> disk = CVMDKDisk::openRenamed(files, uri, access, password, level, nullptr, nullptr);
+    if (!disk->isRenamed())
+        return disk;
+    TArray<P<CVMDKExtentInfo>> extents;
+    disk->getDescriptor()->getExtentEntries(extents);
+    std::erase_if(extents, [](const auto& extent) { return extent->getSizeSectors() == 0; });
+    const String reference = extents.front()->getFilename();
+    const CURI real = files->followLinks(disk->getMainFileURI());
+    // Through a link it is the file that has the name.
+    if (vmdkFileReferenceToURI(real.getParent(), reference) != real)
+        logWarning(uriToNativePath(disk->getMainFileURI()) +
+                   ": The disk was renamed or copied by hand: its descriptor still names \"" + reference +
+                   "\", which is not looked at (tessel rename puts it right)");
+    return disk;
+}
+
 P<CVMDKDisk> openDisk(IFileSystem* files, const CParameters& parameters) {
     verifyMayBeDisk(files, parameters.getFile());
     const auto access = parameters.isReadOnly() ? IIOStream::Access_Read : IIOStream::Access_ReadWrite;
-    return new CVMDKDisk(files, parameters.getFile(), access, parameters.getPassword(), parameters.getLevel(),
-                         nullptr, nullptr);
+    return openAsWhatItIs(files, parameters.getFile(), access, parameters.getPassword(),
+                          parameters.getLevel());
 }
 
 } // namespace
@@ -52,8 +73,7 @@ void CServedDisk::openParents(IFileSystem* files, const String& password) {
         if (m_parents.size() >= static_cast<std::size_t>(CVMDKParentDiskDataProvider::maxChainLength))
             throw CIOError(CIOError::Code_BadFormat,
                            "The chain of parents is too deep, or comes back to itself.", props);
-        const P<CVMDKDisk> parent(
-            new CVMDKDisk(files, uri, IIOStream::Access_Read, password, -1, nullptr, nullptr));
+        const P<CVMDKDisk> parent = openAsWhatItIs(files, uri, IIOStream::Access_Read, password, -1);
         if (parent->getDescriptor()->getContentID() != child->getDescriptor()->getParentContentID())
             throw CIOError(CIOError::Code_BadFormat,
                            "The parent disk has changed since a child was made from it.", props);

@@ -96,8 +96,10 @@ int getReady() {
     });
 }
 
-/// All clients are gone.
+/// All clients are gone, or the server never got as far as opening the disk.
 void cleanUp() {
+    if (!g_disk)
+        return;
     guarded([] { g_disk->flush(); });
     delete g_disk;
     g_disk = nullptr;

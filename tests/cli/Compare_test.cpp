@@ -188,6 +188,45 @@ TEST_F(CompareTest, EndsBehindTheRangeThatIsEnough) {
     EXPECT_EQ(m_a.getReadBytes(), MiB);
 }
 
+TEST_F(CompareTest, EndsAtTheFirstEqualUnitBehindTheOnlyRange) {
+    m_a.hold(0, 8 * MiB, 1);
+    m_b.hold(0, 8 * MiB, 1);
+    m_b.set(5000, 2);
+    const UComparison found = compare(false);
+    EXPECT_EQ(found.rangeCount, 1);
+    EXPECT_EQ(found.differingBytes, 512);
+    EXPECT_THAT(m_told, ElementsAre(UDifference{4608, 512}));
+    EXPECT_EQ(m_a.getReadBytes(), MiB);
+    EXPECT_EQ(m_b.getReadBytes(), MiB);
+}
+
+TEST_F(CompareTest, ARangeUpToTheEndOfAPieceNeedsOneMorePiece) {
+    m_a.hold(0, 8 * MiB, 1);
+    m_b.hold(0, 8 * MiB, 1);
+    m_b.set(MiB - 1, 2);
+    EXPECT_EQ(compare(false).differingBytes, 512);
+    EXPECT_EQ(m_a.getReadBytes(), 2 * MiB);
+    m_b.set(MiB, 2);
+    EXPECT_EQ(compare(false).differingBytes, 1024);
+    EXPECT_THAT(m_told, ElementsAre(UDifference{MiB - 512, 1024}));
+}
+
+TEST_F(CompareTest, WhatNeitherHoldsEndsARange) {
+    m_a.hold(0, 512, 1);
+    m_a.hold(4 * MiB, 4 * MiB, 1);
+    EXPECT_EQ(compare(false).differingBytes, 512);
+    EXPECT_EQ(m_a.getReadBytes(), 512);
+}
+
+TEST_F(CompareTest, PartsOfAUnitThatAreEqualEndNoRange) {
+    // The second unit comes in three parts, of which the last one alone differs.
+    m_a.hold(0, 600, 1);
+    m_b.hold(512, 88, 1);
+    m_a.hold(900, 100, 1);
+    EXPECT_EQ(compare(false).rangeCount, 1);
+    EXPECT_THAT(m_told, ElementsAre(UDifference{0, 1024}));
+}
+
 TEST_F(CompareTest, FailuresReachTheCaller) {
     m_b.hold(MiB, 1000, 1);
     m_b.failToRead();

@@ -1,6 +1,7 @@
 // Loaded before a program's libraries: kills the program at one of its changes to files, counted from 1, as
 // TESSEL_KILL_AT says. With TESSEL_NO_LINKS no file gets a second name, as on a file system that has no such
-// thing. Changes are what gives or takes names and, without TESSEL_ONLY_NAMES, what writes at a position.
+// thing, and with TESSEL_NO_LISTS no access control list. Changes are what gives or takes names and, without
+// TESSEL_ONLY_NAMES, what writes at a position.
 
 #include <dlfcn.h>
 #include <sys/syscall.h>
@@ -63,6 +64,26 @@ int unlink(const char* path) noexcept {
     countChange();
     return next(path);
 }
+
+#if defined(__linux__)
+int fsetxattr(int file, const char* name, const void* value, size_t size, int flags) noexcept {
+    static auto* const next = findNext<int(int, const char*, const void*, size_t, int)>("fsetxattr");
+    if (std::getenv("TESSEL_NO_LISTS")) {
+        errno = EPERM;
+        return -1;
+    }
+    return next(file, name, value, size, flags);
+}
+
+int fremovexattr(int file, const char* name) noexcept {
+    static auto* const next = findNext<int(int, const char*)>("fremovexattr");
+    if (std::getenv("TESSEL_NO_LISTS")) {
+        errno = EPERM;
+        return -1;
+    }
+    return next(file, name);
+}
+#endif
 
 ssize_t pwrite(int file, const void* data, size_t size, off_t position) {
     static auto* const next = findNext<ssize_t(int, const void*, size_t, off_t)>("pwrite");
