@@ -25,6 +25,9 @@ if(TARGET tessel-cli)
         "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
     set_target_properties(tessel-cli PROPERTIES INSTALL_RPATH "$ORIGIN/${libdir_from_bindir}")
     install(TARGETS tessel-cli RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tools)
+    install(FILES "${PROJECT_BINARY_DIR}/cli/tessel.1"
+        DESTINATION "${CMAKE_INSTALL_MANDIR}/man1"
+        COMPONENT tools)
 endif()
 
 if(TARGET tessel-nbdkit-plugin)
