@@ -202,7 +202,7 @@ void CCompactCopy::makeFiles() {
         // Only so that the copy can be opened: the main file has no grains, and stays.
         descriptor->setEncodingUTF8();
         const std::string text = descriptor->toString().toUTF8();
-        CRawFile::createNew(m_folder.getPath() / m_mainPath.filename())
+        CRawFile::createNew(m_folder.getPath() / m_mainPath.filename(), m_mainPath)
             .write(0, text.data(), static_cast<int>(text.size()));
     }
     const bool isOnDemand = descriptor->getLumCreateExtentFilesOnDemand();

@@ -10,7 +10,7 @@ namespace fs = std::filesystem;
 
 CStagedFile::CStagedFile(fs::path target, bool force)
     : m_target(std::move(target)), m_force(force), m_path(makeTemporaryName(folderOf(m_target))) {
-    m_file.emplace(CRawFile::createNew(m_path));
+    m_file.emplace(CRawFile::createNew(m_path, m_target));
 }
 
 CStagedFile::~CStagedFile() {

@@ -3,6 +3,7 @@
 #include "Confinement.h"
 #include "Errors.h"
 #include "Names.h"
+#include "lum/CNativeFileSystem.h"
 #include "tessel/CVMDKDescriptorAccessor.h"
 #include "tessel/VMDKFileReference.h"
 #include "tessel/VMDKRenamedFile.h"
@@ -83,6 +84,26 @@ void tellIfRenamed(IFileSystem* files, const UMainFile& file, const std::string&
     tellNote(name + ": The disk was renamed or copied by hand: its descriptor still names \"" +
              reference.toUTF8Lossy() + "\", which is not looked at (tessel rename " + name + " " + name +
              " puts it right)");
+}
+
+std::string explainMissingFile(const std::string& name, const CURI& missing) {
+    try {
+        const P<IFileSystem> files(new CNativeFileSystem(false));
+        const UMainFile main = readMainFile(files.get(), uriFromName(name));
+        const std::string path = showPaths(missing.toString(true));
+        String reference;
+        if (main.descriptor->getParentContentID() != noContentID &&
+            main.descriptor->tryGetParentFileNameHint(reference) &&
+            vmdkFileReferenceToURI(main.uri.getParent(), reference) == missing)
+            return "Its parent is missing: " + path + " (tessel rebase " + name +
+                   " NEW_PARENT tells it where the parent is now)";
+        for (const auto& extent : main.getExtents())
+            if (main.findExtent(*extent) == missing)
+                return "A file of the disk is missing: " + path;
+    } catch (const CError&) {   // NOLINT(bugprone-empty-catch): what is wrong with it, others tell
+    } catch (const CFailure&) { // NOLINT(bugprone-empty-catch): the same
+    }
+    return std::string();
 }
 
 void verifyFilesAreNotRenamed(const std::string& name, const UMainFile& file) {

@@ -5,6 +5,7 @@
 #include "DiskSignature.h"
 #include "Errors.h"
 #include "Names.h"
+#include "lum/CFileSystemError.h"
 #include "lum/CNativeFileSystem.h"
 #include "tessel/CVMDKParentDiskDataProvider.h"
 #include "tessel/VMDKFileReference.h"
@@ -82,7 +83,10 @@ String chooseReference(const std::string& childName, const std::string& parentNa
 
 void verifyMayBeDisk(const std::string& name) {
     verifyIsFile(name);
-    if (fs::is_regular_file(pathFromName(name)) && isSurelyNoDisk(name))
+    std::error_code ignored;
+    if (fs::is_regular_file(pathFromName(name), ignored) && fs::file_size(pathFromName(name), ignored) == 0)
+        throw CFailure(name, "This is no VMDK disk: the file is empty");
+    if (fs::is_regular_file(pathFromName(name), ignored) && isSurelyNoDisk(name))
         throw CFailure(name, "This is no VMDK disk: it begins with neither a sparse extent nor a descriptor");
 }
 
@@ -138,8 +142,15 @@ TArray<P<CVMDKDisk>> openParents(CVMDKDisk& disk, const String& password, IFileS
         if (parents.size() >= static_cast<std::size_t>(CVMDKParentDiskDataProvider::maxChainLength))
             throw CFailure(name, "The chain of parents is too deep, or comes back to itself");
         const P<CVMDKDisk> parent = about(name, [&] {
-            return CVMDKDisk::openRenamed(confined.get(), child->getParentDiskMainURI(),
-                                          IIOStream::Access_Read, password, -1, nullptr, nullptr);
+            try {
+                return CVMDKDisk::openRenamed(confined.get(), child->getParentDiskMainURI(),
+                                              IIOStream::Access_Read, password, -1, nullptr, nullptr);
+            } catch (const CFileSystemError& error) {
+                if (error.getProblem() != CFileSystemError::Problem_NotFound)
+                    throw;
+                const std::string childName = nameFromPath(pathFromURI(child->getMainFileURI()));
+                throw CFailure(childName, explainError(error, childName));
+            }
         });
         if (parent->getDescriptor()->getContentID() != child->getDescriptor()->getParentContentID())
             throw CFailure(name, "This disk has changed since a child was made from it");

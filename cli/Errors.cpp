@@ -1,6 +1,8 @@
 #include "Errors.h"
 
+#include "DiskFiles.h"
 #include "Names.h"
+#include "lum/CFileSystemError.h"
 #include "lum/CInvalidArgError.h"
 #include "platform.h"
 
@@ -27,6 +29,27 @@ std::string nameOfParameter(const String& name) {
     if (name == "mainFileURI" || name == "mainURI")
         return "disk";
     return name.toUTF8Lossy();
+}
+
+constexpr const char* outsideMessage = "The file is outside the folders that may be used.";
+
+/// A disk is locked before it is opened, but the lock file is nothing that the user knows.
+std::string withoutLock(std::string path) {
+    static const std::string ending = ".lock";
+    if (path.ends_with(ending))
+        path.resize(path.size() - ending.size());
+    return path;
+}
+
+/// What only the disk can tell of a file that is not there; empty when it cannot either.
+std::string explainIfMissing(const CError& error, const std::string& file) {
+    const auto* const failure = dynamic_cast<const CFileSystemError*>(&error);
+    if (!failure || failure->getProblem() != CFileSystemError::Problem_NotFound)
+        return std::string();
+    for (const auto& [name, value] : error.getProps().getEntries())
+        if (name == "uri")
+            return explainMissingFile(file, CURI(value));
+    return std::string();
 }
 
 std::string ownPathOf(const std::string& file) {
@@ -60,7 +83,12 @@ std::string adviceFor(const String& message) {
                "line "
                "encoding=\"UTF-8\" is written first); to a descriptor file of its own add zero bytes with "
                "truncate -s +512, or convert the disk into a new one";
-    if (message == "The file is outside the folders that may be used.")
+    if (message == "VMDK is encrypted but no password provided")
+        return "; --password-file FILE tells it";
+    if (message == "No VMDK descriptor found in VMDK file.")
+        return "; it may be a part of a disk of several files, which is opened by its main file: the one "
+               "without a number in its name";
+    if (message == outsideMessage)
         return "; --allow DIR lets a disk name files below another folder";
     return std::string();
 }
@@ -79,6 +107,8 @@ std::string showPaths(const String& text) {
 }
 
 std::string explainError(const CError& error, const std::string& file) {
+    if (const std::string missing = explainIfMissing(error, file); !missing.empty())
+        return missing;
     const std::string ownPath = ownPathOf(file);
     std::string text = showPaths(error.getMessage());
     if (text.empty())
@@ -96,7 +126,8 @@ std::string explainError(const CError& error, const std::string& file) {
     if (!error.getSecondText().isEmpty())
         add(showPaths(error.getSecondText()));
     for (const auto& [name, value] : error.getProps().getEntries()) {
-        const std::string shown = showPaths(value);
+        const bool isOutside = name == "uri" && error.getMessage() == outsideMessage;
+        const std::string shown = isOutside ? withoutLock(showPaths(value)) : showPaths(value);
         // What the message quotes already need not follow once more.
         if (!isRepetition(name, shown, ownPath) && !error.getMessage().Contains(value))
             add(nameOfParameter(name) + ": " + shown);

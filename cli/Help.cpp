@@ -48,6 +48,15 @@ std::string makeRow(const std::string& left, const std::string& right) {
     return rows + line.substr(0, line.size() - 1) + "\n";
 }
 
+std::string exitCodesOf(const CLI::App& verb) {
+    if (verb.get_name() == "compare")
+        return "0 the same, 1 different, 2 wrong usage, 3 could not be compared";
+    if (verb.get_name() == "check")
+        return "0 no damage found, 1 failed or not all could be checked, 2 wrong usage, 3 damage found";
+    return verb.get_parent() ? "0 done, 1 failed, 2 wrong usage"
+                             : "0 done, 1 failed, 2 wrong usage, 3 damage found by check";
+}
+
 std::string makeHelp(const CLI::App& verb) {
     const auto verbs = verb.get_subcommands([](const CLI::App*) { return true; });
     std::string usage = "Usage:\n  " + fullNameOf(verb);
@@ -69,10 +78,7 @@ std::string makeHelp(const CLI::App& verb) {
             help += makeRow(each->get_name(), each->get_description());
     }
     help += "\nOptions:\n" + options;
-    help += verb.get_name() == "compare"
-                ? "\nExit codes: 0 the same, 1 different, 2 wrong usage, 3 could not be compared.\n"
-                : "\nExit codes: 0 done, 1 failed, 2 wrong usage, 3 damage found by check.\n";
-    return help;
+    return help + "\nExit codes: " + exitCodesOf(verb) + ".\n";
 }
 
 } // namespace

@@ -47,6 +47,15 @@ void verifyVerb(const CLI::App& program, const std::vector<std::string>& argumen
         throw CUsageError("\"" + first + "\" is no verb");
 }
 
+/// What is wrong with the first word of the command line that the verb has no use for.
+std::string explainExtras(const CLI::App& verb) {
+    const std::vector<std::string> extras = verb.remaining();
+    for (const std::string& word : extras)
+        if (word.size() > 1 && word[0] == '-')
+            return "There is no option " + word;
+    return "There is an argument too many: " + (extras.empty() ? std::string() : extras.front());
+}
+
 /// Follows the command line. Returns the exit code.
 int run(std::vector<std::string> arguments) {
     CLI::App program("Reads, writes and creates virtual disks in the VMDK format", "tessel");
@@ -70,6 +79,8 @@ int run(std::vector<std::string> arguments) {
     } catch (const CLI::CallForVersion&) {
         writeVersion();
         return Exit_Done;
+    } catch (const CLI::ExtrasError&) {
+        tellUsageError(findVerb(program), explainExtras(findVerb(program)));
     } catch (const CLI::ParseError& error) {
         tellUsageError(findVerb(program), error.what());
     } catch (const CUsageError& error) {

@@ -65,8 +65,8 @@ public:
 
     /// Throws: CFailure, which names the file; so do all methods.
     static CRawFile openForReading(const std::filesystem::path& path);
-    /// A new file that nobody had before.
-    static CRawFile createNew(const std::filesystem::path& path);
+    /// A new file that nobody had before. Failures name `shownAs`: what the user knows of it.
+    static CRawFile createNew(const std::filesystem::path& path, const std::filesystem::path& shownAs);
 
     CRawFile(CRawFile&& other) noexcept;
     CRawFile& operator=(CRawFile&&) = delete;
@@ -92,7 +92,7 @@ private:
     CRawFile(std::filesystem::path path, int handle) : m_path(std::move(path)), m_handle(handle) {}
     [[noreturn]] void fail(const char* tried) const;
 
-    std::filesystem::path m_path;
+    std::filesystem::path m_path; ///< for messages
     int m_handle;
 };
 

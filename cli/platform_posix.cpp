@@ -301,8 +301,8 @@ CRawFile CRawFile::openForReading(const fs::path& path) {
     return file;
 }
 
-CRawFile CRawFile::createNew(const fs::path& path) {
-    CRawFile file(path, ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+CRawFile CRawFile::createNew(const fs::path& path, const fs::path& shownAs) {
+    CRawFile file(shownAs, ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
     if (file.m_handle < 0)
         file.fail("Cannot make file");
     return file;

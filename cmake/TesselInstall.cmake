@@ -25,6 +25,26 @@ if(TARGET tessel-cli)
         "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
     set_target_properties(tessel-cli PROPERTIES INSTALL_RPATH "$ORIGIN/${libdir_from_bindir}")
     install(TARGETS tessel-cli RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tools)
+    install(FILES "${PROJECT_BINARY_DIR}/cli/tessel.1"
+        DESTINATION "${CMAKE_INSTALL_MANDIR}/man1"
+        COMPONENT tools)
+    install(FILES "${PROJECT_SOURCE_DIR}/completions/tessel.bash"
+        DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/bash-completion/completions"
+        RENAME tessel
+        COMPONENT tools)
+    install(FILES "${PROJECT_SOURCE_DIR}/completions/tessel.fish"
+        DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/fish/vendor_completions.d"
+        COMPONENT tools)
+    # Below /usr, where packages go, Debian's zsh looks in a folder of its own, and elsewhere in the usual one.
+    set(tessel_zsh_dirs site-functions)
+    if(EXISTS /etc/debian_version)
+        list(APPEND tessel_zsh_dirs vendor-completions)
+    endif()
+    foreach(folder IN LISTS tessel_zsh_dirs)
+        install(FILES "${PROJECT_SOURCE_DIR}/completions/_tessel"
+            DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/zsh/${folder}"
+            COMPONENT tools)
+    endforeach()
 endif()
 
 if(TARGET tessel-nbdkit-plugin)

@@ -134,7 +134,7 @@ damaged extentMissing None None False parts.vmdk
 # What cannot be checked is no damage.
 refused 1 'none.vmdk: No such file' check none.vmdk
 refused 1 'data: This is no VMDK disk: it begins with neither a sparse extent nor a descriptor' check data
-refused 1 'sealed.vmdk: VMDK is encrypted but no password provided' check sealed.vmdk
+refused 1 'sealed.vmdk: VMDK is encrypted but no password provided; --password-file FILE tells it' check sealed.vmdk
 echo wrong >other
 run 1 check sealed.vmdk --password-file other
 error_is_one_line

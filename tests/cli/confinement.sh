@@ -18,8 +18,8 @@ folder (file: $1; allowed: $2)"
 # Parents. Beside the child, and below its folder, is allowed; elsewhere only where the user says so.
 ok read home/close.vmdk 0 4
 base=$PWD/away/base.vmdk
-refused 1 "home/child.vmdk: $(outside "$base.lock" "$PWD/home")" read home/child.vmdk 0 4
-refused 1 "home/inner/above.vmdk: $(outside "$PWD/home/near.vmdk.lock" "$PWD/home/inner")" \
+refused 1 "home/child.vmdk: $(outside "$base" "$PWD/home")" read home/child.vmdk 0 4
+refused 1 "home/inner/above.vmdk: $(outside "$PWD/home/near.vmdk" "$PWD/home/inner")" \
     read home/inner/above.vmdk 0 4
 ok read home/inner/above.vmdk 0 4 --allow home
 ok read home/child.vmdk 0 4 --allow away

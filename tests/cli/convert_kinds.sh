@@ -19,7 +19,7 @@ for kind in "${kinds[@]}"; do
     ok convert disk.raw "$index.vmdk" --quiet "${options[@]}"
     opening=()
     [[ $kind != *password* ]] || opening=(--open-password-file password)
-    [[ $kind != *password* ]] || refused 1 "$index.vmdk: VMDK is encrypted but no password provided" \
+    [[ $kind != *password* ]] || refused 1 "$index.vmdk: VMDK is encrypted but no password provided; --password-file FILE tells it" \
         convert "$index.vmdk" no.raw
     ok convert "$index.vmdk" whole.raw --force "${opening[@]}"
     [[ $(size_of whole.raw) -eq 9502720 ]] || fail "the disk has whole grains"

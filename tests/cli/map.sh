@@ -49,7 +49,7 @@ ok map secret.vmdk --json --password-file pw
 ok convert secret.vmdk secret.raw --password-file pw
 ok map secret.vmdk --json --password-file pw
 python3 verify.py "$out" secret.raw || fail "see above"
-refused 1 'secret.vmdk: VMDK is encrypted but no password provided' map secret.vmdk
+refused 1 'secret.vmdk: VMDK is encrypted but no password provided; --password-file FILE tells it' map secret.vmdk
 
 # Layers.
 ok create mid.vmdk --parent disk.vmdk

@@ -22,7 +22,7 @@ for options in "" "--compressed" "--split=6M" "--compressed --split=8M" "--split
     ok info secret.vmdk --json
     id=$(json 'd["contentID"]')
     refused 1 "$wrong" passwd secret.vmdk --password-file wrong --new-password-file new
-    refused 1 'secret.vmdk: VMDK is encrypted but no password provided' passwd secret.vmdk --new-password-file new
+    refused 1 'secret.vmdk: VMDK is encrypted but no password provided; --password-file FILE tells it' passwd secret.vmdk --new-password-file new
     for file in secret*.vmdk; do
         same "$file" "kept-$file"
     done

@@ -20,7 +20,7 @@ grep -qaF 98765 disk.raw || fail "the image should hold this text"
 ! grep -qaF 98765 secret.vmdk || fail "the data are in the clear"
 
 # Each verb, without a password and with a wrong one.
-missing='secret.vmdk: VMDK is encrypted but no password provided'
+missing='secret.vmdk: VMDK is encrypted but no password provided; --password-file FILE tells it'
 wrong='secret.vmdk: Specified VMDK encryption password is not correct.'
 for arguments in "convert secret.vmdk x.raw" "convert secret.vmdk x.vmdk" "read secret.vmdk 0 1" \
     "write secret.vmdk 0" "space secret.vmdk" "flatten secret.vmdk"; do
@@ -62,7 +62,7 @@ run 0 create plain.vmdk --parent secret.vmdk --open-password-file pw
 error_is 'tessel: warning: plain.vmdk: The parent is encrypted and this disk is not: what it stores can be read by everybody'
 ok convert plain.vmdk back.raw --size $image_size --force --password-file pw
 same disk.raw back.raw
-refused 1 'plain.vmdk: VMDK is encrypted but no password provided (file: '"$PWD"'/secret.vmdk)' convert plain.vmdk x.raw
+refused 1 'plain.vmdk: VMDK is encrypted but no password provided; --password-file FILE tells it (file: '"$PWD"'/secret.vmdk)' convert plain.vmdk x.raw
 # Who writes to a disk in the clear is told of the parent whose data come along.
 printf changed >change
 run 0 write plain.vmdk 3M --password-file pw <change
@@ -88,9 +88,9 @@ payload=$(json 'd["payloadBytes"]')
 [[ $payload -gt 0 ]] || fail "the disk should store something"
 mkdir moved
 mv secret.vmdk moved/
-refused 1 "child.vmdk: Cannot open file: No such file or directory (file: $PWD/secret.vmdk)" \
+refused 1 "child.vmdk: Its parent is missing: $PWD/secret.vmdk (tessel rebase child.vmdk NEW_PARENT tells it where the parent is now)" \
     convert child.vmdk x.raw --password-file pw
-refused 1 'child.vmdk: VMDK is encrypted but no password provided' rebase child.vmdk moved/secret.vmdk
+refused 1 'child.vmdk: VMDK is encrypted but no password provided; --password-file FILE tells it' rebase child.vmdk moved/secret.vmdk
 refused 1 'child.vmdk: Specified VMDK encryption password is not correct.' \
     rebase child.vmdk moved/secret.vmdk --password-file pw-wrong
 ok rebase child.vmdk moved/secret.vmdk --password-file pw

@@ -22,7 +22,8 @@ ok info child.vmdk --json
 id=$(json 'd["contentID"]')
 mkdir -p 'a b/ö'
 mv child.vmdk 'a b/ö/'
-lost="a b/ö/child.vmdk: Cannot open file: No such file or directory (file: $PWD/a b/ö/base.vmdk)"
+lost="a b/ö/child.vmdk: Its parent is missing: $PWD/a b/ö/base.vmdk (tessel rebase a b/ö/child.vmdk NEW_PARENT tells it \
+where the parent is now)"
 allow=()
 refused 1 "$lost" convert 'a b/ö/child.vmdk' x.raw
 ok rebase 'a b/ö/child.vmdk' base.vmdk
@@ -76,7 +77,7 @@ for parent in secret.vmdk between.vmdk; do
     ok convert open.vmdk back.raw --size $image_size --force --password-file pw
     same one.raw back.raw
 done
-refused 1 "between.vmdk: VMDK is encrypted but no password provided" rebase open.vmdk between.vmdk --unsafe
+refused 1 "between.vmdk: VMDK is encrypted but no password provided; --password-file FILE tells it" rebase open.vmdk between.vmdk --unsafe
 ok create hidden.vmdk --parent secret.vmdk --password-file pw
 ok rebase hidden.vmdk between.vmdk --unsafe --password-file pw
 ok rebase open.vmdk base.vmdk --unsafe --password-file pw

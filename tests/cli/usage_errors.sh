@@ -8,7 +8,7 @@ see() {
 
 refused 2 "A verb is missing $(see "")"
 refused 2 "\"frobnicate\" is no verb $(see "")" frobnicate
-refused 2 "The following argument was not expected: --frobnicate $(see "")" --frobnicate
+refused 2 "There is no option --frobnicate $(see "")" --frobnicate
 for verb in info convert create read write space rebase flatten compact rename passwd; do
     run 2 "$verb"
     error_is_one_line
@@ -17,7 +17,7 @@ for verb in info convert create read write space rebase flatten compact rename p
     error_is_one_line
 done
 
-refused 2 "info: The following argument was not expected: b.vmdk $(see info)" info a.vmdk b.vmdk
+refused 2 "info: There is an argument too many: b.vmdk $(see info)" info a.vmdk b.vmdk
 refused 2 "convert: DST is required $(see convert)" convert a.vmdk
 refused 2 "create: SIZE is missing $(see create)" create a.vmdk
 refused 2 "create: SIZE: a child has the size of its parent $(see create)" create a.vmdk 10M --parent b.vmdk
