@@ -15,7 +15,7 @@ verify_new_id() {
     local id
     id=$(info_of "$1" contentID)
     [[ $id != "$2" ]] || fail "$1: the content ID is still $2"
-    qemu-img info --output=json "$1" | grep -q "\"cid\": $((16#$id))" || fail "$1: qemu sees another content ID"
+    qemu-img info --output=json "$1" | grep "\"cid\": $((16#$id))" >/dev/null || fail "$1: qemu sees another content ID"
 }
 
 # take_turns DISK: the places move on with every round, within grains, over grains, over the ends of files.
