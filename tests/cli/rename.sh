@@ -109,6 +109,7 @@ run 0 read copy.vmdk 0 1
 error_is 'tessel: note: copy.vmdk: The disk was renamed or copied by hand: its descriptor still names "disk.vmdk", which is not looked at (tessel rename copy.vmdk copy.vmdk puts it right)'
 printf z >byte
 for arguments in "info copy.vmdk" "info copy.vmdk --json" "space copy.vmdk" "check copy.vmdk" "convert copy.vmdk x.raw" \
+    "map copy.vmdk" "measure copy.vmdk" "compare copy.vmdk disk.raw" "compact copy.vmdk --quiet" \
     "create x.vmdk --parent copy.vmdk" "rebase x.vmdk copy.vmdk" "flatten x.vmdk" "write copy.vmdk 0"; do
     read -ra words <<<"$arguments"
     run 0 "${words[@]}" <byte
