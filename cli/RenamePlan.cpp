@@ -4,6 +4,7 @@
 #include "Disks.h"
 #include "Errors.h"
 #include "Names.h"
+#include "platform.h"
 #include "tessel/VMDKFileReference.h"
 
 #include <algorithm>
@@ -17,14 +18,21 @@ namespace {
 
 constexpr const char* existsAlready = "The file exists already";
 
+/// The same name with all links on the way followed, but for the last.
+fs::path withRealFolder(const fs::path& path) {
+    std::error_code error;
+    const fs::path folder = fs::canonical(path.parent_path(), error);
+    return error ? path : folder / path.filename();
+}
+
 class CPlanner {
 public:
     CPlanner(IFileSystem* files, std::string name, std::string newName)
         : m_files(files), m_name(std::move(name)), m_newName(std::move(newName)) {}
 
     URenamePlan make() {
-        m_plan.oldPath = pathFromURI(uriFromName(m_name).toNormalized());
-        m_plan.newPath = pathFromURI(uriFromName(m_newName).toNormalized());
+        m_plan.oldPath = withRealFolder(pathFromURI(uriFromName(m_name).toNormalized()));
+        m_plan.newPath = withRealFolder(pathFromURI(uriFromName(m_newName).toNormalized()));
         if (fs::is_symlink(m_plan.oldPath))
             throw CFailure(m_name, "It is a link; name the file that it leads to");
         m_plan.main = about(m_name, [&] { return readMainFile(m_files, uriFromName(m_name)); });
@@ -83,8 +91,12 @@ private:
         String reference;
         if (descriptor.getParentContentID() == noContentID || !descriptor.tryGetParentFileNameHint(reference))
             return;
-        const CURI parent = vmdkFileReferenceToURI(uriFromPath(m_plan.oldPath).getParent(), reference);
-        if (vmdkFileReferenceToURI(uriFromPath(m_plan.newPath).getParent(), reference) == parent)
+        // As the user writes the names: links on the way to a folder are not followed when it is read.
+        const auto lookUpFrom = [&](const std::string& name) {
+            return vmdkFileReferenceToURI(uriFromName(name).toNormalized().getParent(), reference);
+        };
+        const CURI parent = lookUpFrom(m_name);
+        if (lookUpFrom(m_newName) == parent)
             return;
         const std::string parentName = nameFromPath(pathFromURI(parent));
         descriptor.setParentFileNameHint(makeParentReference(m_newName, parentName));
@@ -100,8 +112,8 @@ private:
             return false;
         bool isOurs = false;
         if (m_plan.main.isEmbedded) {
-            isOurs = isSameFile(m_plan.oldPath, m_plan.newPath);
-        } else {
+            isOurs = areNamesOfOneFile(m_plan.oldPath, m_plan.newPath);
+        } else if (!fs::is_symlink(m_plan.newPath)) {
             try {
                 P<CVMDKDescriptor> wanted(new CVMDKDescriptor(*m_plan.descriptor));
                 wanted->setEncodingUTF8();
@@ -143,12 +155,12 @@ private:
             throw CFailure(m_name, "It has a file outside its folder, which --allow DIR lets it name: " +
                                        showPaths(uri.toString(true)));
         const std::string extentName = fileNameOf(extent);
-        const fs::path recorded = pathFromURI(uri);
+        const fs::path recorded = withRealFolder(pathFromURI(uri));
         const fs::path named = oldFolder() / pathFromName(makeExtentName(oldMainName(), extentName, index));
         const fs::path target = newFolder() / pathFromName(makeExtentName(newMainName(), extentName, index));
         const bool isRecordedThere = somethingExists(recorded);
         const bool isNamedThere = named != recorded && somethingExists(named);
-        if (isRecordedThere && isNamedThere && !isSameFile(recorded, named))
+        if (isRecordedThere && isNamedThere && !areNamesOfOneFile(recorded, named))
             throw CFailure(m_name,
                            "It cannot be told which is a file of this disk: " + nameFromPath(recorded) +
                                ", which it names, or " + nameFromPath(named) + ", which is named after it");
@@ -176,14 +188,13 @@ private:
                 return;
         }
         if (move.from != target && somethingExists(target)) {
-            if (!isSameFile(move.from, target))
+            if (!areNamesOfOneFile(move.from, target))
                 throw CFailure(nameFromPath(target), existsAlready);
             move.obsolete.push_back(move.from);
             move.from = target;
         }
-        if (move.from != target && oldFolder() != newFolder() && fs::is_symlink(move.from))
-            throw CFailure(nameFromPath(move.from),
-                           "It is a link, which may lead nowhere from another folder");
+        if (move.from != target && fs::is_symlink(move.from))
+            throw CFailure(nameFromPath(move.from), "It is a link, which is given no other name");
         for (const fs::path& other : {recorded, named})
             if (other != target && other != move.from && somethingExists(other) &&
                 std::find(move.obsolete.begin(), move.obsolete.end(), other) == move.obsolete.end())

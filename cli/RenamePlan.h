@@ -18,7 +18,8 @@ struct URenamePlan {
     };
 
     UMainFile main;
-    std::filesystem::path oldPath; ///< of the main file
+    /// Of the main file. No folder in these paths is a link, so that a name has one spelling only.
+    std::filesystem::path oldPath;
     std::filesystem::path newPath;
     /// The extents that have files of their own.
     std::vector<UMove> moves;

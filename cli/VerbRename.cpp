@@ -8,6 +8,7 @@
 #include "Verbs.h"
 #include "lum/CLockFile.h"
 #include "lum/CNativeFileSystem.h"
+#include "platform.h"
 #include "tessel/CVMDKDescriptorAccessor.h"
 #include "tessel/VMDKFileReference.h"
 
@@ -193,21 +194,29 @@ private:
     void removeOldNames() const {
         // The main file first, so that the old name never is that of half a disk.
         if (!m_plan.staysInPlace())
-            removeFile(m_plan.oldPath);
+            removeName(m_plan.oldPath, m_plan.newPath,
+                       m_plan.main.isEmbedded ? areNamesOfOneFile : areNamesOfTwoFiles);
         for (const auto& move : m_plan.moves) {
             if (move.from != move.to)
-                removeFile(move.from);
+                removeName(move.from, move.to, areNamesOfOneFile);
             for (const fs::path& name : move.obsolete)
-                removeFile(name);
+                removeName(name, move.to, areNamesOfOneFile);
         }
         syncFolder(folderOf(m_plan.oldPath));
     }
 
-    static void removeFile(const fs::path& path) {
+    /// The old name goes only when `areSafe(name, kept)` says that what it names has the new one as well.
+    static void removeName(const fs::path& name, const fs::path& kept,
+                           bool (*areSafe)(const fs::path&, const fs::path&)) {
+        if (!somethingExists(name))
+            return;
+        if (!areSafe(name, kept))
+            throw CFailure(nameFromPath(name), "The old name stays, since it is not sure that the new one, " +
+                                                   nameFromPath(kept) + ", is the same file's");
         std::error_code error;
-        fs::remove(path, error);
+        fs::remove(name, error);
         if (error)
-            throw CFailure(nameFromPath(path),
+            throw CFailure(nameFromPath(name),
                            "The disk has its new name, but the old one cannot be removed: " +
                                error.message());
     }
@@ -245,6 +254,11 @@ void tellChild(const std::string& child, const std::string& newName) {
     tellNote(child + ": Its parent has another name now (tessel rebase " + child + " " + newName + ")");
 }
 
+/// Whether this was the disk's name, by the folder that the user named or the one that it is.
+bool isOldName(const CURI& uri, const URenamePlan& plan) {
+    return uri == plan.main.uri || uri == uriFromPath(plan.oldPath).toNormalized();
+}
+
 /// The children of the disk in these folders are told of, since their parent is no more where they look.
 void tellChildren(const URenamePlan& plan, const std::string& newName) {
     const P<IFileSystem> files(new CNativeFileSystem(false));
@@ -259,7 +273,7 @@ void tellChildren(const URenamePlan& plan, const std::string& newName) {
                 String reference;
                 if (child.descriptor->getParentContentID() != noContentID &&
                     child.descriptor->tryGetParentFileNameHint(reference) &&
-                    vmdkFileReferenceToURI(child.uri.getParent(), reference) == plan.main.uri)
+                    isOldName(vmdkFileReferenceToURI(child.uri.getParent(), reference), plan))
                     tellChild(name, newName);
             } catch (const CError&) {   // NOLINT(bugprone-empty-catch): no disk, or none that can be read
             } catch (const CFailure&) { // NOLINT(bugprone-empty-catch): the same
@@ -279,9 +293,9 @@ P<CLockFile> lockDisk(IFileSystem* files, const std::string& name) {
 void renameDisk(const URename& verb) {
     verifyMayBeDisk(verb.disk);
     const P<IFileSystem> files(new CNativeFileSystem(true));
-    makeRenamePlan(files.get(), verb.disk, verb.newName); // what cannot be is told before a lock is taken
+    // What cannot be is told before a lock is taken.
+    const bool isSame = makeRenamePlan(files.get(), verb.disk, verb.newName).staysInPlace();
     const P<CLockFile> oldLock = lockDisk(files.get(), verb.disk);
-    const bool isSame = uriFromName(verb.disk).toNormalized() == uriFromName(verb.newName).toNormalized();
     const P<CLockFile> newLock = isSame ? nullptr : lockDisk(files.get(), verb.newName);
     const URenamePlan plan = makeRenamePlan(files.get(), verb.disk, verb.newName);
     verifyRoom(verb.disk, plan, files.get());

@@ -191,6 +191,43 @@ rm alone*
 mv disk-s00001.vmdk away
 refused 1 "disk.vmdk: A file of the disk is missing: $PWD/disk-s00001.vmdk" rename disk.vmdk x.vmdk
 mv away disk-s00001.vmdk
+# A link is no new name, wherever it leads.
+for options in "" "--split=6M"; do
+    read -ra words <<<"$options"
+    clear
+    run 0 convert disk.raw disk.vmdk --quiet "${words[@]}"
+    ln -s disk.vmdk link.vmdk
+    refused 1 'link.vmdk: The file exists already' rename disk.vmdk link.vmdk
+    check disk.vmdk
+    rm link.vmdk
+    if [[ -n $options ]]; then
+        ln -s disk-s00001.vmdk link-s00001.vmdk
+        refused 1 "$PWD/link-s00001.vmdk: The file exists already" rename disk.vmdk link.vmdk
+        rm link-s00001.vmdk
+        mv disk-s00001.vmdk real
+        ln -s real disk-s00001.vmdk
+        refused 1 "$PWD/disk-s00001.vmdk: It is a link, which is given no other name" rename disk.vmdk x.vmdk
+        check disk.vmdk
+    fi
+done
+# A folder has two names: extents that have theirs keep it, and a disk that has its name keeps that.
+for options in "" "--split=6M"; do
+    read -ra words <<<"$options"
+    clear
+    ln -s other linked
+    run 0 convert disk.raw other/disk.vmdk --quiet "${words[@]}"
+    mv other/disk.vmdk other/hand.vmdk
+    run 0 rename other/hand.vmdk linked/disk.vmdk
+    check other/disk.vmdk
+    before=$(names)
+    ok rename other/disk.vmdk linked/disk.vmdk
+    [[ $(names) == "$before" ]] || fail "no file should have another name"
+    check linked/disk.vmdk
+    ok rename linked/disk.vmdk other/last.vmdk
+    [[ $(names) == "${before//disk/last}" ]] || fail "all files should have the new name"
+    check other/last.vmdk
+    rm linked
+done
 # Files outside are not looked at.
 clear
 ok create other/disk.vmdk 10M --split=6M
