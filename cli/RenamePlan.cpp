@@ -127,26 +127,11 @@ private:
         return true;
     }
 
-    /// Another disk beside the file that has it as an extent: the one that it is named after.
     std::string findOwner(const fs::path& extent) const {
-        const std::string stem = nameFromPath(extent.stem());
-        const std::size_t end = stem.rfind("-s");
-        if (end == std::string::npos)
-            return std::string();
-        const fs::path owner =
-            extent.parent_path() / pathFromName(stem.substr(0, end) + nameFromPath(extent.extension()));
-        if (isSameFile(owner, m_plan.oldPath) || !fs::is_regular_file(owner))
-            return std::string();
-        if (m_plan.isNewMainThere && isSameFile(owner, m_plan.newPath))
-            return std::string();
-        try {
-            const UMainFile file = readMainFile(m_files, uriFromPath(owner));
-            for (const auto& each : file.getExtents())
-                if (isSameFile(pathFromURI(file.findExtent(*each)), extent))
-                    return nameFromPath(owner);
-        } catch (const CError&) { // NOLINT(bugprone-empty-catch): no disk, so no owner
-        }
-        return std::string();
+        std::vector<fs::path> own = {m_plan.oldPath};
+        if (m_plan.isNewMainThere)
+            own.push_back(m_plan.newPath);
+        return findOtherOwner(m_files, extent, own);
     }
 
     void addMove(const CVMDKExtentInfo& extent, std::size_t index) {
