@@ -1,6 +1,7 @@
 #include "CCompactCopy.h"
 
 #include "CDiskWriter.h"
+#include "Confinement.h"
 #include "Errors.h"
 #include "Names.h"
 #include "StoredGrain.h"
@@ -219,7 +220,7 @@ void CCompactCopy::verifyExtentsAreOwn() const {
         if (!m_extents[i].wasThere || (i == 0 && m_main.isEmbedded) ||
             name == makeExtentName(nameFromPath(m_mainPath.filename()), name, i))
             continue;
-        const std::string owner = findOtherOwner(m_files.get(), path, {m_mainPath});
+        const std::string owner = findOtherOwner(confine(m_files.get(), m_name).get(), path, {m_mainPath});
         if (!owner.empty())
             throw CFailure(m_name, "It names a file that is another disk's: " + nameFromPath(path) +
                                        " (disk: " + owner + ")");

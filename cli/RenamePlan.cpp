@@ -4,10 +4,15 @@
 #include "Disks.h"
 #include "Errors.h"
 #include "Names.h"
+#include "lum/LittleEndian.h"
 #include "platform.h"
+#include "tessel/CVMDKSparseExtentHeader.h"
+#include "tessel/VMDKEmptyExtentFile.h"
 #include "tessel/VMDKFileReference.h"
 
 #include <algorithm>
+#include <array>
+#include <fstream>
 #include <set>
 
 namespace tessel::cli {
@@ -35,8 +40,10 @@ public:
         m_plan.newPath = withRealFolder(pathFromURI(uriFromName(m_newName).toNormalized()));
         if (fs::is_symlink(m_plan.oldPath))
             throw CFailure(m_name, "It is a link; name the file that it leads to");
-        m_plan.main = about(m_name, [&] { return readMainFile(m_files, uriFromName(m_name)); });
+        m_plan.oldFiles = confine(m_files, m_name);
+        m_plan.main = about(m_name, [&] { return readMainFile(m_plan.oldFiles.get(), uriFromName(m_name)); });
         verifyTarget();
+        m_plan.newFiles = confine(m_files, m_newName);
         about(m_name, [&] { m_plan.descriptor = new CVMDKDescriptor(*m_plan.main.descriptor); });
         about(m_newName, [&] { renameExtents(); });
         about(m_name, [&] { moveParentReference(); });
@@ -117,7 +124,7 @@ private:
             try {
                 P<CVMDKDescriptor> wanted(new CVMDKDescriptor(*m_plan.descriptor));
                 wanted->setEncodingUTF8();
-                const UMainFile found = readMainFile(m_files, uriFromPath(m_plan.newPath));
+                const UMainFile found = readMainFile(m_plan.newFiles.get(), uriFromPath(m_plan.newPath));
                 isOurs = !found.isEmbedded && found.descriptor->toString() == wanted->toString();
             } catch (const CError&) { // NOLINT(bugprone-empty-catch): something else
             }
@@ -131,7 +138,27 @@ private:
         std::vector<fs::path> own = {m_plan.oldPath};
         if (m_plan.isNewMainThere)
             own.push_back(m_plan.newPath);
-        return findOtherOwner(m_files, extent, own);
+        return findOtherOwner(m_plan.oldFiles.get(), extent, own);
+    }
+
+    /// What a descriptor names may be anything.
+    void verifyIsExtent(const fs::path& path, std::size_t index) const {
+        std::array<unsigned char, 4> bytes{};
+        std::error_code ignored;
+        bool isExtent = false;
+        if (fs::is_regular_file(path, ignored)) {
+            std::ifstream file(path, std::ios::binary);
+            file.read(reinterpret_cast<char*>(bytes.data()), bytes.size());
+            const auto magic = loadLittleEndian<uint32>(bytes.data());
+            const bool mayBeHalfMade = index > 0 && m_plan.descriptor->getLumCreateExtentFilesOnDemand();
+            isExtent = file && (magic == CVMDKSparseExtentHeader::magicNumber ||
+                                magic == CVMDKSparseExtentHeader::magicNumberEncrypted);
+            isExtent = isExtent || (mayBeHalfMade && about(m_name, [&] {
+                                        return isHalfMadeVMDKSparseExtentFile(m_files, uriFromPath(path));
+                                    }));
+        }
+        if (!isExtent)
+            throw CFailure(m_name, "It names something that is no extent of a disk: " + nameFromPath(path));
     }
 
     void addMove(const CVMDKExtentInfo& extent, std::size_t index) {
@@ -157,7 +184,7 @@ private:
         }
         if (!m_targets.insert(target).second)
             throw CFailure(m_name, "Two of its files would have the name " + nameFromPath(target));
-        URenamePlan::UMove move{isNamedThere ? named : recorded, target, {}};
+        URenamePlan::UMove move{isNamedThere ? named : recorded, target, named, {}};
         if (!isRecordedThere && !isNamedThere) {
             const bool mayBeMissing = index > 0 && m_plan.descriptor->getLumCreateExtentFilesOnDemand();
             const bool wasMoved =
@@ -180,6 +207,7 @@ private:
         }
         if (move.from != target && fs::is_symlink(move.from))
             throw CFailure(nameFromPath(move.from), "It is a link, which is given no other name");
+        verifyIsExtent(move.from, index);
         for (const fs::path& other : {recorded, named})
             if (other != target && other != move.from && somethingExists(other) &&
                 std::find(move.obsolete.begin(), move.obsolete.end(), other) == move.obsolete.end())
