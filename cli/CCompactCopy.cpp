@@ -1,9 +1,11 @@
 #include "CCompactCopy.h"
 
 #include "CDiskWriter.h"
+#include "Confinement.h"
 #include "Errors.h"
 #include "Names.h"
 #include "StoredGrain.h"
+#include "lum/LittleEndian.h"
 #include "lum/Numbers.h"
 #include "platform.h"
 #include "tessel/CVMDKDescriptorAccessor.h"
@@ -51,8 +53,9 @@ void setCapacity(IFileSystem* files, const CURI& uri, unsigned long long sectors
 /// Moves grains from a disk to its copy.
 class CCompactCopy::CCopier {
 public:
-    CCopier(CVMDKDisk* from, CVMDKDisk* to, CVMDKDisk* parent)
-        : m_from(from),
+    CCopier(std::string name, CVMDKDisk* from, CVMDKDisk* to, CVMDKDisk* parent)
+        : m_name(std::move(name)),
+          m_from(from),
           m_to(to),
           m_parent(parent),
           m_grainSize(from->getGrainSizeBytes()),
@@ -103,19 +106,34 @@ private:
         return !isZero(m_below);
     }
 
-    bool isGrainOfZeros() {
-        if (!m_from->getCompressed())
-            return isZero(*m_stored);
-        const int64 mostBytes = m_preparer->getWorstCaseGrainSizeSectors() * vmdkSectorSize;
-        return !mayPassAsStored(*m_stored, m_grainSize, mostBytes) &&
-               isZero(*m_preparer->unprepareGrainData(m_stored.get(), m_plain.get()));
+    /// A record of another grain would be taken for this one's in the copy, where nothing tells any more.
+    void verifyIsRecordOf(int64 position) const {
+        const bool isWhole = m_stored->getUsed() >= CVMDKDataPreparer::recordHeadSize;
+        if (!isWhole ||
+            loadLittleEndian<uint64>(m_stored->getData()) != static_cast<uint64>(position / vmdkSectorSize))
+            throw CFailure(m_name, "The grain at byte " + std::to_string(position) +
+                                       " holds another grain's record; it stays as it is (tessel check " +
+                                       m_name + " tells more)");
     }
 
     void copyStored(int64 position) {
         m_from->seek(position);
         m_from->readPreparedGrainData(*m_stored);
-        if (isGrainOfZeros() && !hidesSomething(position))
+        bool isPassed = true;
+        bool isOfZeros = false;
+        if (m_from->getCompressed()) {
+            verifyIsRecordOf(position);
+            const int64 mostBytes = m_preparer->getWorstCaseGrainSizeSectors() * vmdkSectorSize;
+            isPassed = mayPassAsStored(*m_stored, m_grainSize, mostBytes);
+            isOfZeros = !isPassed && isZero(*m_preparer->unprepareGrainData(m_stored.get(), m_plain.get()));
+        } else {
+            isOfZeros = isZero(*m_stored);
+        }
+        if (isOfZeros && !hidesSomething(position))
             return;
+        // What another writer made may be longer than any record of this library.
+        if (!isPassed)
+            return copyBytes(position, m_grainSize);
         m_to->seek(position);
         m_to->writePreparedGrainData(*m_stored);
     }
@@ -127,6 +145,7 @@ private:
         m_writer.write(position, m_plain->getData(), count);
     }
 
+    std::string m_name;
     CVMDKDisk* m_from;
     CVMDKDisk* m_to;
     CVMDKDisk* m_parent;
@@ -149,6 +168,7 @@ CCompactCopy::CCompactCopy(std::string name, CVMDKDisk* disk, CVMDKDisk* parent,
       m_folder(m_mainPath.parent_path()) {
     about(m_name, [&] {
         addExtents();
+        verifyExtentsAreOwn();
         // Opens each of them, which tells what no header may say.
         for (const auto& [key, value] : disk->getExtentMap())
             disk->findGrainRun(key.startSector * vmdkSectorSize);
@@ -188,6 +208,22 @@ void CCompactCopy::addExtents() {
         if (std::any_of(m_extents.begin(), m_extents.end(), isSame))
             throw CFailure(m_name, "Two of its extents are the same file: " + nameFromPath(path));
         m_extents.push_back({path.filename(), somethingExists(path)});
+    }
+}
+
+/// A main file that was copied alone names the files of another disk, which is not kept out by this one's
+/// lock.
+void CCompactCopy::verifyExtentsAreOwn() const {
+    for (std::size_t i = 0; i < m_extents.size(); ++i) {
+        const fs::path path = placeOf(m_extents[i]);
+        const std::string name = nameFromPath(path.filename());
+        if (!m_extents[i].wasThere || (i == 0 && m_main.isEmbedded) ||
+            name == makeExtentName(nameFromPath(m_mainPath.filename()), name, i))
+            continue;
+        const std::string owner = findOtherOwner(confine(m_files.get(), m_name).get(), path, {m_mainPath});
+        if (!owner.empty())
+            throw CFailure(m_name, "It names a file that is another disk's: " + nameFromPath(path) +
+                                       " (disk: " + owner + ")");
     }
 }
 
@@ -232,7 +268,7 @@ void CCompactCopy::makeExtent(const CURI& from, const CURI& to, CVMDKDescriptor*
 }
 
 void CCompactCopy::copyGrains(CProgress& progress) {
-    run([&] { CCopier(m_disk.get(), m_copy.get(), m_parent.get()).run(progress); });
+    run([&] { CCopier(m_name, m_disk.get(), m_copy.get(), m_parent.get()).run(progress); });
     m_copy = nullptr;
 }
 

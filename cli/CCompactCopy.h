@@ -40,6 +40,7 @@ private:
     };
 
     void addExtents();
+    void verifyExtentsAreOwn() const;
     void makeFiles();
     void makeExtent(const CURI& from, const CURI& to, CVMDKDescriptor* descriptor);
     [[noreturn]] void fail(const CError& error) const;

@@ -72,6 +72,28 @@ std::string makeExtentName(const std::string& mainFile, const std::string& oldNa
     return nameFromPath(path.stem()) + "-s" + number + nameFromPath(path.extension());
 }
 
+std::string findOtherOwner(IFileSystem* files, const fs::path& extent, const std::vector<fs::path>& own) {
+    std::set<fs::path> mainFiles;
+    std::error_code ignored;
+    for (const auto& entry : fs::directory_iterator(extent.parent_path(), ignored)) {
+        const auto isEntry = [&](const fs::path& path) { return isSameFile(entry.path(), path); };
+        if (entry.is_regular_file(ignored) && hasExtension(nameFromPath(entry.path()), ".vmdk") &&
+            std::none_of(own.begin(), own.end(), isEntry))
+            mainFiles.insert(entry.path());
+    }
+    for (const fs::path& path : mainFiles) {
+        try {
+            const UMainFile file = readMainFile(files, uriFromPath(path));
+            for (const auto& each : file.getExtents())
+                if (isSameFile(pathFromURI(file.findExtent(*each)), extent))
+                    return nameFromPath(path);
+        } catch (const CError&) {   // NOLINT(bugprone-empty-catch): no disk, so no owner
+        } catch (const CFailure&) { // NOLINT(bugprone-empty-catch): the same
+        }
+    }
+    return std::string();
+}
+
 void tellIfRenamed(IFileSystem* files, const UMainFile& file, const std::string& name) {
     static std::set<std::string> told;
     if (!file.isRenamed)

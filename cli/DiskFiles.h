@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <string>
+#include <vector>
 
 // Which files a disk has, also one whose main file was renamed or copied by hand.
 
@@ -29,6 +30,10 @@ UMainFile readMainFile(IFileSystem* files, const CURI& uri);
 /// The name that an extent has beside a main file of the name `mainFile`: its number, which `oldName` ends
 /// with or which is `index`, behind that name, as in disk-s00001.vmdk.
 std::string makeExtentName(const std::string& mainFile, const std::string& oldName, std::size_t index);
+
+/// The first disk beside the file, by name, that has it as an extent and is none of `own`; empty without one.
+std::string findOtherOwner(IFileSystem* files, const std::filesystem::path& extent,
+                           const std::vector<std::filesystem::path>& own);
 
 /// Tells, once for each file, that a disk is taken for what it is and not for what its descriptor says.
 /// `files` follows links: a name that leads to the file that the descriptor names is no other name.

@@ -4,9 +4,15 @@
 #include "Disks.h"
 #include "Errors.h"
 #include "Names.h"
+#include "lum/LittleEndian.h"
+#include "platform.h"
+#include "tessel/CVMDKSparseExtentHeader.h"
+#include "tessel/VMDKEmptyExtentFile.h"
 #include "tessel/VMDKFileReference.h"
 
 #include <algorithm>
+#include <array>
+#include <fstream>
 #include <set>
 
 namespace tessel::cli {
@@ -17,18 +23,27 @@ namespace {
 
 constexpr const char* existsAlready = "The file exists already";
 
+/// The same name with all links on the way followed, but for the last.
+fs::path withRealFolder(const fs::path& path) {
+    std::error_code error;
+    const fs::path folder = fs::canonical(path.parent_path(), error);
+    return error ? path : folder / path.filename();
+}
+
 class CPlanner {
 public:
     CPlanner(IFileSystem* files, std::string name, std::string newName)
         : m_files(files), m_name(std::move(name)), m_newName(std::move(newName)) {}
 
     URenamePlan make() {
-        m_plan.oldPath = pathFromURI(uriFromName(m_name).toNormalized());
-        m_plan.newPath = pathFromURI(uriFromName(m_newName).toNormalized());
+        m_plan.oldPath = withRealFolder(pathFromURI(uriFromName(m_name).toNormalized()));
+        m_plan.newPath = withRealFolder(pathFromURI(uriFromName(m_newName).toNormalized()));
         if (fs::is_symlink(m_plan.oldPath))
             throw CFailure(m_name, "It is a link; name the file that it leads to");
-        m_plan.main = about(m_name, [&] { return readMainFile(m_files, uriFromName(m_name)); });
+        m_plan.oldFiles = confine(m_files, m_name);
+        m_plan.main = about(m_name, [&] { return readMainFile(m_plan.oldFiles.get(), uriFromName(m_name)); });
         verifyTarget();
+        m_plan.newFiles = confine(m_files, m_newName);
         about(m_name, [&] { m_plan.descriptor = new CVMDKDescriptor(*m_plan.main.descriptor); });
         about(m_newName, [&] { renameExtents(); });
         about(m_name, [&] { moveParentReference(); });
@@ -83,8 +98,12 @@ private:
         String reference;
         if (descriptor.getParentContentID() == noContentID || !descriptor.tryGetParentFileNameHint(reference))
             return;
-        const CURI parent = vmdkFileReferenceToURI(uriFromPath(m_plan.oldPath).getParent(), reference);
-        if (vmdkFileReferenceToURI(uriFromPath(m_plan.newPath).getParent(), reference) == parent)
+        // As the user writes the names: links on the way to a folder are not followed when it is read.
+        const auto lookUpFrom = [&](const std::string& name) {
+            return vmdkFileReferenceToURI(uriFromName(name).toNormalized().getParent(), reference);
+        };
+        const CURI parent = lookUpFrom(m_name);
+        if (lookUpFrom(m_newName) == parent)
             return;
         const std::string parentName = nameFromPath(pathFromURI(parent));
         descriptor.setParentFileNameHint(makeParentReference(m_newName, parentName));
@@ -100,12 +119,12 @@ private:
             return false;
         bool isOurs = false;
         if (m_plan.main.isEmbedded) {
-            isOurs = isSameFile(m_plan.oldPath, m_plan.newPath);
-        } else {
+            isOurs = areNamesOfOneFile(m_plan.oldPath, m_plan.newPath);
+        } else if (!fs::is_symlink(m_plan.newPath)) {
             try {
                 P<CVMDKDescriptor> wanted(new CVMDKDescriptor(*m_plan.descriptor));
                 wanted->setEncodingUTF8();
-                const UMainFile found = readMainFile(m_files, uriFromPath(m_plan.newPath));
+                const UMainFile found = readMainFile(m_plan.newFiles.get(), uriFromPath(m_plan.newPath));
                 isOurs = !found.isEmbedded && found.descriptor->toString() == wanted->toString();
             } catch (const CError&) { // NOLINT(bugprone-empty-catch): something else
             }
@@ -115,26 +134,31 @@ private:
         return true;
     }
 
-    /// Another disk beside the file that has it as an extent: the one that it is named after.
     std::string findOwner(const fs::path& extent) const {
-        const std::string stem = nameFromPath(extent.stem());
-        const std::size_t end = stem.rfind("-s");
-        if (end == std::string::npos)
-            return std::string();
-        const fs::path owner =
-            extent.parent_path() / pathFromName(stem.substr(0, end) + nameFromPath(extent.extension()));
-        if (isSameFile(owner, m_plan.oldPath) || !fs::is_regular_file(owner))
-            return std::string();
-        if (m_plan.isNewMainThere && isSameFile(owner, m_plan.newPath))
-            return std::string();
-        try {
-            const UMainFile file = readMainFile(m_files, uriFromPath(owner));
-            for (const auto& each : file.getExtents())
-                if (isSameFile(pathFromURI(file.findExtent(*each)), extent))
-                    return nameFromPath(owner);
-        } catch (const CError&) { // NOLINT(bugprone-empty-catch): no disk, so no owner
+        std::vector<fs::path> own = {m_plan.oldPath};
+        if (m_plan.isNewMainThere)
+            own.push_back(m_plan.newPath);
+        return findOtherOwner(m_plan.oldFiles.get(), extent, own);
+    }
+
+    /// What a descriptor names may be anything.
+    void verifyIsExtent(const fs::path& path, std::size_t index) const {
+        std::array<unsigned char, 4> bytes{};
+        std::error_code ignored;
+        bool isExtent = false;
+        if (fs::is_regular_file(path, ignored)) {
+            std::ifstream file(path, std::ios::binary);
+            file.read(reinterpret_cast<char*>(bytes.data()), bytes.size());
+            const auto magic = loadLittleEndian<uint32>(bytes.data());
+            const bool mayBeHalfMade = index > 0 && m_plan.descriptor->getLumCreateExtentFilesOnDemand();
+            isExtent = file && (magic == CVMDKSparseExtentHeader::magicNumber ||
+                                magic == CVMDKSparseExtentHeader::magicNumberEncrypted);
+            isExtent = isExtent || (mayBeHalfMade && about(m_name, [&] {
+                                        return isHalfMadeVMDKSparseExtentFile(m_files, uriFromPath(path));
+                                    }));
         }
-        return std::string();
+        if (!isExtent)
+            throw CFailure(m_name, "It names something that is no extent of a disk: " + nameFromPath(path));
     }
 
     void addMove(const CVMDKExtentInfo& extent, std::size_t index) {
@@ -143,12 +167,12 @@ private:
             throw CFailure(m_name, "It has a file outside its folder, which --allow DIR lets it name: " +
                                        showPaths(uri.toString(true)));
         const std::string extentName = fileNameOf(extent);
-        const fs::path recorded = pathFromURI(uri);
+        const fs::path recorded = withRealFolder(pathFromURI(uri));
         const fs::path named = oldFolder() / pathFromName(makeExtentName(oldMainName(), extentName, index));
         const fs::path target = newFolder() / pathFromName(makeExtentName(newMainName(), extentName, index));
         const bool isRecordedThere = somethingExists(recorded);
         const bool isNamedThere = named != recorded && somethingExists(named);
-        if (isRecordedThere && isNamedThere && !isSameFile(recorded, named))
+        if (isRecordedThere && isNamedThere && !areNamesOfOneFile(recorded, named))
             throw CFailure(m_name,
                            "It cannot be told which is a file of this disk: " + nameFromPath(recorded) +
                                ", which it names, or " + nameFromPath(named) + ", which is named after it");
@@ -160,7 +184,7 @@ private:
         }
         if (!m_targets.insert(target).second)
             throw CFailure(m_name, "Two of its files would have the name " + nameFromPath(target));
-        URenamePlan::UMove move{isNamedThere ? named : recorded, target, {}};
+        URenamePlan::UMove move{isNamedThere ? named : recorded, target, named, {}};
         if (!isRecordedThere && !isNamedThere) {
             const bool mayBeMissing = index > 0 && m_plan.descriptor->getLumCreateExtentFilesOnDemand();
             const bool wasMoved =
@@ -176,14 +200,14 @@ private:
                 return;
         }
         if (move.from != target && somethingExists(target)) {
-            if (!isSameFile(move.from, target))
+            if (!areNamesOfOneFile(move.from, target))
                 throw CFailure(nameFromPath(target), existsAlready);
             move.obsolete.push_back(move.from);
             move.from = target;
         }
-        if (move.from != target && oldFolder() != newFolder() && fs::is_symlink(move.from))
-            throw CFailure(nameFromPath(move.from),
-                           "It is a link, which may lead nowhere from another folder");
+        if (move.from != target && fs::is_symlink(move.from))
+            throw CFailure(nameFromPath(move.from), "It is a link, which is given no other name");
+        verifyIsExtent(move.from, index);
         for (const fs::path& other : {recorded, named})
             if (other != target && other != move.from && somethingExists(other) &&
                 std::find(move.obsolete.begin(), move.obsolete.end(), other) == move.obsolete.end())

@@ -14,11 +14,17 @@ struct URenamePlan {
     struct UMove {
         std::filesystem::path from; ///< the file as it is found; `to` where it has its name already
         std::filesystem::path to;
+        /// A name by which another try finds the file, whatever name the main file has for it.
+        std::filesystem::path interim;
         std::vector<std::filesystem::path> obsolete; ///< other names of the same file
     };
 
+    /// As far as the disk may use them under its old and its new name.
+    P<IFileSystem> oldFiles;
+    P<IFileSystem> newFiles;
     UMainFile main;
-    std::filesystem::path oldPath; ///< of the main file
+    /// Of the main file. No folder in these paths is a link, so that a name has one spelling only.
+    std::filesystem::path oldPath;
     std::filesystem::path newPath;
     /// The extents that have files of their own.
     std::vector<UMove> moves;

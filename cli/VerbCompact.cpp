@@ -1,10 +1,16 @@
 #include "CCompactCopy.h"
+#include "Confinement.h"
 #include "Disks.h"
 #include "Errors.h"
 #include "Names.h"
 #include "Sizes.h"
 #include "Verbs.h"
+#include "lum/CBase.h"
 #include "lum/CNativeFileSystem.h"
+#include "platform.h"
+#include "tessel/CVMDKDiskChecker.h"
+
+#include <algorithm>
 
 namespace tessel::cli {
 
@@ -16,6 +22,40 @@ struct UCompact {
     CPasswords passwords;
 };
 
+class CInterruptibleReport : public CBase, public IVMDKCheckReport {
+public:
+    void addFinding(const UVMDKCheckFinding& /*finding*/) override { throwIfInterrupted(); }
+    void onProgress(int64 /*position*/) override { throwIfInterrupted(); }
+};
+
+/// Whether each compressed grain can be had with its record, which tells whose it is.
+bool hasWholeGrainsOnly(const CVMDKDisk& disk) {
+    TArray<P<CVMDKExtentInfo>> extents;
+    disk.getDescriptor()->getExtentEntries(extents);
+    const int64 grainSectors = disk.getGrainSizeBytes() / vmdkSectorSize;
+    return std::all_of(extents.begin(), extents.end(), [&](const auto& extent) {
+        return static_cast<int64>(extent->getSizeSectors()) % grainSectors == 0;
+    });
+}
+
+/// The old files are all that a damaged disk can be repaired from. Throws: CFailure when it is, or when that
+/// cannot be told. Requires: the disk is open for writing.
+void verifyIsWhole(const std::string& name, const CVMDKDisk& disk, const String& password,
+                   IFileSystem* files) {
+    const P<IFileSystem> confined = confine(files, name);
+    const P<CVMDKDiskChecker> checker(new CVMDKDiskChecker(confined.get(), disk.getMainFileURI()));
+    checker->setTakesRenamed(true);
+    checker->setLocks(false);
+    const P<CInterruptibleReport> report(new CInterruptibleReport);
+    about(name,
+          [&] { checker->check(password, !disk.getCompressed() || hasWholeGrainsOnly(disk), *report); });
+    if (checker->getDamageCount() > 0)
+        throw CFailure(name, "It is damaged, and stays as it is (tessel check " + name + " tells how)");
+    if (checker->getUncheckedCount() > 0)
+        throw CFailure(name, "Not all of it can be checked, and it stays as it is (tessel check " + name +
+                                 " tells why)");
+}
+
 void compact(UCompact& verb) {
     verifyMayBeDisk(verb.disk);
     if (std::filesystem::is_symlink(pathFromName(verb.disk)))
@@ -24,6 +64,7 @@ void compact(UCompact& verb) {
     const String& password = verb.passwords.getForOpening(verb.disk);
     // Open for writing until all is done, so that nobody else uses it.
     const P<CVMDKDisk> disk = openDisk(verb.disk, IIOStream::Access_ReadWrite, password, files.get());
+    verifyIsWhole(verb.disk, *disk, password, files.get());
     P<CVMDKDisk> parent;
     if (!disk->getParentDiskMainURI().isEmpty())
         parent = openParents(*disk, password, files.get()).front();

@@ -8,6 +8,7 @@
 #include "Verbs.h"
 #include "lum/CLockFile.h"
 #include "lum/CNativeFileSystem.h"
+#include "platform.h"
 #include "tessel/CVMDKDescriptorAccessor.h"
 #include "tessel/VMDKFileReference.h"
 
@@ -53,7 +54,7 @@ private:
 /// no file two names, the disk opens by neither while its files move, and the same command again finishes it.
 class CRenamer {
 public:
-    CRenamer(const URenamePlan& plan, IFileSystem* files) : m_plan(plan), m_files(files) {}
+    explicit CRenamer(const URenamePlan& plan) : m_plan(plan) {}
 
     void run() {
         CUndo undo;
@@ -67,11 +68,7 @@ public:
                 putNewMain(undo);
         } else {
             throwIfInterrupted();
-            if (m_plan.main.isEmbedded)
-                storeNames(m_plan.oldPath, undo);
-            else
-                putNewMain(undo);
-            moveAll(undo);
+            moveWithoutLinks(undo);
         }
         syncFolders();
         undo.keep();
@@ -127,16 +124,35 @@ private:
         return true;
     }
 
-    void moveAll(CUndo& undo) const {
-        const auto move = [&](const fs::path& from, const fs::path& to) {
-            moveFile(from, to, false);
-            undo.add([from, to] { moveFile(to, from, false); });
-        };
+    /// Ended at any step, another try finds each file: by a name that a main file has for it, or by the one
+    /// that goes with the old main file's.
+    void moveWithoutLinks(CUndo& undo) const {
+        if (m_plan.main.isEmbedded) {
+            moveExtents(&URenamePlan::UMove::from, &URenamePlan::UMove::interim, undo);
+            storeNames(m_plan.oldPath, undo);
+            moveExtents(&URenamePlan::UMove::interim, &URenamePlan::UMove::to, undo);
+            if (!m_plan.staysInPlace() && !m_plan.isNewMainThere)
+                move(m_plan.oldPath, m_plan.newPath, undo);
+        } else if (m_plan.staysInPlace()) {
+            moveExtents(&URenamePlan::UMove::from, &URenamePlan::UMove::to, undo);
+            putNewMain(undo);
+        } else {
+            putNewMain(undo);
+            moveExtents(&URenamePlan::UMove::from, &URenamePlan::UMove::to, undo);
+        }
+    }
+
+    void moveExtents(fs::path URenamePlan::UMove::*from, fs::path URenamePlan::UMove::*to,
+                     CUndo& undo) const {
         for (const auto& each : m_plan.moves)
-            if (each.from != each.to)
-                move(each.from, each.to);
-        if (m_plan.main.isEmbedded && !m_plan.staysInPlace() && !m_plan.isNewMainThere)
-            move(m_plan.oldPath, m_plan.newPath);
+            if (each.from != each.to && each.*from != each.*to)
+                move(each.*from, each.*to, undo);
+        syncFolders();
+    }
+
+    static void move(const fs::path& from, const fs::path& to, CUndo& undo) {
+        moveFile(from, to, false);
+        undo.add([from, to] { moveFile(to, from, false); });
     }
 
     /// The new names, with the parent's reference that leads there from both folders.
@@ -152,8 +168,9 @@ private:
 
     void storeEmbedded(const fs::path& path, const CVMDKDescriptor& descriptor, CUndo& undo) const {
         about(nameFromPath(path), [&] {
+            IFileSystem* const files = (path == m_plan.newPath ? m_plan.newFiles : m_plan.oldFiles).get();
             const P<IIOStream> stream =
-                openExistingVMDKFileStream(m_files, uriFromPath(path), IIOStream::Access_ReadWrite);
+                openExistingVMDKFileStream(files, uriFromPath(path), IIOStream::Access_ReadWrite);
             const P<CVMDKDescriptorAccessor> accessor(
                 new CVMDKDescriptorAccessor(stream.get(), IIOStream::Access_ReadWrite));
             const P<CVMDKDescriptor> current = accessor->getDescriptor();
@@ -182,46 +199,67 @@ private:
             about(nameFromPath(m_plan.newPath), [&] { return descriptor->toString().toUTF8(); });
         // Room for what is written later stays what it was.
         text.resize(std::max<std::size_t>(text.size(), fs::file_size(m_plan.oldPath)), '\0');
+        if (m_plan.staysInPlace())
+            undo.add([this, old = readOldMain()] { putText(old); });
+        putText(text);
+        if (!m_plan.staysInPlace())
+            undo.add([path = m_plan.newPath] { fs::remove(path); });
+    }
+
+    std::string readOldMain() const {
+        const CRawFile file = CRawFile::openForReading(m_plan.oldPath);
+        std::string text(static_cast<std::size_t>(file.getLength()), '\0');
+        file.read(0, text.data(), static_cast<int>(text.size()));
+        return text;
+    }
+
+    void putText(const std::string& text) const {
         CStagedFile staged(m_plan.newPath, m_plan.staysInPlace());
         staged.getFile().write(0, text.data(), static_cast<int>(text.size()));
         staged.getFile().copyAccessFrom(m_plan.oldPath);
         staged.commit(true);
-        if (!m_plan.staysInPlace())
-            undo.add([path = m_plan.newPath] { fs::remove(path); });
     }
 
     void removeOldNames() const {
         // The main file first, so that the old name never is that of half a disk.
         if (!m_plan.staysInPlace())
-            removeFile(m_plan.oldPath);
+            removeName(m_plan.oldPath, m_plan.newPath,
+                       m_plan.main.isEmbedded ? areNamesOfOneFile : areNamesOfTwoFiles);
         for (const auto& move : m_plan.moves) {
             if (move.from != move.to)
-                removeFile(move.from);
+                removeName(move.from, move.to, areNamesOfOneFile);
             for (const fs::path& name : move.obsolete)
-                removeFile(name);
+                removeName(name, move.to, areNamesOfOneFile);
         }
         syncFolder(folderOf(m_plan.oldPath));
     }
 
-    static void removeFile(const fs::path& path) {
+    /// The old name goes only when `areSafe(name, kept)` says that what it names has the new one as well.
+    static void removeName(const fs::path& name, const fs::path& kept,
+                           bool (*areSafe)(const fs::path&, const fs::path&)) {
+        if (!somethingExists(name))
+            return;
+        if (!areSafe(name, kept))
+            throw CFailure(nameFromPath(name), "The old name stays, since it is not sure that the new one, " +
+                                                   nameFromPath(kept) + ", is the same file's");
         std::error_code error;
-        fs::remove(path, error);
+        fs::remove(name, error);
         if (error)
-            throw CFailure(nameFromPath(path),
+            throw CFailure(nameFromPath(name),
                            "The disk has its new name, but the old one cannot be removed: " +
                                error.message());
     }
 
     const URenamePlan& m_plan;
-    IFileSystem* m_files;
 };
 
 /// Throws: CFailure when the text of the descriptor would not fit.
-void verifyRoom(const std::string& name, const URenamePlan& plan, IFileSystem* files) {
+void verifyRoom(const std::string& name, const URenamePlan& plan) {
     if (!plan.main.isEmbedded)
         return;
     about(name, [&] {
-        const P<IIOStream> stream = openVMDKFileStream(files, plan.main.uri, IIOStream::Access_Read);
+        const P<IIOStream> stream =
+            openVMDKFileStream(plan.oldFiles.get(), plan.main.uri, IIOStream::Access_Read);
         const P<CVMDKDescriptorAccessor> accessor(
             new CVMDKDescriptorAccessor(stream.get(), IIOStream::Access_Read));
         TArray<CVMDKDescriptor> texts = {*plan.descriptor};
@@ -245,10 +283,15 @@ void tellChild(const std::string& child, const std::string& newName) {
     tellNote(child + ": Its parent has another name now (tessel rebase " + child + " " + newName + ")");
 }
 
+/// Whether this was the disk's name, by the folder that the user named or the one that it is.
+bool isOldName(const CURI& uri, const URenamePlan& plan) {
+    return uri == plan.main.uri || uri == uriFromPath(plan.oldPath).toNormalized();
+}
+
 /// The children of the disk in these folders are told of, since their parent is no more where they look.
 void tellChildren(const URenamePlan& plan, const std::string& newName) {
-    const P<IFileSystem> files(new CNativeFileSystem(false));
     for (const fs::path& folder : std::set<fs::path>{folderOf(plan.oldPath), folderOf(plan.newPath)}) {
+        const P<IFileSystem>& files = folder == folderOf(plan.newPath) ? plan.newFiles : plan.oldFiles;
         std::error_code ignored;
         for (const auto& entry : fs::directory_iterator(folder, ignored)) {
             const std::string name = nameFromPath(entry.path());
@@ -259,7 +302,7 @@ void tellChildren(const URenamePlan& plan, const std::string& newName) {
                 String reference;
                 if (child.descriptor->getParentContentID() != noContentID &&
                     child.descriptor->tryGetParentFileNameHint(reference) &&
-                    vmdkFileReferenceToURI(child.uri.getParent(), reference) == plan.main.uri)
+                    isOldName(vmdkFileReferenceToURI(child.uri.getParent(), reference), plan))
                     tellChild(name, newName);
             } catch (const CError&) {   // NOLINT(bugprone-empty-catch): no disk, or none that can be read
             } catch (const CFailure&) { // NOLINT(bugprone-empty-catch): the same
@@ -269,9 +312,10 @@ void tellChildren(const URenamePlan& plan, const std::string& newName) {
 }
 
 P<CLockFile> lockDisk(IFileSystem* files, const std::string& name) {
+    const P<IFileSystem> confined = confine(files, name);
     return about(name, [&] {
         const CURI uri = uriFromName(name).toNormalized();
-        return P<CLockFile>(new CLockFile(files, uri.getParent() << (uri.getName() + ".lock"),
+        return P<CLockFile>(new CLockFile(confined.get(), uri.getParent() << (uri.getName() + ".lock"),
                                           CLockFile::LockType_Exclusive, false, true));
     });
 }
@@ -279,13 +323,13 @@ P<CLockFile> lockDisk(IFileSystem* files, const std::string& name) {
 void renameDisk(const URename& verb) {
     verifyMayBeDisk(verb.disk);
     const P<IFileSystem> files(new CNativeFileSystem(true));
-    makeRenamePlan(files.get(), verb.disk, verb.newName); // what cannot be is told before a lock is taken
+    // What cannot be is told before a lock is taken.
+    const bool isSame = makeRenamePlan(files.get(), verb.disk, verb.newName).staysInPlace();
     const P<CLockFile> oldLock = lockDisk(files.get(), verb.disk);
-    const bool isSame = uriFromName(verb.disk).toNormalized() == uriFromName(verb.newName).toNormalized();
     const P<CLockFile> newLock = isSame ? nullptr : lockDisk(files.get(), verb.newName);
     const URenamePlan plan = makeRenamePlan(files.get(), verb.disk, verb.newName);
-    verifyRoom(verb.disk, plan, files.get());
-    CRenamer(plan, files.get()).run();
+    verifyRoom(verb.disk, plan);
+    CRenamer(plan).run();
     if (!isSame)
         tellChildren(plan, verb.newName);
 }

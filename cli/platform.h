@@ -103,6 +103,10 @@ int64 getAllocatedSize(const std::filesystem::path& path);
 /// Gives a file another name in the same file system. With `replace` false a file that has the name
 /// already is an error, whoever made it. Throws: CFailure.
 void moveFile(const std::filesystem::path& from, const std::filesystem::path& to, bool replace);
+/// Whether two names, links not followed, are two of one regular file: the file stays when either goes.
+bool areNamesOfOneFile(const std::filesystem::path& a, const std::filesystem::path& b);
+/// Whether two names, links not followed, are those of two regular files.
+bool areNamesOfTwoFiles(const std::filesystem::path& a, const std::filesystem::path& b);
 /// Makes names that were given in a folder durable. Throws: CFailure.
 void syncFolder(const std::filesystem::path& folder);
 

@@ -427,6 +427,22 @@ void moveFile(const fs::path& from, const fs::path& to, bool replace) {
                                    : "Cannot give the finished file its name: " + describeSystemError(error));
 }
 
+bool areNamesOfOneFile(const fs::path& a, const fs::path& b) {
+    struct stat first = {};
+    struct stat second = {};
+    // One name of which there are two spellings shows in the number of names.
+    return ::lstat(a.c_str(), &first) == 0 && ::lstat(b.c_str(), &second) == 0 && S_ISREG(first.st_mode) &&
+           S_ISREG(second.st_mode) && first.st_dev == second.st_dev && first.st_ino == second.st_ino &&
+           first.st_nlink >= 2;
+}
+
+bool areNamesOfTwoFiles(const fs::path& a, const fs::path& b) {
+    struct stat first = {};
+    struct stat second = {};
+    return ::lstat(a.c_str(), &first) == 0 && ::lstat(b.c_str(), &second) == 0 && S_ISREG(first.st_mode) &&
+           S_ISREG(second.st_mode) && (first.st_dev != second.st_dev || first.st_ino != second.st_ino);
+}
+
 void syncFolder(const fs::path& folder) {
     const int handle = ::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     // EINVAL: a file system that cannot synchronise folders has no better to offer.

@@ -20,7 +20,8 @@ namespace tessel {
 /// begin. Only files are opened that the descriptor, or that of a parent, names; of parents only the
 /// descriptor, to compare content IDs.
 ///
-/// The disk is locked like one that is open for reading. One thread at a time.
+/// The disk is locked like one that is open for reading, unless setLocks() says otherwise. One thread at a
+/// time.
 class TESSEL_EXPORT CVMDKDiskChecker : public CBase {
 public:
     /// The file system is kept; nothing is opened yet.
@@ -30,6 +31,10 @@ public:
     /// Whether a main file that was renamed or copied by hand is checked as what it is now, as
     /// CVMDKDisk::openRenamed() opens it, and no finding made of it. As a rule it is not.
     void setTakesRenamed(bool takesRenamed) noexcept { m_takesRenamed = takesRenamed; }
+
+    /// Whether the disk is locked meanwhile, as a rule it is. Not for whoever has it open for writing, with
+    /// nothing written yet, and so keeps others out himself.
+    void setLocks(bool locks) noexcept { m_locks = locks; }
 
     /// Checks the disk and tells `report` of each finding. `quick`: only the metadata; otherwise every grain
     /// is read too, and what is compressed inflated. `password` is needed only for looking at compressed
@@ -56,6 +61,7 @@ private:
     P<IFileSystem> m_fileSystem;
     CURI m_mainFileURI;
     bool m_takesRenamed = false;
+    bool m_locks = true;
     int64 m_damageCount = 0;
     int64 m_informationCount = 0;
     int64 m_uncheckedCount = 0;

@@ -193,9 +193,11 @@ CVMDKDiskChecker::~CVMDKDiskChecker() = default;
 
 void CVMDKDiskChecker::check(const String& password, bool quick, IVMDKCheckReport& report) {
     m_damageCount = m_informationCount = m_uncheckedCount = m_extentCount = m_grainCount = 0;
-    const P<CLockFile> lock(new CLockFile(m_fileSystem.get(),
-                                          m_mainFileURI.getParent() << (m_mainFileURI.getName() + ".lock"),
-                                          CLockFile::LockType_Shared, false, true));
+    P<CLockFile> lock;
+    if (m_locks)
+        lock = new CLockFile(m_fileSystem.get(),
+                             m_mainFileURI.getParent() << (m_mainFileURI.getName() + ".lock"),
+                             CLockFile::LockType_Shared, false, true);
     const UMainFile mainFile = readMainFile(m_fileSystem.get(), m_mainFileURI);
     const P<CVMDKDescriptor> descriptor = mainFile.descriptor;
     const CProps uriProps = CProps().add("uri", m_mainFileURI.toString(true));
