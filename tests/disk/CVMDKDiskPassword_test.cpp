@@ -114,11 +114,13 @@ protected:
                 EXPECT_EQ(extentsOf(), extents);
                 EXPECT_TRUE(settings == before || settings == after) << settings;
                 wasOld = wasOld || settings == before;
-                if (settings != opened)
+                if (settings != opened) {
                     EXPECT_EQ(whichOpens(), settings == before ? byOld : byNew);
+                }
                 opened = settings;
-                if (count == end)
+                if (count == end) {
                     EXPECT_EQ(settings, after);
+                }
             }
         EXPECT_TRUE(wasOld);
         m_memory = whole;
