@@ -332,6 +332,18 @@ TEST_F(CVMDKDiskCheckerTest, ThrowsWhenSomebodyWritesToTheDisk) {
     EXPECT_THROW(check(), CError);
 }
 
+TEST_F(CVMDKDiskCheckerTest, LeavesTheLockToWhoeverHasTheDiskOpenForWriting) {
+    const P<CVMDKDisk> disk = create();
+    const P<CVMDKDiskChecker> checker(new CVMDKDiskChecker(files(), uri("disk.vmdk")));
+    const P<CFindings> findings(new CFindings);
+    EXPECT_THROW(checker->check("", true, *findings), CError);
+    checker->setLocks(false);
+    checker->check("", true, *findings);
+    EXPECT_EQ(checker->getExtentCount(), 1);
+    EXPECT_THAT(findings->all, IsEmpty());
+    EXPECT_THROW(check(), CError); // the disk is locked as before
+}
+
 TEST_F(CVMDKDiskCheckerTest, LeavesVariantsThatAreNotSupportedUnchecked) {
     makeDisk({.name = ""});
     spoil("disk.vmdk", [](CExtentBytes& extent) { extent.put32(8, extent.get32(8) | 4); });
