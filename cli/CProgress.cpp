@@ -24,7 +24,8 @@ std::string formatDuration(double seconds) {
 
 } // namespace
 
-CProgress::CProgress(int64 sizeBytes, bool quiet) : m_size(sizeBytes), m_shown(!quiet && isErrorTerminal()) {}
+CProgress::CProgress(int64 sizeBytes, bool quiet, Clock::time_point start)
+    : m_size(sizeBytes), m_shown(!quiet && isErrorTerminal()), m_start(start) {}
 
 CProgress::~CProgress() {
     if (m_drawn)

@@ -12,7 +12,9 @@ namespace tessel::cli {
 class CProgress {
 public:
     /// `sizeBytes` -1 when the end is not known. `quiet`: show nothing.
-    CProgress(int64 sizeBytes, bool quiet);
+    /// `start`: when the work began.
+    CProgress(int64 sizeBytes, bool quiet,
+              std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now());
     /// Clears the line.
     ~CProgress();
     CProgress(const CProgress&) = delete;
@@ -32,8 +34,8 @@ private:
     int64 m_size;
     bool m_shown;
     bool m_drawn = false;
-    Clock::time_point m_start = Clock::now();
-    Clock::time_point m_nextUpdate = m_start + std::chrono::milliseconds(300);
+    Clock::time_point m_start;
+    Clock::time_point m_nextUpdate = Clock::now() + std::chrono::milliseconds(300);
 };
 
 } // namespace tessel::cli

@@ -82,7 +82,7 @@ int64 CSizeSample::getSlotBytes(int64 recordBytes) const {
     return m_plan->isEncrypted ? getEncryptedSlotBytes(recordBytes) : roundUp(recordBytes, vmdkSectorSize);
 }
 
-void CSizeSample::take() {
+void CSizeSample::take(CProgress& progress) {
     int64 grains = 0;
     forEachCandidateRun(
         [&](int64 start, int64 end) { grains += divideRoundingUp(end - start, m_grainSize); });
@@ -108,6 +108,7 @@ void CSizeSample::take() {
         for (; next < passed + count; next = ++part < wanted ? choose(part) : grains) {
             throwIfInterrupted();
             const int64 position = start + (next - passed) * m_grainSize;
+            progress.advanceTo(position);
             const auto bytes = static_cast<double>(measureGrain(position));
             const auto stands = static_cast<double>(startOf(part + 1) - startOf(part)); // for so many grains
             sums[m_plan->findExtent(position)] += bytes * stands;

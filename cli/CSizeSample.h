@@ -2,6 +2,7 @@
 
 #include "CGrainChooser.h"
 #include "CPreparerPool.h"
+#include "CProgress.h"
 #include "ISource.h"
 #include "NewDiskPlan.h"
 
@@ -20,7 +21,7 @@ public:
     CSizeSample(const UNewDiskPlan* plan, CGrainChooser* chooser, ISource* source, int level);
 
     /// Throws: what source and parent throw; CInterrupted.
-    void take();
+    void take(CProgress& progress);
 
     /// Of each extent, estimated.
     const std::vector<int64>& getStoredBytes() const noexcept { return m_storedBytes; }

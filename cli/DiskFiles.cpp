@@ -1,6 +1,7 @@
 #include "DiskFiles.h"
 
 #include "Confinement.h"
+#include "Disks.h"
 #include "Errors.h"
 #include "Names.h"
 #include "lum/CNativeFileSystem.h"

@@ -48,14 +48,19 @@ std::string pathOf(const CURI& uri) {
 /// Writes findings as they come: there may be more of them than fit into memory.
 class CFindingWriter : public CBase, public IVMDKCheckReport {
 public:
-    CFindingWriter(const std::string& disk, bool json, bool quick)
-        : m_disk(disk), m_json(json), m_quick(quick) {
-        m_progress.emplace(-1, false);
+    /// `sizeBytes`: of the disk; -1 when nobody knows.
+    CFindingWriter(const std::string& disk, int64 sizeBytes, bool json, bool quick)
+        : m_disk(disk),
+          m_size(sizeBytes),
+          m_json(json),
+          m_quick(quick),
+          m_start(std::chrono::steady_clock::now()) {
+        showProgress();
     }
 
     void addFinding(const Finding& finding) override {
         throwIfInterrupted();
-        m_progress.emplace(-1, false); // takes the old line away
+        showProgress(); // takes the old line away
         if (m_json)
             addJson(finding);
         else
@@ -77,6 +82,8 @@ public:
     }
 
 private:
+    void showProgress() { m_progress.emplace(m_size, false, m_start); }
+
     static std::string makeLine(const Finding& finding) {
         std::string line = std::string(nameOf(finding.severity)) + ": " + pathOf(finding.uri) + ": ";
         const auto add = [&](const char* name, int64 value, const char* separator) {
@@ -145,8 +152,10 @@ private:
     }
 
     std::string m_disk;
+    int64 m_size;
     bool m_json;
     bool m_quick;
+    std::chrono::steady_clock::time_point m_start;
     std::optional<CProgress> m_progress;
     bool m_begun = false;
     bool m_hasFindings = false;
@@ -186,15 +195,19 @@ void checkDisk(UCheck& verb) {
     const P<IFileSystem> files = confine(native.get(), verb.disk);
     const P<CVMDKDiskChecker> checker(new CVMDKDiskChecker(files.get(), uriFromName(verb.disk)));
     checker->setTakesRenamed(true);
+    int64 size = -1;
     try {
         const UMainFile file = readMainFile(files.get(), uriFromName(verb.disk));
+        size = 0;
+        for (const auto& extent : file.getExtents())
+            size += static_cast<int64>(extent->getSizeSectors()) * vmdkSectorSize;
         tellIfRenamed(files.get(), file, verb.disk);
         verifyFilesAreNotRenamed(verb.disk, file);
     } catch (const CFailure& failure) {
         tellNote(failure.what());
     } catch (const CError&) { // NOLINT(bugprone-empty-catch): what is wrong with it, the check tells
     }
-    const P<CFindingWriter> writer(new CFindingWriter(verb.disk, verb.json, verb.quick));
+    const P<CFindingWriter> writer(new CFindingWriter(verb.disk, size, verb.json, verb.quick));
     const String& password = choosePassword(verb);
     about(verb.disk, [&] { checker->check(password, verb.quick, *writer); });
     writer->finish(*checker);

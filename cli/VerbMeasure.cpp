@@ -118,7 +118,8 @@ UMeasured measureDisk(UMeasure& verb, ISource& source, int64 size) {
     std::vector<int64> stored;
     if (plan.isCompressed) {
         CSizeSample sample(&plan, &chooser, &source, verb.options.level);
-        sample.take();
+        CProgress progress(plan.sizeBytes, verb.quiet);
+        sample.take(progress);
         stored = sample.getStoredBytes();
         measured.isEstimate = true;
         measured.marginBytes = sample.getMarginBytes();
