@@ -49,8 +49,9 @@ TEST_F(CVMDKDiskRenamedTest, MainFileIsTheExtentWhetherTheOtherIsThereOrNot) {
                 EXPECT_EQ(readAt(*disk, 12345, 1000), m_other);
                 EXPECT_EQ(readAt(*disk, 4 * MiB, 1000), m_other);
                 EXPECT_EQ(exists("old.vmdk"), isCopy);
-                if (isCopy)
+                if (isCopy) {
                     EXPECT_EQ(getFile("old.vmdk"), old);
+                }
                 m_memory->deleteFile(uri("old.vmdk"), true);
             }
     EXPECT_THAT(takeLog(), IsEmpty());
