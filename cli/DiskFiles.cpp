@@ -109,20 +109,20 @@ void tellIfRenamed(IFileSystem* files, const UMainFile& file, const std::string&
              " puts it right)");
 }
 
-std::string explainMissingFile(const std::string& name, const String& missing) {
+std::string explainMissingFile(const std::string& name, const std::string& missing) {
     try {
         const P<IFileSystem> files(new CNativeFileSystem(false));
         const UMainFile main = readMainFile(files.get(), uriFromName(name));
-        const std::string path = showPaths(missing);
+        const auto isIt = [&](const CURI& uri) { return showPaths(uri.toString(true)) == missing; };
         String reference;
         if (main.descriptor->getParentContentID() != noContentID &&
             main.descriptor->tryGetParentFileNameHint(reference) &&
-            vmdkFileReferenceToURI(main.uri.getParent(), reference).toString(true) == missing)
-            return "Its parent is missing: " + path + " (tessel rebase " + name +
+            isIt(vmdkFileReferenceToURI(main.uri.getParent(), reference)))
+            return "Its parent is missing: " + missing + " (tessel rebase " + name +
                    " NEW_PARENT tells it where the parent is now)";
         for (const auto& extent : main.getExtents())
-            if (main.findExtent(*extent).toString(true) == missing)
-                return "A file of the disk is missing: " + path;
+            if (isIt(main.findExtent(*extent)))
+                return "A file of the disk is missing: " + missing;
     } catch (const CError&) {   // NOLINT(bugprone-empty-catch): what is wrong with it, others tell
     } catch (const CFailure&) { // NOLINT(bugprone-empty-catch): the same
     }

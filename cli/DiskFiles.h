@@ -40,8 +40,8 @@ std::string findOtherOwner(IFileSystem* files, const std::filesystem::path& exte
 void tellIfRenamed(IFileSystem* files, const UMainFile& file, const std::string& name);
 
 /// What it means for a disk that one of its files is not there, and what helps; empty when the disk does not
-/// name that file, or cannot be read.
-std::string explainMissingFile(const std::string& name, const String& missing);
+/// name that file, or cannot be read. `missing`: its path as showPaths() has it.
+std::string explainMissingFile(const std::string& name, const std::string& missing);
 
 /// Throws: CFailure when files of a disk are missing because it was renamed by hand: it names them, and the
 /// verb that mends it. Whatever else is wrong with a disk, whoever opens it is told.

@@ -48,7 +48,7 @@ std::string explainIfMissing(const CError& error, const std::string& file) {
         return std::string();
     for (const auto& [name, value] : error.getProps().getEntries())
         if (name == "uri")
-            return explainMissingFile(file, value);
+            return explainMissingFile(file, showPaths(value));
     return std::string();
 }
 

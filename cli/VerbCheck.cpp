@@ -187,6 +187,19 @@ bool endsWithTrail(const std::string& name) {
            isVMDKMarker(reinterpret_cast<const unsigned char*>(sector.data()), MarkerFooter, nullptr);
 }
 
+/// Bytes of the disk; -1 when that cannot be, which the check tells.
+int64 addUpSize(const UMainFile& file) {
+    constexpr auto most = static_cast<uint64>(INT64_MAX / vmdkSectorSize);
+    uint64 sectors = 0;
+    for (const auto& extent : file.getExtents()) {
+        const auto count = static_cast<uint64>(extent->getSizeSectors());
+        if (count > most - sectors)
+            return -1;
+        sectors += count;
+    }
+    return static_cast<int64>(sectors) * vmdkSectorSize;
+}
+
 void checkDisk(UCheck& verb) {
     verifyIsFile(verb.disk);
     if (!endsWithTrail(verb.disk))
@@ -198,9 +211,7 @@ void checkDisk(UCheck& verb) {
     int64 size = -1;
     try {
         const UMainFile file = readMainFile(files.get(), uriFromName(verb.disk));
-        size = 0;
-        for (const auto& extent : file.getExtents())
-            size += static_cast<int64>(extent->getSizeSectors()) * vmdkSectorSize;
+        size = addUpSize(file);
         tellIfRenamed(files.get(), file, verb.disk);
         verifyFilesAreNotRenamed(verb.disk, file);
     } catch (const CFailure& failure) {
