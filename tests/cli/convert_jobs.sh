@@ -97,7 +97,7 @@ mkfifo pipe
 (ulimit -f 1000; exec "$TESSEL_PROGRAM" convert - new.raw --to raw --size 64M --jobs 4) <pipe 2>"$err" &
 child=$!
 exec 3>pipe
-head -c 20000000 big.raw >&3 || true
+head -c 20000000 big.raw >&3 || true # the pipe breaks when the program ends, as it should
 for ((i = 0; i < 500; i++)); do
     kill -0 $child 2>/dev/null || break
     sleep 0.02

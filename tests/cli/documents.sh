@@ -68,8 +68,11 @@ same told found
 
 # Links between the documents lead somewhere.
 cd -- "$TESSEL_SOURCE_DIR"
+links=0
 for page in *.md docs/*.md; do
     while IFS= read -r target; do
+        links=$((links + 1))
         [[ -e $(dirname -- "$page")/${target%%#*} ]] || fail "$page leads to $target, which is not there"
     done < <(grep -o ']([^)#:]*[^):]*)' "$page" | grep -v '](#' | sed 's/^](//; s/)$//' | grep -v '://' || true)
 done
+((links > 20)) || fail "only $links links were found"

@@ -60,7 +60,7 @@ ok write top.vmdk 64K <grain
 whole top.vmdk
 json_is '[r["layer"] for r in d["runs"]][:3]' '[1, 0, 2]'
 json_is '[r["state"] for r in d["runs"]][:3]' "['parent', 'data', 'parent']"
-json_is 'd["layers"] == [sys.argv[1].rsplit("/", 1)[0] + "/work/" + n + ".vmdk" for n in ("top", "mid", "disk")]' True
+json_is 'd["layers"] == ["/".join([sys.argv[1].rsplit("/", 1)[0], "work", n + ".vmdk"]) for n in ("top", "mid", "disk")]' True
 ok map top.vmdk
 output_holds '      0    65536  parent 1  mid.vmdk, sector 128'
 output_holds '  65536    65536  data      top.vmdk, sector 128'

@@ -108,7 +108,7 @@ qemu_io() {
 # qemu_io_fails TEXT COMMAND: the command fails so.
 qemu_io_fails() {
     last="qemu-io $2"
-    qemu-io -f raw -c "$2" "$uri" >"$base/client" 2>&1 || true
+    ! qemu-io -f raw -c "$2" "$uri" >"$base/client" 2>&1 || fail "it should fail"
     grep -qF -- "$1" "$base/client" || fail "qemu-io should say: $1; it says: $(cat -- "$base/client")"
 }
 
