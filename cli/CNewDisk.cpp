@@ -6,6 +6,8 @@
 #include "Targets.h"
 #include "lum/CNativeFileSystem.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 
 namespace tessel::cli {

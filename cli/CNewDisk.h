@@ -7,6 +7,10 @@
 #include <memory>
 #include <vector>
 
+namespace CLI {
+class App;
+} // namespace CLI
+
 namespace tessel::cli {
 
 /// The options of a verb that makes a disk.

@@ -7,6 +7,8 @@
 #include "lum/CError.h"
 #include "platform.h"
 
+#include <CLI/CLI.hpp>
+
 #include <fstream>
 
 namespace tessel::cli {

@@ -3,10 +3,12 @@
 #include "lum/CSecretText.h"
 #include "tessel/types.h"
 
-#include <CLI/CLI.hpp>
-
 #include <optional>
 #include <string>
+
+namespace CLI {
+class App;
+} // namespace CLI
 
 namespace tessel::cli {
 

@@ -5,6 +5,8 @@
 #include "Names.h"
 #include "lum/CNativeFileSystem.h"
 
+#include <CLI/CLI.hpp>
+
 namespace tessel::cli {
 
 namespace {

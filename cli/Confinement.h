@@ -3,11 +3,13 @@
 #include "lum/IFileSystem.h"
 #include "tessel/types.h"
 
-#include <CLI/CLI.hpp>
-
 #include <string>
 
 // Which files a disk may name, as the command line tells it.
+
+namespace CLI {
+class App;
+} // namespace CLI
 
 namespace tessel::cli {
 

@@ -105,8 +105,8 @@ private:
     }
 
     void drawLegend() {
-        m_text +=
-            indent() + "One place is " + formatSize(m_picture.grid.getCellSizeBytes()) + " of the disk.\n";
+        m_text += indent();
+        m_text += "One place is " + formatSize(m_picture.grid.getCellSizeBytes()) + " of the disk.\n";
         if (total().bytes[0] > 0)
             m_text += indent() + legendOfOwn() + "\n";
         for (std::size_t state = 1; state < CDiskGrid::stateCount; ++state)

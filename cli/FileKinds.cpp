@@ -5,6 +5,8 @@
 #include "Names.h"
 #include "Sources.h"
 
+#include <CLI/CLI.hpp>
+
 #include <array>
 #include <fstream>
 

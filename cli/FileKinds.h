@@ -9,6 +9,10 @@
 
 // Whether a file is a raw image or a VMDK disk.
 
+namespace CLI {
+class App;
+} // namespace CLI
+
 namespace tessel::cli {
 
 enum class Kind { unclear, raw, vmdk };

@@ -3,6 +3,8 @@
 #include "Errors.h"
 #include "Output.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <sstream>
 

@@ -2,6 +2,7 @@
 
 #include "Copy.h"
 
+#include <CLI/CLI.hpp>
 #include <oneapi/tbb/info.h>
 
 #include <algorithm>

@@ -12,6 +12,8 @@
 #include "tessel/CVMDKDiskChecker.h"
 #include "tessel/VMDKMarker.h"
 
+#include <CLI/CLI.hpp>
+
 #include <array>
 #include <fstream>
 #include <optional>

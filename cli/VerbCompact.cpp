@@ -10,6 +10,8 @@
 #include "platform.h"
 #include "tessel/CVMDKDiskChecker.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 
 namespace tessel::cli {

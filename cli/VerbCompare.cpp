@@ -6,6 +6,8 @@
 #include "Verbs.h"
 #include "lum/CNativeFileSystem.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <array>
 

@@ -3,6 +3,8 @@
 #include "Sizes.h"
 #include "Verbs.h"
 
+#include <CLI/CLI.hpp>
+
 namespace tessel::cli {
 
 namespace {

@@ -5,6 +5,8 @@
 #include "lum/CNativeFileSystem.h"
 #include "platform.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 
 namespace tessel::cli {

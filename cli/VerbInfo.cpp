@@ -12,6 +12,8 @@
 #include "tessel/CVMDKSparseExtentHeader.h"
 #include "tessel/VMDKFileReference.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 
 namespace tessel::cli {

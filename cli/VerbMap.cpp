@@ -11,6 +11,8 @@
 #include "lum/CNativeFileSystem.h"
 #include "tessel/CVMDKSpaceInfo.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <cstdlib>
 

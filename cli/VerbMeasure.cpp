@@ -12,6 +12,8 @@
 #include "lum/CNativeFileSystem.h"
 #include "lum/Numbers.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 
 namespace tessel::cli {

@@ -4,6 +4,8 @@
 #include "Verbs.h"
 #include "lum/CNativeFileSystem.h"
 
+#include <CLI/CLI.hpp>
+
 namespace tessel::cli {
 
 namespace {

@@ -12,6 +12,8 @@
 #include "tessel/CVMDKDescriptorAccessor.h"
 #include "tessel/VMDKFileReference.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <functional>
 #include <set>

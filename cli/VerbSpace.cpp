@@ -6,6 +6,8 @@
 #include "lum/CNativeFileSystem.h"
 #include "tessel/CVMDKSpaceInfo.h"
 
+#include <CLI/CLI.hpp>
+
 namespace tessel::cli {
 
 namespace {

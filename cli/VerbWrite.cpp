@@ -6,6 +6,8 @@
 #include "lum/CNativeFileSystem.h"
 #include "platform.h"
 
+#include <CLI/CLI.hpp>
+
 namespace tessel::cli {
 
 namespace {

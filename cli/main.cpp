@@ -5,6 +5,8 @@
 #include "lum/Logging.h"
 #include "platform.h"
 
+#include <CLI/CLI.hpp>
+
 #include <algorithm>
 #include <new>
 
