@@ -5,7 +5,6 @@
 #include "Errors.h"
 #include "Names.h"
 #include "StoredGrain.h"
-#include "lum/LittleEndian.h"
 #include "lum/Numbers.h"
 #include "platform.h"
 #include "tessel/CVMDKDescriptorAccessor.h"
@@ -106,23 +105,13 @@ private:
         return !isZero(m_below);
     }
 
-    /// A record of another grain would be taken for this one's in the copy, where nothing tells any more.
-    void verifyIsRecordOf(int64 position) const {
-        const bool isWhole = m_stored->getUsed() >= CVMDKDataPreparer::recordHeadSize;
-        if (!isWhole ||
-            loadLittleEndian<uint64>(m_stored->getData()) != static_cast<uint64>(position / vmdkSectorSize))
-            throw CFailure(m_name, "The grain at byte " + std::to_string(position) +
-                                       " holds another grain's record; it stays as it is (tessel check " +
-                                       m_name + " tells more)");
-    }
-
     void copyStored(int64 position) {
         m_from->seek(position);
         m_from->readPreparedGrainData(*m_stored);
         bool isPassed = true;
         bool isOfZeros = false;
         if (m_from->getCompressed()) {
-            verifyIsRecordOf(position);
+            verifyIsRecordOf(m_name, position, *m_stored);
             const int64 mostBytes = m_preparer->getWorstCaseGrainSizeSectors() * vmdkSectorSize;
             isPassed = mayPassAsStored(*m_stored, m_grainSize, mostBytes);
             isOfZeros = !isPassed && isZero(*m_preparer->unprepareGrainData(m_stored.get(), m_plain.get()));

@@ -1,5 +1,6 @@
 #include "CNewDisk.h"
 
+#include "Confinement.h"
 #include "Errors.h"
 #include "Names.h"
 #include "Sizes.h"
@@ -133,6 +134,10 @@ CNewDisk::~CNewDisk() {
 /// `password` is the parent's, `ownPassword` that of the new disk.
 void CNewDisk::openParent(const std::string& name, const String& password, const String& ownPassword) {
     m_parent = openDisk(name, IIOStream::Access_Read, password, m_files.get());
+    m_parentAside = about(name, [&] {
+        return CVMDKDisk::openRenamed(confine(m_files.get(), name).get(), m_parent->getMainFileURI(),
+                                      IIOStream::Access_Read, password, -1, nullptr, nullptr);
+    });
     if (!needsPassword(name))
         return;
     if (ownPassword.isEmpty())

@@ -56,6 +56,8 @@ public:
     CVMDKDisk& getDisk() { return *m_disk; }
     /// Null for a disk without one.
     CVMDKDisk* getParent() { return m_parent.get(); }
+    /// The parent opened once more, so that others can read it while the disk is written. Null without one.
+    const P<CVMDKDisk>& getParentAside() const { return m_parentAside; }
     /// Runs `action` on the disk. Throws: CFailure, which names it as the user does, in place of the
     /// library's errors.
     template <class Action>
@@ -86,6 +88,7 @@ private:
     P<IFileSystem> m_files;
     P<CLockFile> m_lock;
     P<CVMDKDisk> m_parent;
+    P<CVMDKDisk> m_parentAside;
     std::unique_ptr<CStagedFolder> m_folder;
     P<CVMDKDisk> m_disk;
     /// All names of the disk's files, the main file first, also of files that are made on demand.

@@ -16,18 +16,21 @@ public:
         P<CVMDKDataPreparer> preparer;
         /// A grain of plain bytes.
         P<TBuffer<unsigned char>> plain;
+        /// What a parent holds in the place of those.
+        TBuffer<unsigned char> below;
     };
 
     /// Belongs to one thread as long as it lives.
     class CLease {
     public:
         explicit CLease(CPreparerPool* pool) : m_pool(pool), m_worker(pool->take()) {}
-        ~CLease() { m_pool->giveBack(m_worker); }
+        ~CLease() { m_pool->giveBack(std::move(m_worker)); }
         CLease(const CLease&) = delete;
         CLease& operator=(const CLease&) = delete;
 
         CVMDKDataPreparer& getPreparer() { return *m_worker.preparer; }
         TBuffer<unsigned char>& getPlain() { return *m_worker.plain; }
+        TBuffer<unsigned char>& getBelow() { return m_worker.below; }
 
     private:
         CPreparerPool* m_pool;
@@ -47,6 +50,7 @@ private:
     int m_level;
     std::mutex m_mutex;
     std::vector<UWorker> m_free;
+    std::size_t m_lent = 0;
 };
 
 } // namespace tessel::cli

@@ -10,13 +10,14 @@
 
 namespace tessel::cli {
 
-CSizeSample::CSizeSample(const UNewDiskPlan* plan, CGrainChooser* chooser, ISource* source, int level)
+CSizeSample::CSizeSample(const UNewDiskPlan* plan, CGrainChooser* chooser, ISource* source, int64 limit,
+                         int level)
     : m_plan(plan),
       m_chooser(chooser),
       m_source(source),
       m_passesStored(level < 0 && !chooser->hasParent() &&
                      source->getStoredGrainSizeBytes() == plan->grainSizeBytes),
-      m_limit(std::min(source->getSizeBytes(), plan->sizeBytes)),
+      m_limit(std::min(source->getSizeBytes(), limit)),
       m_grainSize(plan->grainSizeBytes),
       m_preparers(plan->grainSizeBytes, level),
       m_piece(static_cast<int>(plan->grainSizeBytes)),

@@ -17,8 +17,9 @@ public:
     /// Grains that are looked at, at most.
     static constexpr int64 sampleSize = 2048;
 
-    /// All are borrowed. `level` as that of convert: -1 when grains may pass as the source stores them.
-    CSizeSample(const UNewDiskPlan* plan, CGrainChooser* chooser, ISource* source, int level);
+    /// All are borrowed. Zeros follow the first `limit` bytes of the source, and behind its end. `level` as
+    /// that of convert: -1 when grains may pass as the source stores them.
+    CSizeSample(const UNewDiskPlan* plan, CGrainChooser* chooser, ISource* source, int64 limit, int level);
 
     /// Throws: what source and parent throw; CInterrupted.
     void take(CProgress& progress);

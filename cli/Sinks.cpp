@@ -1,5 +1,6 @@
 #include "Sinks.h"
 
+#include "Copy.h"
 #include "Errors.h"
 #include "lum/Numbers.h"
 #include "platform.h"
@@ -52,17 +53,28 @@ CDiskSink::CDiskSink(CNewDisk* disk, int level)
       m_writer(&disk->getDisk(), true),
       m_grainSize(disk->getDisk().getGrainSizeBytes()),
       m_keepsLevel(level < 0) {
-    if (disk->getDisk().getCompressed() && disk->getDisk().getParentDiskMainURI().isEmpty())
-        m_preparers.emplace(m_grainSize, level);
+    if (!disk->getDisk().getCompressed() || copyAlignment % m_grainSize != 0)
+        return;
+    m_preparers.emplace(m_grainSize, level);
+    if (disk->getParentAside())
+        m_parentGrains.emplace(disk->getParentAside());
 }
 
 bool CDiskSink::takesStoredGrains(int64 grainSizeBytes) const {
-    return m_preparers && m_keepsLevel && grainSizeBytes == m_grainSize;
+    return m_preparers && !m_parentGrains && m_keepsLevel && grainSizeBytes == m_grainSize;
 }
 
 void CDiskSink::prepare(CPiece& piece) {
     if (m_preparers)
         m_disk->run([&] { prepareGrains(piece); });
+}
+
+/// Whether a grain must be stored so that these bytes are read there.
+bool CDiskSink::mustStore(int64 position, const unsigned char* bytes, TBuffer<unsigned char>& below) {
+    const auto size = static_cast<std::size_t>(m_grainSize);
+    if (m_parentGrains && m_parentGrains->read(position, m_grainSize, below))
+        return !std::equal(bytes, bytes + size, below.getData());
+    return !isZeroMemory(bytes, size);
 }
 
 void CDiskSink::prepareGrains(CPiece& piece) {
@@ -76,7 +88,7 @@ void CDiskSink::prepareGrains(CPiece& piece) {
             continue;
         }
         const unsigned char* const bytes = piece.getBytes() + offset;
-        if (isZeroMemory(bytes, static_cast<std::size_t>(m_grainSize)))
+        if (!mustStore(piece.getPosition() + at, bytes, worker.getBelow()))
             continue;
         worker.getPlain().assign(bytes, m_grainSize);
         worker.getPreparer().prepareGrainData(&worker.getPlain(), 0, piece.addPrepared(offset).get());

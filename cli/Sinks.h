@@ -2,6 +2,7 @@
 
 #include "CDiskWriter.h"
 #include "CNewDisk.h"
+#include "CParentGrains.h"
 #include "CPreparerPool.h"
 #include "CStagedFile.h"
 #include "ISink.h"
@@ -49,14 +50,17 @@ public:
 
 private:
     void prepareGrains(CPiece& piece);
+    bool mustStore(int64 position, const unsigned char* bytes, TBuffer<unsigned char>& below);
     void writePiece(CPiece& piece);
 
     CNewDisk* m_disk;
     CDiskWriter m_writer;
     int64 m_grainSize;
     bool m_keepsLevel;
-    /// Where grains are prepared ahead of the writing. In a child they are not: most equal the parent's.
+    /// Where grains are prepared ahead of the writing.
     std::optional<CPreparerPool> m_preparers;
+    /// Grains that equal a parent's are not stored, and need not be prepared.
+    std::optional<CParentGrains> m_parentGrains;
 };
 
 } // namespace tessel::cli

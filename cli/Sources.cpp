@@ -75,7 +75,9 @@ int CDiskSource::readPiece(CPiece& piece, int count) {
             const auto offset = static_cast<int>(position - start);
             if (isWhole && run.layer != UVMDKGrainRun::nowhere && run.isStoredAlike) {
                 m_disk->seek(position);
-                m_disk->readPreparedGrainData(piece.addStored(offset));
+                TBuffer<unsigned char>& record = piece.addStored(offset);
+                m_disk->readPreparedGrainData(record);
+                verifyIsRecordOf(m_name, position, record);
             } else {
                 readBytes(position, piece.getBytes() + offset, end - position);
             }

@@ -1,5 +1,6 @@
 #include "StoredGrain.h"
 
+#include "Errors.h"
 #include "lum/LittleEndian.h"
 #include "tessel/CVMDKDataPreparer.h"
 
@@ -37,6 +38,15 @@ bool mayPassAsStored(const TBuffer<unsigned char>& record, int64 grainSizeBytes,
         return false;
     const unsigned char* const stream = record.getData() + headSize;
     return isStreamHead(stream) && !isChecksumOfZeros(stream + length - checksumSize, grainSizeBytes);
+}
+
+void verifyIsRecordOf(const std::string& name, int64 position, const TBuffer<unsigned char>& record) {
+    const bool isWhole = record.getUsed() >= CVMDKDataPreparer::recordHeadSize;
+    if (!isWhole ||
+        loadLittleEndian<uint64>(record.getData()) != static_cast<uint64>(position / vmdkSectorSize))
+        throw CFailure(name, "The grain at byte " + std::to_string(position) +
+                                 " holds another grain's record; it stays as it is (tessel check " + name +
+                                 " tells more)");
 }
 
 } // namespace tessel::cli

@@ -123,8 +123,9 @@ void convertToVMDK(UConvert& verb, ISource& source, Kind sourceKind, int64 size)
 
     CProgress progress(diskSize, verb.quiet);
     CDiskSink sink(&target, verb.options.level);
-    // Of a pipe no more is taken than was announced, though the disk may have a little more room.
-    const int64 limit = sourceSize < 0 && wanted >= 0 ? wanted : diskSize;
+    // No more is taken than was asked for, though the disk may have a little more room.
+    // In a child, zeros up to its end hide what the parent holds.
+    const int64 limit = verb.options.parent.empty() ? wanted : diskSize;
     const int64 copied = copy(source, sink, limit, verb.jobs, progress);
     verifyInputIsUsedUp(verb, source);
     target.commit();

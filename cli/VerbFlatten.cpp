@@ -23,8 +23,8 @@ struct UFlatten {
 /// Moves what the parents hold into a disk. Interrupted at any point it leaves a child of the same contents.
 class CFlattening {
 public:
-    CFlattening(CVMDKDisk* disk, const TArray<P<CVMDKDisk>>& parents)
-        : m_disk(disk), m_parents(parents), m_grainSize(disk->getGrainSizeBytes()), m_grain(m_grainSize) {}
+    explicit CFlattening(CVMDKDisk* disk)
+        : m_disk(disk), m_grainSize(disk->getGrainSizeBytes()), m_grain(m_grainSize) {}
 
     void run(CProgress& progress) {
         const int64 size = m_disk->getSizeBytes();
@@ -38,26 +38,17 @@ public:
             }
             for (; position < end; progress.advanceTo(position)) {
                 throwIfInterrupted();
-                moveGrain(position / m_grainSize, run.layer);
+                moveGrain(position / m_grainSize, run, end);
                 position = std::min(size, (position / m_grainSize + 1) * m_grainSize);
             }
         }
     }
 
 private:
-    /// A grain passes as it is stored only through disks whose grains are of the same kind.
-    bool canMovePrepared(int64 grain, int layer) const {
-        return std::all_of(m_parents.begin(), m_parents.begin() + layer,
-                           [&](const P<CVMDKDisk>& parent) {
-                               return parent->getGrainSizeBytes() == m_grainSize &&
-                                      parent->getCompressed() == m_disk->getCompressed() &&
-                                      parent->getSizeBytes() / m_grainSize > grain;
-                           }) &&
-               m_disk->getSizeBytes() / m_grainSize > grain;
-    }
-
-    void moveGrain(int64 grain, int layer) {
-        if (canMovePrepared(grain, layer))
+    /// A grain passes as it is stored where all of it is stored like this disk's grains, in one place.
+    void moveGrain(int64 grain, const UVMDKGrainRun& run, int64 runEnd) {
+        const int64 start = grain * m_grainSize;
+        if (run.isStoredAlike && start >= run.position && runEnd - start >= m_grainSize)
             m_disk->makeGrainIndependentOfParent(grain);
         else
             movePlain(grain);
@@ -73,7 +64,6 @@ private:
     }
 
     CVMDKDisk* m_disk;
-    const TArray<P<CVMDKDisk>>& m_parents;
     int64 m_grainSize;
     TBuffer<unsigned char> m_grain;
 };
@@ -96,7 +86,7 @@ void flatten(UFlatten& verb) {
     disk->setContentIDUpdatesEnabled(false);
     {
         CProgress progress(disk->getSizeBytes(), verb.quiet);
-        about(verb.disk, [&] { CFlattening(disk.get(), parents).run(progress); });
+        about(verb.disk, [&] { CFlattening(disk.get()).run(progress); });
     }
     about(verb.disk, [&] {
         disk->flushChanges();

@@ -116,10 +116,11 @@ UMeasured measureDisk(UMeasure& verb, ISource& source, int64 size) {
                                         " bytes) than the parent, whose size the child has (" +
                                         std::to_string(plan.sizeBytes) + ")");
     CGrainChooser chooser(parent.get(), plan.grainSizeBytes);
+    const int64 limit = parent ? plan.sizeBytes : wanted;
     UMeasured measured{plan.kind, plan.sizeBytes};
     std::vector<int64> stored;
     if (plan.isCompressed) {
-        CSizeSample sample(&plan, &chooser, &source, verb.options.level);
+        CSizeSample sample(&plan, &chooser, &source, limit, verb.options.level);
         CProgress progress(plan.sizeBytes, verb.quiet);
         sample.take(progress);
         stored = sample.getStoredBytes();
@@ -128,7 +129,7 @@ UMeasured measureDisk(UMeasure& verb, ISource& source, int64 size) {
     } else {
         CProgress progress(plan.sizeBytes, verb.quiet);
         CMeasureSink sink(&plan, &chooser);
-        copy(source, sink, plan.sizeBytes, verb.jobs, progress);
+        copy(source, sink, limit, verb.jobs, progress);
         stored = sink.getStoredBytes();
     }
     measured.requiredBytes = plan.addUp(stored);

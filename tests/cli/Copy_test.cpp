@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
+#include <condition_variable>
 #include <mutex>
 #include <set>
 #include <thread>
@@ -185,6 +187,37 @@ TEST_P(CopyTest, TellsTheFirstFailureOfTheCopy) {
         EXPECT_EQ(told, row.told);
         EXPECT_EQ(sink.getFinishedSize(), -1);
     }
+}
+
+/// Of which two threads prepare pieces at the same time: the first waits for the second.
+class CMeetingSink : public CFakeSink {
+public:
+    bool haveMet() const { return m_haveMet; }
+
+    void prepare(CPiece&) override {
+        std::unique_lock lock(m_meeting);
+        ++m_here;
+        m_changed.notify_all();
+        // Whoever waits in vain tells by it, however slow the machine is.
+        if (m_changed.wait_for(lock, std::chrono::seconds(60), [this] { return m_here > 1 || m_haveMet; }))
+            m_haveMet = true;
+        --m_here;
+    }
+
+private:
+    std::mutex m_meeting;
+    std::condition_variable m_changed;
+    int m_here = 0;
+    bool m_haveMet = false;
+};
+
+TEST(CopyThreadsTest, PreparesPiecesAtTheSameTime) {
+    CFakeSource source(8 * MiB);
+    CMeetingSink sink;
+    CProgress progress(-1, true);
+    copy(source, sink, -1, 2, progress);
+    EXPECT_TRUE(sink.haveMet());
+    EXPECT_TRUE(sink.getBytes() == source.getBytes());
 }
 
 TEST_P(CopyTest, UsesNoMoreThreadsThanJobs) {

@@ -5,6 +5,7 @@
 #include "DeflateCalls.h"
 #include "Verbs.h"
 
+#include <CLI/CLI.hpp>
 #include <gtest/gtest.h>
 
 #include <algorithm>

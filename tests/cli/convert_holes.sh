@@ -28,6 +28,7 @@ truncate -s 1T huge.raw
 put huge.raw 0 1000 1
 put huge.raw $(((1 << 40) - 1000)) 1000 2
 ok convert huge.raw huge.vmdk
+[[ $(allocated huge.vmdk) -le 1048576 ]] || fail "huge.vmdk takes $(allocated huge.vmdk) bytes"
 ok convert huge.vmdk huge.copy --to raw
 [[ $(size_of huge.copy) -eq $((1 << 40)) ]] || fail "the length should be set"
 [[ $(allocated huge.copy) -le 8192 ]] || fail "huge.copy takes $(allocated huge.copy) bytes"

@@ -19,8 +19,7 @@ convert_with() {
     [[ ! -s $err ]] || fail "there should be nothing on standard error"
 }
 
-# Level 2 is an engine whose output depends on nothing but the bytes.
-for kind in "" "--compressed --level 2" "--compressed --level 6" "--compressed --level 0"; do
+for kind in "" "--compressed" "--compressed --level 2" "--compressed --level 6" "--compressed --level 0"; do
     read -ra options <<<"$kind"
     for jobs in 1 2 7; do
         convert_with $jobs disk.vmdk "${options[@]}"
@@ -36,6 +35,30 @@ done
 for file in 1/split*.vmdk; do
     same "$file" "2/${file#1/}"
     same "$file" "7/${file#1/}"
+done
+
+# The same of what machines are made of; then a child of that, which differs from it all over.
+cat "$TESSEL_PROGRAM" /usr/bin/bash /usr/bin/openssl >programs.raw
+truncate -s $(($(size_of programs.raw) / 65536 * 65536)) programs.raw
+cp programs.raw changed.raw
+for ((i = 0; i < $(size_of programs.raw); i += 3 * 65536)); do
+    put changed.raw $i 10 $((i / 65536 % 250))
+done
+run 0 convert programs.raw programs.vmdk --quiet --compressed
+grains=$(($(size_of programs.raw) / 65536))
+for jobs in 1 2 7; do
+    run 0 convert programs.raw $jobs/programs.vmdk --quiet --force --compressed --jobs $jobs
+    make_alike $jobs/programs.vmdk
+    run 0 convert changed.raw $jobs/child.vmdk --quiet --parent programs.vmdk --jobs $jobs
+    ok convert $jobs/child.vmdk back.raw --force --allow . --size "$(size_of changed.raw)" --jobs $jobs
+    same changed.raw back.raw
+    ok space $jobs/child.vmdk --allow . --json
+    json_is "d['payloadBytes'] // 65536" $(((grains + 2) / 3))
+    make_alike $jobs/child.vmdk
+done
+for file in programs child; do
+    same 1/$file.vmdk 2/$file.vmdk
+    same 1/$file.vmdk 7/$file.vmdk
 done
 
 # Back again, by each number of jobs, and from disk to disk: compressed, encrypted, of another kind.
@@ -91,6 +114,27 @@ for jobs in 1 2 7; do
     done
 done
 [[ $(find . | sort) == "$(sort <<<"$before")" ]] || fail "other files than before are there"
+
+# A record that is another grain's is not taken over, where nothing would tell any more.
+ok convert big.raw swapped.vmdk --quiet --compressed
+python3 - swapped.vmdk <<'end'
+import struct, sys
+disk = bytearray(open(sys.argv[1], "rb").read())
+number = lambda at: struct.unpack_from("<I", disk, at)[0]
+table = number(number(56) * 512) * 512
+first, second = table + 4 * 5, table + 4 * 9
+disk[first:first + 4], disk[second:second + 4] = disk[second:second + 4], disk[first:first + 4]
+open(sys.argv[1], "wb").write(disk)
+end
+for target in new.vmdk new.raw; do
+    options=(--quiet)
+    [[ $target != *.vmdk ]] || options+=(--compressed)
+    for jobs in 1 7; do
+        refused 1 "swapped.vmdk: The grain at byte $((5 * 65536)) holds another grain's record; it stays as it is \
+(tessel check swapped.vmdk tells more)" convert swapped.vmdk $target "${options[@]}" --jobs $jobs
+        [[ ! -e $target ]] || fail "nothing should be left"
+    done
+done
 
 # A target that fails ends the program, though the source has nothing to say for a long time.
 mkfifo pipe

@@ -67,3 +67,20 @@ closed "$TESSEL_PROGRAM" write less.vmdk 100M 2>&- </dev/null
 same before.vmdk less.vmdk
 
 [[ -z $(find . -name 'tessel-tmp-*' -o -name '*.lock' -o -name 'more*') ]] || fail "something was left behind"
+
+# --size cuts a source alike, wherever it comes from; in the room that a disk has behind it are zeros.
+data 10M 4 >long.raw
+for cut in 1000 8388608 8388700; do
+    head -c $cut long.raw >cut.raw
+    truncate -s 9M cut.raw
+    for options in "" --compressed; do
+        read -ra words <<<"$options"
+        ok convert long.raw cut1.vmdk --quiet --force --size $cut "${words[@]}"
+        ok convert - cut2.vmdk --quiet --force --size $cut "${words[@]}" <long.raw
+        head -c $cut long.raw | ok convert - cut3.vmdk --quiet --force --size $cut "${words[@]}"
+        for file in cut1 cut2 cut3; do
+            ok convert $file.vmdk back.raw --force --size 9M
+            same cut.raw back.raw
+        done
+    done
+done

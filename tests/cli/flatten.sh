@@ -64,6 +64,33 @@ ok flatten child.vmdk
 rm plain.vmdk packed.vmdk
 check child.vmdk base.raw
 
+# A parent whose files begin within grains: nothing of it can be passed on as it is stored.
+rm -f ./*.vmdk
+head -c $((2 * 6500 * 512)) base.raw >two.raw
+for half in 0 1; do
+    dd if=two.raw bs=$((6500 * 512)) skip=$half count=1 of=half.raw status=none
+    qemu-img convert -f raw -O vmdk half.raw half$half.vmdk
+done
+cat >halves.vmdk <<'end'
+# Disk DescriptorFile
+version=1
+CID=12345678
+parentCID=ffffffff
+createType="twoGbMaxExtentSparse"
+
+RW 6500 SPARSE "half0.vmdk"
+RW 6500 SPARSE "half1.vmdk"
+
+ddb.adapterType = "ide"
+end
+check halves.vmdk two.raw
+run 0 create child.vmdk --parent halves.vmdk
+ok flatten child.vmdk
+rm half*.vmdk
+check child.vmdk two.raw
+ok check child.vmdk
+rm -f ./*.vmdk
+
 # A parent that has changed since is not taken over, whichever of them it is; the child stays as it is.
 for changed in base middle; do
     rm -f ./*.vmdk

@@ -38,6 +38,10 @@ exact disk.raw --split=2M
 exact disk.raw --split=2M --on-demand
 exact disk.raw --size 20M
 exact disk.raw --size 3000000
+data 9M 1 >full.raw
+exact full.raw --size 1000
+run 0 measure full.raw --size 1000 --json
+[[ $(json 'd["requiredBytes"]') -lt 300000 ]] || fail "what --size cuts off should not count"
 truncate -s 5G large.raw
 put large.raw 4000000000 3000000 1
 exact large.raw
