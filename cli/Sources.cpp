@@ -2,6 +2,7 @@
 
 #include "Copy.h"
 #include "Errors.h"
+#include "Names.h"
 #include "StoredGrain.h"
 
 #include <algorithm>
@@ -12,6 +13,9 @@ USourceRun CRawSource::findRun(int64 position) {
     if (position >= m_data.end || position < m_holeStart) {
         m_data = m_file.findData(position, m_size);
         m_holeStart = position;
+        // What was cut off looks like a hole that reaches to the end.
+        if (m_data.start >= m_size && m_file.getLength() < m_size)
+            throw CFailure(nameFromPath(m_file.getPath()), "The file became shorter while it was read");
     }
     return position < m_data.start ? USourceRun{m_data.start - position, false}
                                    : USourceRun{std::max<int64>(m_data.end - position, 1), true};

@@ -81,6 +81,8 @@ void convertToRaw(UConvert& verb, ISource& source, int64 size) {
         throw CUsageError("Options of VMDK disks do not go with raw data (--to vmdk)");
     CProgress progress(size < 0 ? source.getSizeBytes() : size, verb.quiet);
     if (isStandardStream(verb.target)) {
+        if (verb.sync)
+            throw CUsageError("--sync: standard output is not this program's to wait for");
         if (isOutputTerminal())
             throw CUsageError("The bytes of a disk are not for a terminal; redirect standard output");
         COutputSink sink;

@@ -72,6 +72,7 @@ public:
     CRawFile& operator=(CRawFile&&) = delete;
     ~CRawFile();
 
+    const std::filesystem::path& getPath() const noexcept { return m_path; }
     int64 getLength() const;
     /// The first region at or behind `position` that is not a hole; start and end are `length` when there is
     /// none. Where the system cannot tell, everything is data.

@@ -84,3 +84,7 @@ for cut in 1000 8388608 8388700; do
         done
     done
 done
+
+# Who reads standard output must wait for the medium himself.
+refused 2 "convert: --sync: standard output is not this program's to wait for (see tessel convert --help)" \
+    convert disk.vmdk - --sync

@@ -1,6 +1,7 @@
 // Transfers of many whole grains: how far a failed one came, and what is refused before it begins.
 
 #include "CFakeDataProvider.h"
+#include "CRecordingStream.h"
 #include "ExtentFixture.h"
 
 namespace tessel::test {
@@ -296,6 +297,71 @@ TEST_P(CVMDKSparseExtentFileTransferTest, PartialLastGrainIsMadeIndependentUpToT
     EXPECT_EQ(readAt(*openExtent({.access = IIOStream::Access_Read}), end - 100, 100),
               CFakeDataProvider::contentsAt(end - 100, 100));
     takeLog();
+}
+
+// --- What goes to the file ---
+
+namespace {
+
+/// A plain extent over a stream that writes down what is asked of it.
+class CVMDKSparseExtentFileOperationsTest : public ExtentTest {
+protected:
+    using Kind = CRecordingStream::Kind;
+
+    void SetUp() override {
+        createExtent({.grainCount = grainCount, .grainSizeSectors = 128});
+        const P<IIOStream> file = m_faults->openFile(extentURI, IIOStream::Access_ReadWrite);
+        m_stream = new CRecordingStream(file.get());
+        m_extent = new CVMDKSparseExtentFile(m_stream.get(), IIOStream::Access_ReadWrite, 0, 1, m_cache.get(),
+                                             nullptr, m_updater.get(), nullptr, m_key, m_iv);
+        readAt(*m_extent, 0, 1); // the tables
+        m_stream->takeOperations();
+    }
+    /// The sizes of the transfers of one kind since the last call.
+    std::vector<int64> takeSizes(Kind kind) {
+        std::vector<int64> sizes;
+        for (const auto& operation : m_stream->takeOperations())
+            if (operation.kind == kind && operation.size >= grainSize)
+                sizes.push_back(operation.size);
+        return sizes;
+    }
+
+    P<CRecordingStream> m_stream;
+    P<CVMDKSparseExtentFile> m_extent;
+};
+
+} // namespace
+
+TEST_F(CVMDKSparseExtentFileOperationsTest, NeighbouringGrainsGoInOnePiece) {
+    using ::testing::ElementsAre;
+    const Bytes contents = randomBytes(grainCount * grainSize, 3);
+    writeAt(*m_extent, 0, contents);
+    EXPECT_THAT(takeSizes(Kind::Write), ElementsAre(grainCount * grainSize)) << "into new slots";
+    EXPECT_EQ(readAt(*m_extent, 0, grainCount * grainSize), contents);
+    EXPECT_THAT(takeSizes(Kind::Read), ElementsAre(grainCount * grainSize));
+    writeAt(*m_extent, 2 * grainSize, randomBytes(5 * grainSize, 4));
+    EXPECT_THAT(takeSizes(Kind::Write), ElementsAre(5 * grainSize)) << "into slots that are there";
+}
+
+TEST_F(CVMDKSparseExtentFileOperationsTest, SlotsOutOfOrderDivideTheTransfer) {
+    using ::testing::ElementsAre;
+    writeAt(*m_extent, 4 * grainSize, randomBytes(4 * grainSize, 5));
+    writeAt(*m_extent, 0, randomBytes(4 * grainSize, 6));
+    m_stream->takeOperations();
+    const Bytes contents = randomBytes(8 * grainSize, 7);
+    writeAt(*m_extent, 0, contents);
+    EXPECT_THAT(takeSizes(Kind::Write), ElementsAre(4 * grainSize, 4 * grainSize));
+    EXPECT_EQ(readAt(*m_extent, 0, 8 * grainSize), contents);
+    EXPECT_THAT(takeSizes(Kind::Read), ElementsAre(4 * grainSize, 4 * grainSize));
+}
+
+TEST_F(CVMDKSparseExtentFileOperationsTest, ZerosBetweenDataAreNotWritten) {
+    using ::testing::ElementsAre;
+    Bytes contents = randomBytes(grainCount * grainSize, 8);
+    std::fill_n(contents.getData() + 3 * grainSize, 2 * grainSize, static_cast<unsigned char>(0));
+    writeAt(*m_extent, 0, contents);
+    EXPECT_THAT(takeSizes(Kind::Write), ElementsAre(3 * grainSize, (grainCount - 5) * grainSize));
+    EXPECT_EQ(readAt(*m_extent, 0, grainCount * grainSize), contents);
 }
 
 } // namespace tessel::test
