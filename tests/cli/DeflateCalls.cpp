@@ -20,6 +20,7 @@ namespace {
 
 std::atomic<long> g_deflated = 0;
 std::atomic<long> g_inflated = 0;
+std::atomic<long> g_made = 0;
 
 template <class Function>
 Function* findReal(const char* name) {
@@ -59,6 +60,31 @@ int inflate(z_streamp stream, int flush) {
     return real(stream, flush);
 }
 
+libdeflate_compressor* libdeflate_alloc_compressor(int level) {
+    static auto* const real = findReal<decltype(libdeflate_alloc_compressor)>("libdeflate_alloc_compressor");
+    ++g_made;
+    return real(level);
+}
+
+libdeflate_decompressor* libdeflate_alloc_decompressor() {
+    static auto* const real =
+        findReal<decltype(libdeflate_alloc_decompressor)>("libdeflate_alloc_decompressor");
+    ++g_made;
+    return real();
+}
+
+int deflateInit_(z_streamp stream, int level, const char* version, int size) {
+    static auto* const real = findReal<decltype(deflateInit_)>("deflateInit_");
+    ++g_made;
+    return real(stream, level, version, size);
+}
+
+int inflateInit_(z_streamp stream, const char* version, int size) {
+    static auto* const real = findReal<decltype(inflateInit_)>("inflateInit_");
+    ++g_made;
+    return real(stream, version, size);
+}
+
 #ifdef TESSEL_HAVE_ISAL
 int isal_deflate(isal_zstream* stream) {
     static auto* const real = findReal<decltype(isal_deflate)>("isal_deflate");
@@ -76,7 +102,7 @@ int isal_deflate_stateless(isal_zstream* stream) {
 namespace tessel::test {
 
 UDeflateCalls countDeflateCalls() {
-    return {g_deflated, g_inflated};
+    return {g_deflated, g_inflated, g_made};
 }
 
 } // namespace tessel::test

@@ -59,7 +59,7 @@ protected:
         const UDeflateCalls before = countDeflateCalls();
         chosen();
         const UDeflateCalls after = countDeflateCalls();
-        return {after.deflated - before.deflated, after.inflated - before.inflated};
+        return {after.deflated - before.deflated, after.inflated - before.inflated, after.made - before.made};
     }
     void expectHolds(const std::string& disk, const std::vector<std::string>& options = {}) const {
         convert(disk, "back.raw", options);
@@ -80,6 +80,21 @@ TEST_F(PreparedCopyTest, CountsWhatIsDeflatedAndInflated) {
     EXPECT_EQ(again.inflated, 41);
     EXPECT_GE(again.deflated, 41);
     EXPECT_GE(convert("disk.raw", "stored.vmdk", {"--compressed", "--level", "0"}).deflated, 41);
+}
+
+// Each thread makes its own, and so does the new disk each time it is opened.
+TEST_F(PreparedCopyTest, EnginesAreKeptFromGrainToGrain) {
+    constexpr long fewerThanGrains = 30;
+    for (const char* level : {"0", "2", "6"}) {
+        const UDeflateCalls calls =
+            convert("disk.raw", "disk.vmdk", {"--compressed", "--level", level, "--jobs", "2"});
+        EXPECT_GE(calls.deflated, 41) << level;
+        EXPECT_GE(calls.made, 1) << level;
+        EXPECT_LE(calls.made, fewerThanGrains) << level;
+    }
+    const UDeflateCalls calls = convert("disk.vmdk", "back.raw", {"--jobs", "2"});
+    EXPECT_EQ(calls.inflated, 41);
+    EXPECT_LE(calls.made, fewerThanGrains);
 }
 
 TEST_F(PreparedCopyTest, NeitherInflatesNorDeflates) {
