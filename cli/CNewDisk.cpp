@@ -100,17 +100,17 @@ void throwUsageErrorOfNewDisk(const CError& error, const UCreateOptions& options
 }
 
 CNewDisk::CNewDisk(const std::string& name, int64 sizeBytes, const UCreateOptions& options,
-                   CPasswords& passwords, const std::string& source, bool sync)
+                   CPasswords& passwords, TArray<fs::path> inUse, bool sync)
     : m_name(name),
       m_force(options.force),
       m_sync(sync),
       m_target(resolveTarget(name, options.force)),
       m_files(new CNativeFileSystem(sync)),
-      m_names({m_target.filename()}) {
-    for (const std::string& used : {source, options.parent})
-        if (!used.empty())
-            for (const fs::path& file : listFilesOfChain(used))
-                m_inUse.push_back(file);
+      m_names({m_target.filename()}),
+      m_inUse(std::move(inUse)) {
+    if (!options.parent.empty())
+        for (const fs::path& file : listFilesOfChain(options.parent))
+            m_inUse.push_back(file);
     verifyNames();
     m_lock = about(name, [&] {
         const CURI target = uriFromPath(m_target);
