@@ -115,6 +115,7 @@ ok convert disk.raw gap.vmdk --quiet --split=6M
 ok create kin.vmdk --parent gap.vmdk
 mv gap-s00001.vmdk away/
 cp disk.vmdk version.vmdk
+qemu-img convert -f raw -O vmdk -o subformat=streamOptimized disk.raw stream.vmdk
 printf '\011' | dd of=version.vmdk bs=1 seek=4 conv=notrunc status=none
 cp disk.vmdk wiped.vmdk
 dd if=/dev/zero of=wiped.vmdk bs=512 count=1 conv=notrunc status=none
@@ -135,6 +136,8 @@ done <<END
 1|convert disk-as.vmdk x.raw|disk-as.vmdk: This is no VMDK disk: it begins with neither a sparse extent nor a descriptor
 1|read wiped.vmdk 0 1|wiped.vmdk: This is no VMDK disk: it begins with neither a sparse extent nor a descriptor
 1|read version.vmdk 0 1|version.vmdk: VMDK file has an unsupported version: 9
+1|convert stream.vmdk x.raw|stream.vmdk: Slot size directory not found in compressed VMDK; another program may have written it, and qemu-img \
+convert -O vmdk makes a disk of it that is read here
 1|convert flat.vmdk x.raw|flat.vmdk: VMDK disk has an unsupported create type: 'monolithicFlat'.
 1|convert gap.vmdk x.raw|gap.vmdk: A file of the disk is missing: HERE/gap-s00001.vmdk
 1|map gap.vmdk|gap.vmdk: A file of the disk is missing: HERE/gap-s00001.vmdk
