@@ -1,5 +1,6 @@
 #include "CNewDisk.h"
 
+#include "CInterruptibleFiles.h"
 #include "Errors.h"
 #include "Names.h"
 #include "Sizes.h"
@@ -172,14 +173,16 @@ void CNewDisk::create(int64 sizeBytes, const UCreateOptions& options, const Stri
 void CNewDisk::createFiles(int64 sizeBytes, const UCreateOptions& options, const String& password,
                            bool compressed, int64 limit) {
     const CURI uri = uriFromPath(m_folder->getPath() / m_target.filename());
+    const P<CInterruptibleFiles> files(new CInterruptibleFiles(m_files.get())); // there may be thousands
     if (!m_parent) {
-        m_disk = CVMDKDisk::create(m_files.get(), uri, sizeBytes, password, compressed, options.level, limit,
+        m_disk = CVMDKDisk::create(files.get(), uri, sizeBytes, password, compressed, options.level, limit,
                                    "", noContentID, options.onDemand);
+        files->stop();
         return;
     }
     const String reference = makeParentReference(m_name, options.parent);
     const unsigned int parentContentID = m_parent->getDescriptor()->getContentID();
-    m_disk = CVMDKDisk::create(m_files.get(), uri, m_parent->getSizeBytes(), password, compressed,
+    m_disk = CVMDKDisk::create(files.get(), uri, m_parent->getSizeBytes(), password, compressed,
                                options.level, limit, reference, parentContentID, options.onDemand);
     // Seen from here the reference leads nowhere, so the parent is handed in.
     m_disk = nullptr;

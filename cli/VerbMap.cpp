@@ -1,3 +1,4 @@
+#include "CInterruptibleFiles.h"
 #include "CStagedFile.h"
 #include "DiskMap.h"
 #include "DiskPicture.h"
@@ -167,7 +168,8 @@ void map(UMap& verb) {
     if (verb.force && verb.svg.empty())
         throw CUsageError("--force: only a picture is written to a file (--svg)");
     const fs::path target = verb.svg.empty() ? fs::path() : findPlaceForPicture(verb);
-    const P<IFileSystem> files(new CNativeFileSystem(false));
+    const P<IFileSystem> native(new CNativeFileSystem(false));
+    const P<IFileSystem> files(new CInterruptibleFiles(native.get()));
     const String& password = verb.passwords.getForOpening(verb.disk);
     UMappedDisk mapped{verb.disk, openDisk(verb.disk, IIOStream::Access_Read, password, files.get()), {}, {}};
     mapped.parents = openParents(verb.disk, *mapped.disk, password, files.get());

@@ -42,7 +42,7 @@ _tessel_describe() {
             arguments=(disk text)
             ;;
         space)
-            options='-h --help --json --password-file --allow'
+            options='-h --help --json --quiet --password-file --allow'
             arguments=(disk)
             ;;
         map)

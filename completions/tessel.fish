@@ -80,6 +80,7 @@ complete -c tessel -n '__tessel_verb write' -f -k -a '(__fish_complete_suffix .v
 
 complete -c tessel -n '__tessel_verb space' -s h -l help -d 'Show this help'
 complete -c tessel -n '__tessel_verb space' -l json -d 'Answer for programs'
+complete -c tessel -n '__tessel_verb space' -l quiet -d 'Show no progress'
 complete -c tessel -n '__tessel_verb space' -l password-file -r -F -d 'File whose first line is the password of an encrypted disk'
 complete -c tessel -n '__tessel_verb space' -l allow -x -a '(__fish_complete_directories)' -d 'Folder, besides the disk\'s own, whose files the disk may name: parents, extents'
 complete -c tessel -n '__tessel_verb space' -f -k -a '(__fish_complete_suffix .vmdk)'

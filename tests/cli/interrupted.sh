@@ -64,7 +64,7 @@ each() {
     count=$(cat -- "$base/count")
     after=$(find . | sort)
     ((count >= 2)) || fail "only $count changes were counted"
-    points=$( (seq 1 6; seq 7 $((count / 6 + 1)) "$count"; seq $((count - 1)) "$count") |
+    points=$( (seq 1 4; seq 5 $((count / 4 + 1)) "$count"; echo "$count") |
         awk -v most="$count" '$1 >= 1 && $1 <= most' | sort -nu)
     for point in $points; do
         reset

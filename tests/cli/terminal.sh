@@ -126,7 +126,7 @@ def run(line, *options, shares_terminal=False):
 
 lines = ["convert base.vmdk new.raw --force", "convert base.vmdk - ", "read base.vmdk 0 320M", "map base.vmdk",
          "map base.vmdk --json", "map base.vmdk --blocks", "map base.vmdk --svg x.svg --force",
-         "compare base.vmdk base.raw", "measure base.vmdk", "check base.vmdk", "compact base.vmdk",
+         "compare base.vmdk base.raw", "measure base.vmdk", "check base.vmdk", "space base.vmdk", "compact base.vmdk",
          "flatten child.vmdk", "write child.vmdk 0"]
 for line in lines:
     code, seen = run(line)

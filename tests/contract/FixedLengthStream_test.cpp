@@ -94,7 +94,8 @@ TEST_P(FixedLengthStreamContract, LongTransfers) {
     EXPECT_EQ(getAt(65'000, 300'000), text);
     putAt(165'000, patternText(50'000, 7));
     stream().flush();
-    EXPECT_EQ(getAt(164'999, 50'002), text.substr(99'999, 1) + patternText(50'000, 7) + text.substr(150'000, 1));
+    EXPECT_EQ(getAt(164'999, 50'002),
+              text.substr(99'999, 1) + patternText(50'000, 7) + text.substr(150'000, 1));
 }
 
 TEST_P(FixedLengthStreamContract, WritesUpToItsEnd) {
