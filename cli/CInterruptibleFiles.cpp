@@ -15,7 +15,7 @@ P<IIOStream> CInterruptibleFiles::openFile(const CURI& uri, IIOStream::Access ac
         stop();
         throw CInterrupted();
     }
-    const P<IIOStream> stream = m_files->openFile(uri, access);
+    P<IIOStream> stream = m_files->openFile(uri, access);
     if (m_onOpen)
         m_onOpen();
     return stream;

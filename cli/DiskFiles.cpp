@@ -167,10 +167,11 @@ std::string explainMissingFile(const std::string& name, const std::string& missi
                                        " NEW_PARENT tells it where the parent is now)"
                                  : "Its parent is missing: " + missing + " (tessel rebase " + holder +
                                        " NEW_PARENT tells it where the parent is now)";
-        for (const auto& extent : main.getExtents())
-            if (isIt(main.findExtent(*extent)))
-                explained = isParent ? "A file of its parent " + holder + " is missing: " + missing
-                                     : "A file of the disk is missing: " + missing;
+        const TArray<P<CVMDKExtentInfo>> extents = main.getExtents();
+        if (std::any_of(extents.begin(), extents.end(),
+                        [&](const auto& extent) { return isIt(main.findExtent(*extent)); }))
+            explained = isParent ? "A file of its parent " + holder + " is missing: " + missing
+                                 : "A file of the disk is missing: " + missing;
         isParent = true;
         return explained.empty();
     });
