@@ -125,6 +125,7 @@ void convertToRaw(UConvert& verb, ISource& source, Kind sourceKind, int64 size) 
     CStagedFile file(target, verb.options.force);
     CRawSink sink(&file);
     const int64 copied = copy(source, sink, size, verb.jobs, progress);
+    progress.hide();
     verifyInputIsUsedUp(verb, source);
     throwIfInterrupted();
     const int64 fileSize = file.getFile().getLength();
@@ -159,6 +160,7 @@ void convertToVMDK(UConvert& verb, ISource& source, Kind sourceKind, int64 size)
     // Of a pipe no more is taken than was announced, though the disk may have a little more room.
     const int64 limit = sourceSize < 0 && wanted >= 0 ? wanted : diskSize;
     const int64 copied = copy(source, sink, limit, verb.jobs, progress);
+    progress.hide();
     verifyInputIsUsedUp(verb, source);
     throwIfInterrupted();
     target.commit();

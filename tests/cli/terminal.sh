@@ -144,6 +144,9 @@ code, seen = run("map base.vmdk", shares_terminal=True)
 assert code == 0 and b"%  " in seen, seen
 text = seen.rsplit(b"\x1b[K", 1)[1]
 assert text.startswith(b"   offset     length  state     place\r\n") and text.count(b".vmdk, sector") == 10, seen
+for target, first in ("new.raw", b"{\r\n"), ("new.vmdk", b"tessel: note: new.vmdk: The size was rounded up"):
+    code, seen = run(f"convert base.vmdk {target} --size 300000001 --json --force", shares_terminal=True)
+    assert code == 0 and b"%  " in seen and seen.rsplit(b"\x1b[K", 1)[1].startswith(first), (target, seen)
 END
 last="slowly.py"
 python3 slowly.py "$TESSEL_PROGRAM" "$killer" || fail "see above"
