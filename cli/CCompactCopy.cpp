@@ -8,7 +8,6 @@
 #include "lum/Numbers.h"
 #include "platform.h"
 #include "tessel/CVMDKDescriptorAccessor.h"
-#include "tessel/CVMDKSparseExtentHeader.h"
 #include "tessel/VMDKEmptyExtentFile.h"
 #include "tessel/VMDKFileReference.h"
 
@@ -24,18 +23,10 @@ bool isZero(const TBuffer<unsigned char>& bytes) {
     return isZeroMemory(bytes.getData(), static_cast<std::size_t>(bytes.getUsed()));
 }
 
-P<CVMDKSparseExtentHeader> readHeader(IFileSystem* files, const CURI& uri) {
-    const P<IIOStream> stream = openVMDKFileStream(files, uri, IIOStream::Access_Read);
-    CDataInStream in(stream.get());
-    P<CVMDKSparseExtentHeader> header(new CVMDKSparseExtentHeader);
-    header->load(in);
-    return header;
-}
-
 /// An extent need not end with a whole grain, but is made of whole ones.
 void setCapacity(IFileSystem* files, const CURI& uri, unsigned long long sectors) {
     constexpr int64 footerFromEnd = 2 * vmdkSectorSize;
-    const P<CVMDKSparseExtentHeader> header = readHeader(files, uri);
+    const P<CVMDKSparseExtentHeader> header = readExtentHeader(files, uri);
     header->setCapacitySectors(sectors);
     const P<IIOStream> stream = openExistingVMDKFileStream(files, uri, IIOStream::Access_ReadWrite);
     CDataOutStream out(stream.get());
@@ -238,7 +229,7 @@ void CCompactCopy::makeFiles() {
 }
 
 void CCompactCopy::makeExtent(const CURI& from, const CURI& to, CVMDKDescriptor* descriptor) {
-    const P<CVMDKSparseExtentHeader> header = readHeader(m_files.get(), from);
+    const P<CVMDKSparseExtentHeader> header = readExtentHeader(m_files.get(), from);
     const auto capacity = static_cast<int64>(header->getCapacitySectors());
     const int64 grainSize = m_disk->getGrainSizeBytes() / vmdkSectorSize;
     int64 descriptorSectors = 0;

@@ -20,7 +20,8 @@ int64 CDiskGrid::UCell::getWritten() const noexcept {
     return std::accumulate(bytes.begin(), bytes.end(), int64{0});
 }
 
-CDiskGrid::CDiskGrid(CVMDKDisk& disk, int mostCells) : m_cellSize(disk.getGrainSizeBytes()) {
+CDiskGrid::CDiskGrid(CVMDKDisk& disk, int mostCells, CProgress& progress)
+    : m_cellSize(disk.getGrainSizeBytes()) {
     const int64 size = disk.getSizeBytes();
     while ((size - 1) / m_cellSize >= mostCells)
         m_cellSize *= 2;
@@ -33,6 +34,7 @@ CDiskGrid::CDiskGrid(CVMDKDisk& disk, int mostCells) : m_cellSize(disk.getGrainS
             throwIfInterrupted();
             const UVMDKStoredRun run = disk.findStoredRun(position, end - position);
             position += run.sizeBytes;
+            progress.advanceTo(position);
             if (run.layer == UVMDKGrainRun::nowhere)
                 continue;
             cell.bytes[static_cast<std::size_t>(stateOfLayer(run.layer))] += run.sizeBytes;

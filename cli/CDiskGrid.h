@@ -1,5 +1,6 @@
 #pragma once
 
+#include "CProgress.h"
 #include "tessel/CVMDKDisk.h"
 
 #include <array>
@@ -29,7 +30,7 @@ public:
 
     /// Looks at every grain table of the disk, and at no grain. There are at most `mostCells`, and each is a
     /// power of two times a grain. Throws: what the library throws; CInterrupted.
-    CDiskGrid(CVMDKDisk& disk, int mostCells);
+    CDiskGrid(CVMDKDisk& disk, int mostCells, CProgress& progress);
 
     const std::vector<UCell>& getCells() const noexcept { return m_cells; }
     /// Of all cells but the last one, which may be smaller.

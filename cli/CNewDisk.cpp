@@ -1,5 +1,6 @@
 #include "CNewDisk.h"
 
+#include "CInterruptibleFiles.h"
 #include "Confinement.h"
 #include "Errors.h"
 #include "Names.h"
@@ -103,17 +104,17 @@ void throwUsageErrorOfNewDisk(const CError& error, const UCreateOptions& options
 }
 
 CNewDisk::CNewDisk(const std::string& name, int64 sizeBytes, const UCreateOptions& options,
-                   CPasswords& passwords, const std::string& source, bool sync)
+                   CPasswords& passwords, TArray<fs::path> inUse, bool sync)
     : m_name(name),
       m_force(options.force),
       m_sync(sync),
       m_target(resolveTarget(name, options.force)),
       m_files(new CNativeFileSystem(sync)),
-      m_names({m_target.filename()}) {
-    for (const std::string& used : {source, options.parent})
-        if (!used.empty())
-            for (const fs::path& file : listFilesOfChain(used))
-                m_inUse.push_back(file);
+      m_names({m_target.filename()}),
+      m_inUse(std::move(inUse)) {
+    if (!options.parent.empty())
+        for (const fs::path& file : listFilesOfChain(options.parent))
+            m_inUse.push_back(file);
     verifyNames();
     m_lock = about(name, [&] {
         const CURI target = uriFromPath(m_target);
@@ -179,14 +180,16 @@ void CNewDisk::create(int64 sizeBytes, const UCreateOptions& options, const Stri
 void CNewDisk::createFiles(int64 sizeBytes, const UCreateOptions& options, const String& password,
                            bool compressed, int64 limit) {
     const CURI uri = uriFromPath(m_folder->getPath() / m_target.filename());
+    const P<CInterruptibleFiles> files(new CInterruptibleFiles(m_files.get())); // there may be thousands
     if (!m_parent) {
-        m_disk = CVMDKDisk::create(m_files.get(), uri, sizeBytes, password, compressed, options.level, limit,
+        m_disk = CVMDKDisk::create(files.get(), uri, sizeBytes, password, compressed, options.level, limit,
                                    "", noContentID, options.onDemand);
+        files->stop();
         return;
     }
     const String reference = makeParentReference(m_name, options.parent);
     const unsigned int parentContentID = m_parent->getDescriptor()->getContentID();
-    m_disk = CVMDKDisk::create(m_files.get(), uri, m_parent->getSizeBytes(), password, compressed,
+    m_disk = CVMDKDisk::create(files.get(), uri, m_parent->getSizeBytes(), password, compressed,
                                options.level, limit, reference, parentContentID, options.onDemand);
     // Seen from here the reference leads nowhere, so the parent is handed in.
     m_disk = nullptr;

@@ -45,10 +45,10 @@ void throwUsageErrorOfNewDisk(const CError& error, const UCreateOptions& options
 class CNewDisk {
 public:
     /// `sizeBytes` is that of the disk; with a parent it is not asked for, since a child has its parent's.
-    /// `source`, which may be empty, is a file that must not be replaced, with all that belongs to it.
+    /// `inUse`: files that must not be replaced; those of the parent are none of them.
     /// Throws: CFailure; CUsageError for options that do not go together.
     CNewDisk(const std::string& name, int64 sizeBytes, const UCreateOptions& options, CPasswords& passwords,
-             const std::string& source, bool sync);
+             TArray<std::filesystem::path> inUse, bool sync);
     ~CNewDisk();
     CNewDisk(const CNewDisk&) = delete;
     CNewDisk& operator=(const CNewDisk&) = delete;

@@ -24,12 +24,16 @@ std::string formatDuration(double seconds) {
 
 } // namespace
 
-CProgress::CProgress(int64 sizeBytes, bool quiet, Clock::time_point start)
-    : m_size(sizeBytes), m_shown(!quiet && isErrorTerminal()), m_start(start) {}
+CProgress::CProgress(int64 sizeBytes, bool quiet) : m_size(sizeBytes), m_shown(!quiet && isErrorTerminal()) {}
 
 CProgress::~CProgress() {
+    hide();
+}
+
+void CProgress::hide() {
     if (m_drawn)
         writeErrorText("\r\033[K");
+    m_drawn = false;
 }
 
 void CProgress::show(int64 position) {

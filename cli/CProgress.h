@@ -12,9 +12,7 @@ namespace tessel::cli {
 class CProgress {
 public:
     /// `sizeBytes` -1 when the end is not known. `quiet`: show nothing.
-    /// `start`: when the work began.
-    CProgress(int64 sizeBytes, bool quiet,
-              std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now());
+    CProgress(int64 sizeBytes, bool quiet);
     /// Clears the line.
     ~CProgress();
     CProgress(const CProgress&) = delete;
@@ -24,6 +22,8 @@ public:
         if (m_shown)
             show(position);
     }
+    /// Clears the line, for whatever else is written to the terminal; the next advance draws it anew.
+    void hide();
 
 private:
     using Clock = std::chrono::steady_clock;
@@ -34,7 +34,7 @@ private:
     int64 m_size;
     bool m_shown;
     bool m_drawn = false;
-    Clock::time_point m_start;
+    Clock::time_point m_start = Clock::now();
     Clock::time_point m_nextUpdate = Clock::now() + std::chrono::milliseconds(300);
 };
 

@@ -1,15 +1,18 @@
 #include "DiskFiles.h"
 
 #include "Confinement.h"
+#include "DiskSignature.h"
 #include "Disks.h"
 #include "Errors.h"
 #include "Names.h"
 #include "lum/CNativeFileSystem.h"
 #include "tessel/CVMDKDescriptorAccessor.h"
+#include "tessel/CVMDKParentDiskDataProvider.h"
 #include "tessel/VMDKFileReference.h"
 #include "tessel/VMDKRenamedFile.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <set>
 
@@ -32,6 +35,16 @@ std::string nameOf(const CURI& uri) {
     return uri.getName().toUTF8Lossy();
 }
 
+/// Whoever looks at files that nobody calls a disk shall not be warned of what an image holds in place of a
+/// descriptor. Throws: CError.
+void verifyMayBeMainFile(IIOStream& stream) {
+    std::array<unsigned char, diskSignatureSize> bytes{};
+    const auto count = static_cast<int>(std::min<int64>(stream.getLength(), diskSignatureSize));
+    stream.read(bytes.data(), count);
+    if (isSurelyNoVMDK(bytes.data(), count))
+        throw CError("This is no VMDK disk: it begins with neither a sparse extent nor a descriptor");
+}
+
 /// At most so many names, in one line.
 std::string list(const std::vector<std::string>& names) {
     constexpr std::size_t most = 5;
@@ -47,6 +60,14 @@ CURI UMainFile::findExtent(const CVMDKExtentInfo& extent) const {
     return isRenamed ? uri : vmdkFileReferenceToURI(uri.getParent(), extent.getFilename());
 }
 
+bool UMainFile::tryGetParent(CURI& parent) const {
+    String reference;
+    if (descriptor->getParentContentID() == noContentID || !descriptor->tryGetParentFileNameHint(reference))
+        return false;
+    parent = vmdkFileReferenceToURI(uri.getParent(), reference);
+    return true;
+}
+
 TArray<P<CVMDKExtentInfo>> UMainFile::getExtents() const {
     TArray<P<CVMDKExtentInfo>> extents;
     descriptor->getExtentEntries(extents);
@@ -56,11 +77,20 @@ TArray<P<CVMDKExtentInfo>> UMainFile::getExtents() const {
 
 UMainFile readMainFile(IFileSystem* files, const CURI& uri) {
     const P<IIOStream> stream = openVMDKFileStream(files, uri, IIOStream::Access_Read);
+    verifyMayBeMainFile(*stream);
     const P<CVMDKDescriptorAccessor> accessor(
         new CVMDKDescriptorAccessor(stream.get(), IIOStream::Access_Read));
     UMainFile file{uri.toNormalized(), accessor->getDescriptor(), accessor->getEmbeddedInSparseExtentFile()};
     file.isRenamed = file.isEmbedded && isRenamedVMDKFile(*file.descriptor, file.uri);
     return file;
+}
+
+P<CVMDKSparseExtentHeader> readExtentHeader(IFileSystem* files, const CURI& uri) {
+    const P<IIOStream> stream = openVMDKFileStream(files, uri, IIOStream::Access_Read);
+    CDataInStream in(stream.get());
+    P<CVMDKSparseExtentHeader> header(new CVMDKSparseExtentHeader);
+    header->load(in);
+    return header;
 }
 
 std::string makeExtentName(const std::string& mainFile, const std::string& oldName, std::size_t index) {
@@ -109,24 +139,43 @@ void tellIfRenamed(IFileSystem* files, const UMainFile& file, const std::string&
              " puts it right)");
 }
 
-std::string explainMissingFile(const std::string& name, const std::string& missing) {
+void walkChain(const std::string& name, const std::function<bool(const UMainFile& file)>& visit) {
     try {
-        const P<IFileSystem> files(new CNativeFileSystem(false));
-        const UMainFile main = readMainFile(files.get(), uriFromName(name));
-        const auto isIt = [&](const CURI& uri) { return showPaths(uri.toString(true)) == missing; };
-        String reference;
-        if (main.descriptor->getParentContentID() != noContentID &&
-            main.descriptor->tryGetParentFileNameHint(reference) &&
-            isIt(vmdkFileReferenceToURI(main.uri.getParent(), reference)))
-            return "Its parent is missing: " + missing + " (tessel rebase " + name +
-                   " NEW_PARENT tells it where the parent is now)";
-        for (const auto& extent : main.getExtents())
-            if (isIt(main.findExtent(*extent)))
-                return "A file of the disk is missing: " + missing;
-    } catch (const CError&) {   // NOLINT(bugprone-empty-catch): what is wrong with it, others tell
+        CURI uri = uriFromName(name).toNormalized();
+        const P<IFileSystem> native(new CNativeFileSystem(false));
+        const P<IFileSystem> files = confine(native.get(), name);
+        for (int depth = 0; depth <= CVMDKParentDiskDataProvider::maxChainLength; ++depth) {
+            const UMainFile file = readMainFile(files.get(), uri);
+            if (!visit(file) || !file.tryGetParent(uri))
+                return;
+        }
+    } catch (const CError&) {   // NOLINT(bugprone-empty-catch): whoever opens the disk is told what is wrong
     } catch (const CFailure&) { // NOLINT(bugprone-empty-catch): the same
     }
-    return std::string();
+}
+
+std::string explainMissingFile(const std::string& name, const std::string& missing) {
+    const auto isIt = [&](const CURI& uri) { return showPaths(uri.toString(true)) == missing; };
+    std::string explained;
+    bool isParent = false;
+    walkChain(name, [&](const UMainFile& main) {
+        const std::string holder = isParent ? nameFromPath(pathFromURI(main.uri)) : name;
+        CURI parent;
+        if (main.tryGetParent(parent) && isIt(parent))
+            explained = isParent ? "The parent of its parent " + holder + " is missing: " + missing +
+                                       " (tessel rebase " + holder +
+                                       " NEW_PARENT tells it where the parent is now)"
+                                 : "Its parent is missing: " + missing + " (tessel rebase " + holder +
+                                       " NEW_PARENT tells it where the parent is now)";
+        const TArray<P<CVMDKExtentInfo>> extents = main.getExtents();
+        if (std::any_of(extents.begin(), extents.end(),
+                        [&](const auto& extent) { return isIt(main.findExtent(*extent)); }))
+            explained = isParent ? "A file of its parent " + holder + " is missing: " + missing
+                                 : "A file of the disk is missing: " + missing;
+        isParent = true;
+        return explained.empty();
+    });
+    return explained;
 }
 
 void verifyFilesAreNotRenamed(const std::string& name, const UMainFile& file) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "CProgress.h"
 #include "platform.h"
 #include "tessel/CVMDKDisk.h"
 
@@ -14,13 +15,14 @@ bool continuesRun(const UVMDKStoredRun& run, const UVMDKStoredRun& next);
 /// However many there are, no more than two are in memory. Throws: what the library and `visit` throw;
 /// CInterrupted.
 template <class Visit>
-void forEachStoredRun(CVMDKDisk& disk, Visit visit) {
+void forEachStoredRun(CVMDKDisk& disk, CProgress& progress, Visit visit) {
     const int64 size = disk.getSizeBytes();
     UVMDKStoredRun run = disk.findStoredRun(0);
     for (int64 position = run.sizeBytes; position < size;) {
         throwIfInterrupted();
         const UVMDKStoredRun next = disk.findStoredRun(position);
         position += next.sizeBytes;
+        progress.advanceTo(position);
         if (continuesRun(run, next)) {
             run.sizeBytes += next.sizeBytes;
             run.storedBytes += next.storedBytes;

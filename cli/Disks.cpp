@@ -21,31 +21,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-P<IFileSystem> confinedFiles(const std::string& name) {
-    const P<IFileSystem> files(new CNativeFileSystem(false));
-    return confine(files.get(), name);
-}
-
-/// Calls `visit` with the main file of a disk and of its parents, nearest first, until it returns false or
-/// there is none that can be read.
-template <class Visit>
-void walkChain(const std::string& name, Visit visit) {
-    try {
-        CURI uri = uriFromName(name).toNormalized();
-        const P<IFileSystem> files = confinedFiles(name);
-        for (int depth = 0; depth <= CVMDKParentDiskDataProvider::maxChainLength; ++depth) {
-            const UMainFile file = readMainFile(files.get(), uri);
-            String reference;
-            if (!visit(file) || file.descriptor->getParentContentID() == noContentID ||
-                !file.descriptor->tryGetParentFileNameHint(reference))
-                return;
-            uri = vmdkFileReferenceToURI(uri.getParent(), reference);
-        }
-    } catch (const CError&) {   // NOLINT(bugprone-empty-catch): whoever opens the disk is told what is wrong
-    } catch (const CFailure&) { // NOLINT(bugprone-empty-catch): the same
-    }
-}
-
 bool isSurelyNoDisk(const std::string& name) {
     std::array<unsigned char, diskSignatureSize> bytes{};
     std::ifstream file(pathFromName(name), std::ios::binary);
@@ -116,7 +91,9 @@ void verifyNames(const std::string& name, IFileSystem* files) {
 
 P<CVMDKDescriptor> readDescriptor(const std::string& name) {
     verifyMayBeDisk(name);
-    return about(name, [&] { return readMainFile(confinedFiles(name).get(), uriFromName(name)).descriptor; });
+    const P<IFileSystem> native(new CNativeFileSystem(false));
+    const P<IFileSystem> files = confine(native.get(), name);
+    return about(name, [&] { return readMainFile(files.get(), uriFromName(name)).descriptor; });
 }
 
 bool needsPassword(const std::string& name) {
@@ -132,28 +109,40 @@ bool looksLikeVMDK(const unsigned char* bytes, int count) {
     return beginsLikeVMDK(bytes, count);
 }
 
-TArray<P<CVMDKDisk>> openParents(CVMDKDisk& disk, const String& password, IFileSystem* files) {
+void verifyParentsAreThere(const std::string& name) {
+    std::string missing;
+    walkChain(name, [&](const UMainFile& file) {
+        CURI parent;
+        if (file.tryGetParent(parent) && isAllowedFor(name, parent) && !somethingExists(pathFromURI(parent)))
+            missing = showPaths(parent.toString(true));
+        return missing.empty();
+    });
+    if (!missing.empty())
+        throw CFailure(name, explainMissingFile(name, missing));
+}
+
+TArray<P<CVMDKDisk>> openParents(const std::string& name, CVMDKDisk& disk, const String& password,
+                                 IFileSystem* files) {
     // What a disk may name its parents may name, not what lies beside those.
     const P<IFileSystem> confined = confine(files, nameFromPath(pathFromURI(disk.getMainFileURI())));
     TArray<P<CVMDKDisk>> parents;
     P<CVMDKDisk> child(&disk);
     while (!child->getParentDiskMainURI().isEmpty()) {
-        const std::string name = nameFromPath(pathFromURI(child->getParentDiskMainURI()));
+        const std::string parentName = nameFromPath(pathFromURI(child->getParentDiskMainURI()));
         if (parents.size() >= static_cast<std::size_t>(CVMDKParentDiskDataProvider::maxChainLength))
-            throw CFailure(name, "The chain of parents is too deep, or comes back to itself");
-        const P<CVMDKDisk> parent = about(name, [&] {
+            throw CFailure(parentName, "The chain of parents is too deep, or comes back to itself");
+        const P<CVMDKDisk> parent = about(parentName, [&] {
             try {
                 return CVMDKDisk::openRenamed(confined.get(), child->getParentDiskMainURI(),
                                               IIOStream::Access_Read, password, -1, nullptr, nullptr);
             } catch (const CFileSystemError& error) {
                 if (error.getProblem() != CFileSystemError::Problem_NotFound)
                     throw;
-                const std::string childName = nameFromPath(pathFromURI(child->getMainFileURI()));
-                throw CFailure(childName, explainError(error, childName));
+                throw CFailure(name, explainError(error, name));
             }
         });
         if (parent->getDescriptor()->getContentID() != child->getDescriptor()->getParentContentID())
-            throw CFailure(name, "This disk has changed since a child was made from it");
+            throw CFailure(parentName, "This disk has changed since a child was made from it");
         parents.push_back(parent);
         child = parent;
     }

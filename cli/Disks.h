@@ -29,9 +29,14 @@ bool needsPassword(const std::string& name);
 /// Whether the first bytes of a file are those of a VMDK: a sparse extent or a text descriptor.
 bool looksLikeVMDK(const unsigned char* bytes, int count);
 
-/// The parents of an open disk, nearest first, opened for reading once more by themselves, as far as `disk`
-/// may name files. Throws: CFailure when one cannot be opened or has changed.
-TArray<P<CVMDKDisk>> openParents(CVMDKDisk& disk, const String& password, IFileSystem* files);
+/// Throws: CFailure when a parent of a disk, or a parent's parent, is missing where it should be. What else
+/// may be wrong with them, whoever opens them is told.
+void verifyParentsAreThere(const std::string& name);
+
+/// The parents of an open disk, which the user calls `name`, nearest first, opened for reading once more by
+/// themselves, as far as `disk` may name files. Throws: CFailure when one cannot be opened or has changed.
+TArray<P<CVMDKDisk>> openParents(const std::string& name, CVMDKDisk& disk, const String& password,
+                                 IFileSystem* files);
 
 /// The files of a disk and of its parents, or of a raw image, as far as they can be told without opening more
 /// than descriptors.

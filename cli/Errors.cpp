@@ -88,6 +88,11 @@ std::string adviceFor(const String& message) {
     if (message == "No VMDK descriptor found in VMDK file.")
         return "; it may be a part of a disk of several files, which is opened by its main file: the one "
                "without a number in its name";
+    if (message == "Slot size directory not found in compressed VMDK." ||
+        message == "VMDK file uses an unsupported variant of the 'stream optimized' format.")
+        return "; another program may have written it, and qemu-img convert -O vmdk makes a disk of it that "
+               "is "
+               "read here";
     if (message == outsideMessage)
         return "; --allow DIR lets a disk name files below another folder";
     return std::string();

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "CProgress.h"
+
 #include <nlohmann/json.hpp>
 
 #include <string>
@@ -20,17 +22,22 @@ void writeJson(const Json& json);
 /// Text of any length in large writes. What was added last is written by finish().
 class COutputText {
 public:
+    /// `progress`, which is borrowed, may be on the terminal that the text is for.
+    explicit COutputText(CProgress& progress) : m_progress(&progress) {}
+
     void add(const std::string& text) {
         m_text += text;
         if (m_text.size() >= 32768)
             finish();
     }
     void finish() {
+        m_progress->hide();
         writeText(m_text);
         m_text.clear();
     }
 
 private:
+    CProgress* m_progress;
     std::string m_text;
 };
 

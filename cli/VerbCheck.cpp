@@ -16,7 +16,6 @@
 
 #include <array>
 #include <fstream>
-#include <optional>
 
 namespace tessel::cli {
 
@@ -26,6 +25,7 @@ struct UCheck {
     std::string disk;
     bool json = false;
     bool quick = false;
+    bool quiet = false;
     CPasswords passwords;
 };
 
@@ -51,18 +51,12 @@ std::string pathOf(const CURI& uri) {
 class CFindingWriter : public CBase, public IVMDKCheckReport {
 public:
     /// `sizeBytes`: of the disk; -1 when nobody knows.
-    CFindingWriter(const std::string& disk, int64 sizeBytes, bool json, bool quick)
-        : m_disk(disk),
-          m_size(sizeBytes),
-          m_json(json),
-          m_quick(quick),
-          m_start(std::chrono::steady_clock::now()) {
-        showProgress();
-    }
+    CFindingWriter(const UCheck& verb, int64 sizeBytes)
+        : m_disk(verb.disk), m_json(verb.json), m_quick(verb.quick), m_progress(sizeBytes, verb.quiet) {}
 
     void addFinding(const Finding& finding) override {
         throwIfInterrupted();
-        showProgress(); // takes the old line away
+        m_progress.hide();
         if (m_json)
             addJson(finding);
         else
@@ -72,11 +66,11 @@ public:
     void onProgress(int64 position) override {
         throwIfInterrupted();
         if (position >= 0)
-            m_progress->advanceTo(position);
+            m_progress.advanceTo(position);
     }
 
     void finish(const CVMDKDiskChecker& checker) {
-        m_progress.reset();
+        m_progress.hide();
         if (m_json)
             finishJson(checker);
         else
@@ -84,8 +78,6 @@ public:
     }
 
 private:
-    void showProgress() { m_progress.emplace(m_size, false, m_start); }
-
     static std::string makeLine(const Finding& finding) {
         std::string line = std::string(nameOf(finding.severity)) + ": " + pathOf(finding.uri) + ": ";
         const auto add = [&](const char* name, int64 value, const char* separator) {
@@ -154,11 +146,9 @@ private:
     }
 
     std::string m_disk;
-    int64 m_size;
     bool m_json;
     bool m_quick;
-    std::chrono::steady_clock::time_point m_start;
-    std::optional<CProgress> m_progress;
+    CProgress m_progress;
     bool m_begun = false;
     bool m_hasFindings = false;
 };
@@ -220,7 +210,7 @@ void checkDisk(UCheck& verb) {
         tellNote(failure.what());
     } catch (const CError&) { // NOLINT(bugprone-empty-catch): what is wrong with it, the check tells
     }
-    const P<CFindingWriter> writer(new CFindingWriter(verb.disk, size, verb.json, verb.quick));
+    const P<CFindingWriter> writer(new CFindingWriter(verb, size));
     const String& password = choosePassword(verb);
     about(verb.disk, [&] { checker->check(password, verb.quick, *writer); });
     writer->finish(*checker);
@@ -240,6 +230,7 @@ void addCheckVerb(CLI::App& program, VerbAction& chosen) {
     app->add_option("DISK", verb->disk, "Main file of the disk")->required();
     app->add_flag("--quick", verb->quick, "Look at the metadata only, not at what the grains hold");
     app->add_flag("--json", verb->json, "Answer for programs");
+    app->add_flag("--quiet", verb->quiet, "Show no progress");
     verb->passwords.addOpenOption(*app);
     app->callback([verb, &chosen] { chosen = [verb] { checkDisk(*verb); }; });
 }

@@ -1,6 +1,6 @@
 #include "CCompactCopy.h"
 #include "Confinement.h"
-#include "Disks.h"
+#include "DiskFacts.h"
 #include "Errors.h"
 #include "Names.h"
 #include "Sizes.h"
@@ -21,13 +21,24 @@ namespace {
 struct UCompact {
     std::string disk;
     bool quiet = false;
+    bool json = false;
     CPasswords passwords;
 };
 
-class CInterruptibleReport : public CBase, public IVMDKCheckReport {
+/// Shows how far the check is; what it finds is counted elsewhere.
+class CCheckProgress : public CBase, public IVMDKCheckReport {
 public:
+    CCheckProgress(int64 sizeBytes, bool quiet) : m_progress(sizeBytes, quiet) {}
+
     void addFinding(const UVMDKCheckFinding& /*finding*/) override { throwIfInterrupted(); }
-    void onProgress(int64 /*position*/) override { throwIfInterrupted(); }
+    void onProgress(int64 position) override {
+        throwIfInterrupted();
+        if (position >= 0)
+            m_progress.advanceTo(position);
+    }
+
+private:
+    CProgress m_progress;
 };
 
 /// Whether each compressed grain can be had with its record, which tells whose it is.
@@ -42,20 +53,31 @@ bool hasWholeGrainsOnly(const CVMDKDisk& disk) {
 
 /// The old files are all that a damaged disk can be repaired from. Throws: CFailure when it is, or when that
 /// cannot be told. Requires: the disk is open for writing.
-void verifyIsWhole(const std::string& name, const CVMDKDisk& disk, const String& password,
-                   IFileSystem* files) {
+void verifyIsWhole(const std::string& name, const CVMDKDisk& disk, const String& password, IFileSystem* files,
+                   bool quiet) {
     const P<IFileSystem> confined = confine(files, name);
     const P<CVMDKDiskChecker> checker(new CVMDKDiskChecker(confined.get(), disk.getMainFileURI()));
     checker->setTakesRenamed(true);
     checker->setLocks(false);
-    const P<CInterruptibleReport> report(new CInterruptibleReport);
-    about(name,
-          [&] { checker->check(password, !disk.getCompressed() || hasWholeGrainsOnly(disk), *report); });
+    {
+        const P<CCheckProgress> report(new CCheckProgress(disk.getSizeBytes(), quiet));
+        about(name,
+              [&] { checker->check(password, !disk.getCompressed() || hasWholeGrainsOnly(disk), *report); });
+    }
     if (checker->getDamageCount() > 0)
         throw CFailure(name, "It is damaged, and stays as it is (tessel check " + name + " tells how)");
     if (checker->getUncheckedCount() > 0)
         throw CFailure(name, "Not all of it can be checked, and it stays as it is (tessel check " + name +
                                  " tells why)");
+}
+
+void tellAsJson(const UCompact& verb, int64 before, int64 after) {
+    Json json;
+    json["replaced"] = after < before;
+    json["oldExtentBytes"] = before;
+    json["newExtentBytes"] = after;
+    json["disk"] = describeDisk(verb.disk);
+    writeJson(json);
 }
 
 void compact(UCompact& verb) {
@@ -66,10 +88,10 @@ void compact(UCompact& verb) {
     const String& password = verb.passwords.getForOpening(verb.disk);
     // Open for writing until all is done, so that nobody else uses it.
     const P<CVMDKDisk> disk = openDisk(verb.disk, IIOStream::Access_ReadWrite, password, files.get());
-    verifyIsWhole(verb.disk, *disk, password, files.get());
+    verifyIsWhole(verb.disk, *disk, password, files.get(), verb.quiet);
     P<CVMDKDisk> parent;
     if (!disk->getParentDiskMainURI().isEmpty())
-        parent = openParents(*disk, password, files.get()).front();
+        parent = openParents(verb.disk, *disk, password, files.get()).front();
     CCompactCopy copy(verb.disk, disk.get(), parent.get(), files.get(), password);
     {
         CProgress progress(disk->getSizeBytes(), verb.quiet);
@@ -77,9 +99,12 @@ void compact(UCompact& verb) {
     }
     const int64 before = copy.getOldSizeBytes();
     const int64 after = copy.getNewSizeBytes();
+    throwIfInterrupted();
     if (after < before)
         copy.replaceFiles();
-    if (!verb.quiet)
+    if (verb.json)
+        tellAsJson(verb, before, std::min(before, after));
+    else if (!verb.quiet)
         tellNote(verb.disk + (after < before ? ": It had " + formatSizeExactly(before) + ", and has " +
                                                    formatSizeExactly(after)
                                              : ": It is compact already, and stays as it is"));
@@ -94,6 +119,7 @@ void addCompactVerb(CLI::App& program, VerbAction& chosen) {
     app->footer("  tessel compact disk.vmdk\n"
                 "  tessel compact child.vmdk --allow ../bases");
     app->add_option("DISK", verb->disk, "Main file of the disk")->required();
+    app->add_flag("--json", verb->json, "Answer for programs");
     app->add_flag("--quiet", verb->quiet, "Show no progress and no note of the sizes");
     verb->passwords.addOpenOption(*app);
     app->callback([verb, &chosen] { chosen = [verb] { compact(*verb); }; });

@@ -38,7 +38,7 @@ void openSide(USide& side, const char* kindOption, CPasswords& passwords, IFileS
 /// Tells what was found, as it is found.
 class CComparisonWriter {
 public:
-    explicit CComparisonWriter(const UCompare& verb) : m_verb(verb) {
+    CComparisonWriter(const UCompare& verb, CProgress& progress) : m_verb(verb), m_out(progress) {
         if (verb.json)
             m_out.add("{\n  \"a\": " + formatJsonLine(verb.a.file) +
                       ",\n  \"b\": " + formatJsonLine(verb.b.file) +
@@ -112,16 +112,13 @@ void compare(UCompare& verb) {
     openSide(verb.b, "--b-kind", hasOwnPassword ? verb.b.passwords : verb.a.passwords, files.get());
     if (!verb.quiet)
         tellSizes(verb);
-    CComparisonWriter writer(verb);
-    UComparison found;
-    {
-        const int64 size = std::max(verb.a.source->getSizeBytes(), verb.b.source->getSizeBytes());
-        CProgress progress(size, verb.quiet);
-        found = compareSources(*verb.a.source, *verb.b.source, progress, [&](const UDifference& range) {
+    CProgress progress(std::max(verb.a.source->getSizeBytes(), verb.b.source->getSizeBytes()), verb.quiet);
+    CComparisonWriter writer(verb, progress);
+    const UComparison found =
+        compareSources(*verb.a.source, *verb.b.source, progress, [&](const UDifference& range) {
             writer.add(range);
             return !verb.first;
         });
-    }
     writer.finish(found);
     if (!found.isSame())
         throw CDifferenceFound();

@@ -1,5 +1,6 @@
 #include "CNewDisk.h"
 #include "Copy.h"
+#include "DiskFacts.h"
 #include "Errors.h"
 #include "FileKinds.h"
 #include "Jobs.h"
@@ -29,6 +30,7 @@ struct UConvert {
     CPasswords passwords;
     bool sync = false;
     bool quiet = false;
+    bool json = false;
     int jobs = getDefaultJobs();
 };
 
@@ -76,13 +78,42 @@ void verifyInputIsUsedUp(const UConvert& verb, ISource& source) {
                        "It holds more bytes than were announced, or than the new disk has room for");
 }
 
-void convertToRaw(UConvert& verb, ISource& source, int64 size) {
+/// The files that must not be replaced.
+TArray<fs::path> listSourceFiles(const UConvert& verb, Kind kind) {
+    if (isStandardStream(verb.source))
+        return {};
+    // What a guest wrote into a raw image names no files.
+    return kind == Kind::raw ? TArray<fs::path>{pathFromName(verb.source)} : listFilesOfChain(verb.source);
+}
+
+void tellAsJson(const UConvert& verb, Kind kind, int64 sizeBytes, int64 sourceBytes) {
+    Json json;
+    json["source"] = verb.source;
+    json["sourceBytes"] = sourceBytes;
+    json["target"] = verb.target;
+    json["kind"] = "raw";
+    json["sizeBytes"] = sizeBytes;
+    json["allocatedBytes"] = nullptr;
+    json["disk"] = nullptr;
+    if (kind == Kind::vmdk) {
+        json["disk"] = describeDisk(verb.target);
+        json["kind"] = json["disk"]["kind"];
+        json["allocatedBytes"] = json["disk"]["allocatedBytes"];
+    } else {
+        json["allocatedBytes"] = getAllocatedSize(pathFromName(verb.target));
+    }
+    writeJson(json);
+}
+
+void convertToRaw(UConvert& verb, ISource& source, Kind sourceKind, int64 size) {
     if (verb.options.asksForVMDK())
         throw CUsageError("Options of VMDK disks do not go with raw data (--to vmdk)");
     CProgress progress(size < 0 ? source.getSizeBytes() : size, verb.quiet);
     if (isStandardStream(verb.target)) {
         if (verb.sync)
             throw CUsageError("--sync: standard output is not this program's to wait for");
+        if (verb.json)
+            throw CUsageError("--json: standard output has the bytes of the disk already");
         if (isOutputTerminal())
             throw CUsageError("The bytes of a disk are not for a terminal; redirect standard output");
         COutputSink sink;
@@ -91,15 +122,20 @@ void convertToRaw(UConvert& verb, ISource& source, int64 size) {
         return;
     }
     const fs::path target = resolveTarget(verb.target, verb.options.force);
-    if (somethingExists(target) && !isStandardStream(verb.source))
-        for (const fs::path& file : listFilesOfChain(verb.source))
+    if (somethingExists(target))
+        for (const fs::path& file : listSourceFiles(verb, sourceKind))
             if (isSameFile(file, target))
                 throw CFailure(verb.target, "It is in use here, as the source, and cannot be replaced");
     CStagedFile file(target, verb.options.force);
     CRawSink sink(&file);
-    copy(source, sink, size, verb.jobs, progress);
+    const int64 copied = copy(source, sink, size, verb.jobs, progress);
+    progress.hide();
     verifyInputIsUsedUp(verb, source);
+    throwIfInterrupted();
+    const int64 fileSize = file.getFile().getLength();
     file.commit(verb.sync);
+    if (verb.json)
+        tellAsJson(verb, Kind::raw, fileSize, copied);
 }
 
 void convertToVMDK(UConvert& verb, ISource& source, Kind sourceKind, int64 size) {
@@ -111,7 +147,7 @@ void convertToVMDK(UConvert& verb, ISource& source, Kind sourceKind, int64 size)
     if (wanted < 0 && verb.options.parent.empty())
         throw CUsageError("--size is needed to make a disk from a pipe");
     const bool wasEncrypted = sourceKind == Kind::vmdk && needsPassword(verb.source);
-    CNewDisk target(verb.target, wanted, verb.options, verb.passwords, isInput ? std::string() : verb.source,
+    CNewDisk target(verb.target, wanted, verb.options, verb.passwords, listSourceFiles(verb, sourceKind),
                     verb.sync);
     const int64 diskSize = target.getDisk().getSizeBytes();
     if (!verb.options.parent.empty() && sourceSize > diskSize)
@@ -129,7 +165,9 @@ void convertToVMDK(UConvert& verb, ISource& source, Kind sourceKind, int64 size)
     // In a child, zeros up to its end hide what the parent holds.
     const int64 limit = verb.options.parent.empty() ? wanted : diskSize;
     const int64 copied = copy(source, sink, limit, verb.jobs, progress);
+    progress.hide();
     verifyInputIsUsedUp(verb, source);
+    throwIfInterrupted();
     target.commit();
     if (sourceSize < 0 && wanted >= 0 && copied < wanted)
         tellWarning("standard input: It ended after " + std::to_string(copied) + " bytes; the rest of the " +
@@ -139,6 +177,8 @@ void convertToVMDK(UConvert& verb, ISource& source, Kind sourceKind, int64 size)
         tellNote(verb.target + ": The size was rounded up from " + std::to_string(asked) + " to " +
                  std::to_string(diskSize) + " bytes; --size " + std::to_string(asked) +
                  " cuts it off when converting back");
+    if (verb.json)
+        tellAsJson(verb, Kind::vmdk, diskSize, copied);
 }
 
 void convert(UConvert& verb) {
@@ -148,7 +188,7 @@ void convert(UConvert& verb) {
     const P<IFileSystem> files(new CNativeFileSystem(false));
     const std::unique_ptr<ISource> source = openSource(verb, sourceKind, files.get());
     if (targetKind == Kind::raw)
-        convertToRaw(verb, *source, size);
+        convertToRaw(verb, *source, sourceKind, size);
     else
         convertToVMDK(verb, *source, sourceKind, size);
 }
@@ -176,6 +216,7 @@ void addConvertVerb(CLI::App& program, VerbAction& chosen) {
     verb->passwords.addCreateOptions(*app);
     addJobsOption(*app, verb->jobs);
     app->add_flag("--sync", verb->sync, "Wait until the medium has everything");
+    app->add_flag("--json", verb->json, "Answer for programs");
     app->add_flag("--quiet", verb->quiet, "Show no progress and no notes");
     app->callback([verb, &chosen] { chosen = [verb] { convert(*verb); }; });
 }

@@ -1,6 +1,7 @@
 #include "CProgress.h"
-#include "Disks.h"
+#include "DiskFacts.h"
 #include "Errors.h"
+#include "Names.h"
 #include "Verbs.h"
 #include "lum/CNativeFileSystem.h"
 #include "platform.h"
@@ -16,6 +17,7 @@ namespace {
 struct UFlatten {
     std::string disk;
     bool quiet = false;
+    bool json = false;
     int level = -1;
     CPasswords passwords;
 };
@@ -25,6 +27,9 @@ class CFlattening {
 public:
     explicit CFlattening(CVMDKDisk* disk)
         : m_disk(disk), m_grainSize(disk->getGrainSizeBytes()), m_grain(m_grainSize) {}
+
+    /// Bytes that the disk has taken over.
+    int64 getMovedBytes() const noexcept { return m_movedBytes; }
 
     void run(CProgress& progress) {
         const int64 size = m_disk->getSizeBytes();
@@ -39,7 +44,9 @@ public:
             for (; position < end; progress.advanceTo(position)) {
                 throwIfInterrupted();
                 moveGrain(position / m_grainSize, run, end);
-                position = std::min(size, (position / m_grainSize + 1) * m_grainSize);
+                const int64 grainEnd = std::min(size, (position / m_grainSize + 1) * m_grainSize);
+                m_movedBytes += grainEnd - position / m_grainSize * m_grainSize;
+                position = grainEnd;
             }
         }
     }
@@ -66,7 +73,18 @@ private:
     CVMDKDisk* m_disk;
     int64 m_grainSize;
     TBuffer<unsigned char> m_grain;
+    int64 m_movedBytes = 0;
 };
+
+void tellAsJson(const UFlatten& verb, const TArray<P<CVMDKDisk>>& parents, int64 movedBytes) {
+    Json json;
+    json["takenOverBytes"] = movedBytes;
+    json["oldParents"] = Json::array();
+    for (const auto& parent : parents)
+        json["oldParents"].push_back(nameFromPath(pathFromURI(parent->getMainFileURI())));
+    json["disk"] = describeDisk(verb.disk);
+    writeJson(json);
+}
 
 void flatten(UFlatten& verb) {
     const P<IFileSystem> files(new CNativeFileSystem);
@@ -75,7 +93,7 @@ void flatten(UFlatten& verb) {
         openDisk(verb.disk, IIOStream::Access_ReadWrite, password, files.get(), verb.level);
     if (disk->getParentDiskMainURI().isEmpty())
         throw CFailure(verb.disk, "This disk has no parent and stands alone already");
-    const TArray<P<CVMDKDisk>> parents = openParents(*disk, password, files.get());
+    const TArray<P<CVMDKDisk>> parents = openParents(verb.disk, *disk, password, files.get());
     const bool isAnyEncrypted = std::any_of(
         parents.begin(), parents.end(), [](const P<CVMDKDisk>& parent) { return parent->getEncrypted(); });
     if (isAnyEncrypted && !disk->getEncrypted())
@@ -84,15 +102,19 @@ void flatten(UFlatten& verb) {
                     "by everybody");
     // What the guest sees stays the same, and children of this disk rely on that.
     disk->setContentIDUpdatesEnabled(false);
+    CFlattening flattening(disk.get());
     {
         CProgress progress(disk->getSizeBytes(), verb.quiet);
-        about(verb.disk, [&] { CFlattening(disk.get()).run(progress); });
+        about(verb.disk, [&] { flattening.run(progress); });
     }
+    throwIfInterrupted();
     about(verb.disk, [&] {
         disk->flushChanges();
         disk->removeParent();
         disk->flushChanges();
     });
+    if (verb.json)
+        tellAsJson(verb, parents, flattening.getMovedBytes());
 }
 
 } // namespace
@@ -106,6 +128,7 @@ void addFlattenVerb(CLI::App& program, VerbAction& chosen) {
     app->add_option("--level", verb->level, "Compression level, 0 to 9, where grains must be compressed anew")
         ->type_name("N")
         ->check(CLI::Range(0, 9));
+    app->add_flag("--json", verb->json, "Answer for programs");
     app->add_flag("--quiet", verb->quiet, "Show no progress");
     verb->passwords.addOpenOption(*app);
     app->callback([verb, &chosen] { chosen = [verb] { flatten(*verb); }; });

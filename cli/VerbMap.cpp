@@ -1,3 +1,4 @@
+#include "CInterruptibleFiles.h"
 #include "CStagedFile.h"
 #include "DiskMap.h"
 #include "DiskPicture.h"
@@ -28,6 +29,7 @@ struct UMap {
     bool blocks = false;
     std::string svg;
     bool force = false;
+    bool quiet = false;
     CPasswords passwords;
 };
 
@@ -62,16 +64,16 @@ Json toJson(const UVMDKStoredRun& run) {
     return json;
 }
 
-void tellAsJson(const UMappedDisk& mapped) {
+void tellAsJson(const UMappedDisk& mapped, CProgress& progress) {
     Json layers = Json::array({nameFromPath(pathFromURI(mapped.disk->getMainFileURI()))});
     for (const auto& parent : mapped.parents)
         layers.push_back(nameFromPath(pathFromURI(parent->getMainFileURI())));
-    COutputText out;
+    COutputText out(progress);
     out.add("{\n  \"file\": " + formatJsonLine(mapped.name) +
             ",\n  \"sizeBytes\": " + std::to_string(mapped.disk->getSizeBytes()) +
             ",\n  \"layers\": " + formatJsonLine(layers) + ",\n  \"runs\": [");
     const char* separator = "\n    ";
-    forEachStoredRun(*mapped.disk, [&](const UVMDKStoredRun& run) {
+    forEachStoredRun(*mapped.disk, progress, [&](const UVMDKStoredRun& run) {
         out.add(separator + formatJsonLine(toJson(run)));
         separator = ",\n    ";
     });
@@ -95,7 +97,7 @@ std::string tellState(const UVMDKStoredRun& run) {
                                                : "parent " + std::to_string(run.layer);
 }
 
-void tellAsText(const UMappedDisk& mapped) {
+void tellAsText(const UMappedDisk& mapped, CProgress& progress) {
     const std::size_t width = std::max<std::size_t>(std::to_string(mapped.disk->getSizeBytes()).size(),
                                                     std::string("offset").size());
     const auto right = [&](const std::string& text) { return std::string(width - text.size(), ' ') + text; };
@@ -103,9 +105,9 @@ void tellAsText(const UMappedDisk& mapped) {
         text.resize(std::max<std::size_t>(text.size(), 10), ' ');
         return text;
     };
-    COutputText out;
+    COutputText out(progress);
     out.add(right("offset") + "  " + right("length") + "  " + left("state") + "place\n");
-    forEachStoredRun(*mapped.disk, [&](const UVMDKStoredRun& run) {
+    forEachStoredRun(*mapped.disk, progress, [&](const UVMDKStoredRun& run) {
         const std::string place = tellPlace(mapped, run);
         const std::string state = tellState(run);
         out.add(right(std::to_string(run.position)) + "  " + right(std::to_string(run.sizeBytes)) + "  " +
@@ -114,8 +116,9 @@ void tellAsText(const UMappedDisk& mapped) {
     out.finish();
 }
 
-UDiskPicture makePicture(const UMappedDisk& mapped, int mostCells) {
+UDiskPicture makePicture(const UMappedDisk& mapped, int mostCells, bool quiet) {
     CVMDKDisk& disk = *mapped.disk;
+    CProgress progress(disk.getSizeBytes(), quiet);
     const P<CVMDKSpaceInfo> space = disk.gatherSpaceInfo();
     UDiskPicture picture{nameFromPath(pathFromName(mapped.name).filename()),
                          disk.getDescriptor()->getCreateType().toUTF8Lossy(),
@@ -126,7 +129,7 @@ UDiskPicture makePicture(const UMappedDisk& mapped, int mostCells) {
                          space->getPayloadSizeInFile(),
                          space->getHeaderSize(),
                          space->getDeadSpaceSize(),
-                         CDiskGrid(disk, mostCells)};
+                         CDiskGrid(disk, mostCells, progress)};
     for (const auto& parent : mapped.parents)
         picture.parents.push_back(nameFromPath(pathFromURI(parent->getMainFileURI()).filename()));
     return picture;
@@ -143,7 +146,8 @@ fs::path findPlaceForPicture(const UMap& verb) {
 }
 
 void drawPicture(const UMap& verb, const UMappedDisk& mapped, const fs::path& target) {
-    const std::string text = about(verb.disk, [&] { return drawSVG(makePicture(mapped, mostSVGCells)); });
+    const std::string text =
+        about(verb.disk, [&] { return drawSVG(makePicture(mapped, mostSVGCells, verb.quiet)); });
     CStagedFile file(target, verb.force);
     constexpr std::size_t piece = 1 << 20;
     for (std::size_t done = 0; done < text.size(); done += piece)
@@ -166,22 +170,25 @@ void map(UMap& verb) {
     if (verb.force && verb.svg.empty())
         throw CUsageError("--force: only a picture is written to a file (--svg)");
     const fs::path target = verb.svg.empty() ? fs::path() : findPlaceForPicture(verb);
-    const P<IFileSystem> files(new CNativeFileSystem(false));
+    const P<IFileSystem> native(new CNativeFileSystem(false));
+    const P<IFileSystem> files(new CInterruptibleFiles(native.get()));
     const String& password = verb.passwords.getForOpening(verb.disk);
     UMappedDisk mapped{verb.disk, openDisk(verb.disk, IIOStream::Access_Read, password, files.get()), {}, {}};
-    mapped.parents = openParents(*mapped.disk, password, files.get());
+    mapped.parents = openParents(verb.disk, *mapped.disk, password, files.get());
     mapped.folder = pathFromURI(mapped.disk->getMainFileURI().toNormalized()).parent_path();
     if (!verb.svg.empty())
         drawPicture(verb, mapped, target);
     about(verb.disk, [&] {
         if (verb.blocks) {
             const int width = isOutputTerminal() ? getErrorWidth() : 80;
-            writeText(drawBlocks(makePicture(mapped, mostBlockCells(width)), width, mayColour()));
-        } else if (verb.json) {
-            tellAsJson(mapped);
-        } else if (verb.svg.empty()) {
-            tellAsText(mapped);
+            writeText(drawBlocks(makePicture(mapped, mostBlockCells(width), verb.quiet), width, mayColour()));
+            return;
         }
+        CProgress progress(mapped.disk->getSizeBytes(), verb.quiet);
+        if (verb.json)
+            tellAsJson(mapped, progress);
+        else if (verb.svg.empty())
+            tellAsText(mapped, progress);
     });
 }
 
@@ -199,6 +206,7 @@ void addMapVerb(CLI::App& program, VerbAction& chosen) {
     app->add_flag("--blocks", verb->blocks, "Draw the disk as a grid on the terminal");
     app->add_option("--svg", verb->svg, "Draw the disk as a grid into a new SVG image")->type_name("FILE");
     app->add_flag("--force", verb->force, "Replace an existing image");
+    app->add_flag("--quiet", verb->quiet, "Show no progress");
     verb->passwords.addOpenOption(*app);
     app->callback([verb, &chosen] { chosen = [verb] { map(*verb); }; });
 }

@@ -160,10 +160,13 @@ void tell(const UMeasure& verb, const UMeasured& measured) {
     table.add("source", verb.source);
     table.add("new disk", measured.kind + ", " + formatSizeExactly(measured.sizeBytes));
     table.add("files", std::to_string(measured.files));
-    table.add("required", measured.isEstimate
-                              ? "about " + formatSizeExactly(measured.requiredBytes) + ", give or take " +
-                                    formatSize(measured.marginBytes) + "; estimated from a sample"
-                              : formatSizeExactly(measured.requiredBytes));
+    std::string required = formatSizeExactly(measured.requiredBytes);
+    if (measured.isEstimate)
+        required = "about " + required +
+                   (measured.marginBytes > 0
+                        ? ", give or take " + formatSize(measured.marginBytes) + "; estimated from a sample"
+                        : "; every grain was looked at");
+    table.add("required", required);
     table.add("when full",
               (measured.isEstimate ? "at most " : "") + formatSizeExactly(measured.fullyAllocatedBytes));
     table.write();

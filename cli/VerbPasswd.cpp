@@ -1,8 +1,9 @@
-#include "Disks.h"
+#include "DiskFacts.h"
 #include "Errors.h"
 #include "Names.h"
 #include "Verbs.h"
 #include "lum/CNativeFileSystem.h"
+#include "platform.h"
 
 #include <CLI/CLI.hpp>
 
@@ -12,6 +13,7 @@ namespace {
 
 struct UPasswd {
     std::string disk;
+    bool json = false;
     CPasswords passwords;
 };
 
@@ -23,13 +25,21 @@ void changePassword(UPasswd& verb) {
     const P<CVMDKDisk> disk = openDisk(verb.disk, IIOStream::Access_ReadWrite,
                                        verb.passwords.getForOpening(verb.disk), files.get());
     const String& password = verb.passwords.getNew(verb.disk);
+    throwIfInterrupted();
     about(verb.disk, [&] { disk->changePassword(password); });
-    if (disk->getParentDiskMainURI().isEmpty())
-        return;
-    const std::string parent = nameFromPath(pathFromURI(disk->getParentDiskMainURI()));
-    if (needsPassword(parent))
+    std::string parent;
+    if (!disk->getParentDiskMainURI().isEmpty())
+        parent = nameFromPath(pathFromURI(disk->getParentDiskMainURI()));
+    const bool isParentLeft = !parent.empty() && needsPassword(parent);
+    if (isParentLeft)
         tellNote(parent + ": This parent's password stays as it is, and a disk is opened by the password of "
                           "its parents; change it as well");
+    if (verb.json) {
+        Json json;
+        json["parentToChange"] = isParentLeft ? Json(parent) : Json(nullptr);
+        json["disk"] = describeDisk(verb.disk);
+        writeJson(json);
+    }
 }
 
 } // namespace
@@ -40,6 +50,7 @@ void addPasswdVerb(CLI::App& program, VerbAction& chosen) {
     app->footer("  tessel passwd secret.vmdk\n"
                 "  tessel passwd secret.vmdk --password-file old.txt --new-password-file new.txt");
     app->add_option("DISK", verb->disk, "Main file of the disk")->required();
+    app->add_flag("--json", verb->json, "Answer for programs");
     verb->passwords.addChangeOptions(*app);
     app->callback([verb, &chosen] { chosen = [verb] { changePassword(*verb); }; });
 }

@@ -1,3 +1,4 @@
+#include "CProgress.h"
 #include "Disks.h"
 #include "Errors.h"
 #include "Sizes.h"
@@ -15,6 +16,7 @@ struct URead {
     std::string disk;
     std::string offset;
     std::string length;
+    bool quiet = false;
     CPasswords passwords;
 };
 
@@ -30,7 +32,8 @@ void read(URead& verb) {
 
     constexpr int64 most = 1 << 20;
     TBuffer<unsigned char> buffer(std::min(length, most));
-    for (int64 done = 0; done < length;) {
+    CProgress progress(length, verb.quiet);
+    for (int64 done = 0; done < length; progress.advanceTo(done)) {
         throwIfInterrupted();
         const int64 piece = std::min(length - done, most);
         about(verb.disk, [&] {
@@ -52,6 +55,7 @@ void addReadVerb(CLI::App& program, VerbAction& chosen) {
     app->add_option("DISK", verb->disk, "Main file of the disk")->required();
     app->add_option("OFFSET", verb->offset, "First byte; may have K, M, G, T behind it")->required();
     app->add_option("LENGTH", verb->length, "Number of bytes; the same")->required();
+    app->add_flag("--quiet", verb->quiet, "Show no progress");
     verb->passwords.addOpenOption(*app);
     app->callback([verb, &chosen] { chosen = [verb] { read(*verb); }; });
 }

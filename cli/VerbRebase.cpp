@@ -1,8 +1,9 @@
-#include "Disks.h"
+#include "DiskFacts.h"
 #include "Errors.h"
 #include "Names.h"
 #include "Verbs.h"
 #include "lum/CNativeFileSystem.h"
+#include "platform.h"
 
 #include <CLI/CLI.hpp>
 
@@ -14,6 +15,7 @@ struct URebase {
     std::string disk;
     std::string parent;
     bool isUnsafe = false;
+    bool json = false;
     CPasswords passwords;
 };
 
@@ -42,7 +44,15 @@ void rebase(URebase& verb) {
         tellWarning(verb.disk +
                     ": The new parent is encrypted and this disk is not: what it stores can be read "
                     "by everybody");
+    const Json oldParent = verb.json ? describeDisk(verb.disk)["parent"] : Json();
+    throwIfInterrupted();
     about(verb.disk, [&] { disk->changeParent(reference, actual); });
+    if (verb.json) {
+        Json json;
+        json["oldParent"] = oldParent;
+        json["disk"] = describeDisk(verb.disk);
+        writeJson(json);
+    }
 }
 
 } // namespace
@@ -57,6 +67,7 @@ void addRebaseVerb(CLI::App& program, VerbAction& chosen) {
         ->required();
     app->add_flag("--unsafe", verb->isUnsafe,
                   "Take a parent of any content; what the child does not hold itself reads from it");
+    app->add_flag("--json", verb->json, "Answer for programs");
     verb->passwords.addOpenOption(*app);
     app->callback([verb, &chosen] { chosen = [verb] { rebase(*verb); }; });
 }

@@ -1,6 +1,6 @@
 #include "CStagedFile.h"
 #include "Confinement.h"
-#include "Disks.h"
+#include "DiskFacts.h"
 #include "Errors.h"
 #include "Names.h"
 #include "RenamePlan.h"
@@ -27,6 +27,7 @@ namespace {
 struct URename {
     std::string disk;
     std::string newName;
+    bool json = false;
 };
 
 /// Steps that are taken back, last first, unless they are kept.
@@ -291,7 +292,9 @@ bool isOldName(const CURI& uri, const URenamePlan& plan) {
 }
 
 /// The children of the disk in these folders are told of, since their parent is no more where they look.
-void tellChildren(const URenamePlan& plan, const std::string& newName) {
+/// Returns their names.
+std::vector<std::string> tellChildren(const URenamePlan& plan, const std::string& newName) {
+    std::vector<std::string> children;
     for (const fs::path& folder : std::set<fs::path>{folderOf(plan.oldPath), folderOf(plan.newPath)}) {
         const P<IFileSystem>& files = folder == folderOf(plan.newPath) ? plan.newFiles : plan.oldFiles;
         std::error_code ignored;
@@ -301,16 +304,33 @@ void tellChildren(const URenamePlan& plan, const std::string& newName) {
                 continue;
             try {
                 const UMainFile child = readMainFile(files.get(), uriFromPath(entry.path()));
-                String reference;
-                if (child.descriptor->getParentContentID() != noContentID &&
-                    child.descriptor->tryGetParentFileNameHint(reference) &&
-                    isOldName(vmdkFileReferenceToURI(child.uri.getParent(), reference), plan))
+                CURI parent;
+                if (child.tryGetParent(parent) && isOldName(parent, plan)) {
                     tellChild(name, newName);
+                    children.push_back(name);
+                }
             } catch (const CError&) {   // NOLINT(bugprone-empty-catch): no disk, or none that can be read
             } catch (const CFailure&) { // NOLINT(bugprone-empty-catch): the same
             }
         }
     }
+    return children;
+}
+
+void tellAsJson(const URename& verb, const URenamePlan& plan, const std::vector<std::string>& children) {
+    Json json;
+    json["oldFile"] = verb.disk;
+    json["moves"] = Json::array();
+    const auto add = [&](const fs::path& from, const fs::path& to) {
+        if (from != to)
+            json["moves"].push_back({{"from", nameFromPath(from)}, {"to", nameFromPath(to)}});
+    };
+    add(plan.oldPath, plan.newPath);
+    for (const auto& move : plan.moves)
+        add(move.from, move.to);
+    json["children"] = children;
+    json["disk"] = describeDisk(verb.newName);
+    writeJson(json);
 }
 
 P<CLockFile> lockDisk(IFileSystem* files, const std::string& name) {
@@ -332,8 +352,10 @@ void renameDisk(const URename& verb) {
     const URenamePlan plan = makeRenamePlan(files.get(), verb.disk, verb.newName);
     verifyRoom(verb.disk, plan);
     CRenamer(plan).run();
-    if (!isSame)
-        tellChildren(plan, verb.newName);
+    const std::vector<std::string> children =
+        isSame ? std::vector<std::string>() : tellChildren(plan, verb.newName);
+    if (verb.json)
+        tellAsJson(verb, plan, children);
 }
 
 } // namespace
@@ -349,6 +371,7 @@ void addRenameVerb(CLI::App& program, VerbAction& chosen) {
     app->add_option("NEW_NAME", verb->newName,
                     "Its main file's new name; the same as DISK puts right a disk that was renamed by hand")
         ->required();
+    app->add_flag("--json", verb->json, "Answer for programs");
     addAllowOption(*app);
     app->callback([verb, &chosen] { chosen = [verb] { renameDisk(*verb); }; });
 }

@@ -1,3 +1,5 @@
+#include "CInterruptibleFiles.h"
+#include "CProgress.h"
 #include "Disks.h"
 #include "Errors.h"
 #include "Output.h"
@@ -8,6 +10,8 @@
 
 #include <CLI/CLI.hpp>
 
+#include <optional>
+
 namespace tessel::cli {
 
 namespace {
@@ -15,14 +19,25 @@ namespace {
 struct USpace {
     std::string disk;
     bool json = false;
+    bool quiet = false;
     CPasswords passwords;
 };
 
 void tellSpace(USpace& verb) {
-    const P<IFileSystem> files(new CNativeFileSystem(false));
-    const P<CVMDKDisk> disk =
-        openDisk(verb.disk, IIOStream::Access_Read, verb.passwords.getForOpening(verb.disk), files.get());
+    const P<IFileSystem> native(new CNativeFileSystem(false));
+    P<CVMDKDisk> disk;
+    std::optional<CProgress> progress;
+    int64 openedFiles = 0;
+    // The library tells no more of how far it is than which files it opens: each extent's, one after the
+    // other.
+    const P<CInterruptibleFiles> files(new CInterruptibleFiles(native.get(), [&] {
+        if (progress)
+            progress->advanceTo(disk->getSizeBytes() / disk->getExtentMap().size() * openedFiles++);
+    }));
+    disk = openDisk(verb.disk, IIOStream::Access_Read, verb.passwords.getForOpening(verb.disk), files.get());
+    progress.emplace(disk->getSizeBytes(), verb.quiet);
     const P<CVMDKSpaceInfo> space = about(verb.disk, [&] { return disk->gatherSpaceInfo(); });
+    progress.reset();
     const int64 total = space->getHeaderSize() + space->getPayloadSizeInFile() + space->getDeadSpaceSize();
     if (verb.json) {
         Json json;
@@ -56,6 +71,7 @@ void addSpaceVerb(CLI::App& program, VerbAction& chosen) {
                 "  tessel space disk.vmdk --json");
     app->add_option("DISK", verb->disk, "Main file of the disk")->required();
     app->add_flag("--json", verb->json, "Answer for programs");
+    app->add_flag("--quiet", verb->quiet, "Show no progress");
     verb->passwords.addOpenOption(*app);
     app->callback([verb, &chosen] { chosen = [verb] { tellSpace(*verb); }; });
 }

@@ -1,5 +1,6 @@
 #include "CDiskWriter.h"
-#include "Disks.h"
+#include "CProgress.h"
+#include "DiskFacts.h"
 #include "Errors.h"
 #include "Sizes.h"
 #include "Verbs.h"
@@ -16,6 +17,8 @@ struct UWrite {
     std::string disk;
     std::string offset;
     int level = -1;
+    bool json = false;
+    bool quiet = false;
     CPasswords passwords;
 };
 
@@ -24,7 +27,8 @@ void write(UWrite& verb) {
     const P<IFileSystem> files(new CNativeFileSystem);
     const P<CVMDKDisk> disk = openDisk(verb.disk, IIOStream::Access_ReadWrite,
                                        verb.passwords.getForOpening(verb.disk), files.get(), verb.level);
-    verifyRange(verb.disk, disk->getSizeBytes(), offset, std::max<int64>(getInputSize(), 0));
+    const int64 inputSize = getInputSize();
+    verifyRange(verb.disk, disk->getSizeBytes(), offset, std::max<int64>(inputSize, 0));
 
     if (!disk->getEncrypted() && needsPassword(verb.disk))
         tellWarning(verb.disk +
@@ -36,6 +40,8 @@ void write(UWrite& verb) {
     CDiskWriter writer(disk.get(), false);
     int64 position = offset;
     bool isEnd = false;
+    // What is typed stands on the terminal itself.
+    CProgress progress(inputSize, verb.quiet || isInputTerminal());
     while (!isEnd) {
         // Pieces end at multiples of their size, so that a grain is written once.
         const int64 piece = most - position % most;
@@ -44,6 +50,7 @@ void write(UWrite& verb) {
         const int64 fits = std::min<int64>(got, disk->getSizeBytes() - position);
         about(verb.disk, [&] { writer.write(position, buffer.getData(), fits); });
         position += fits;
+        progress.advanceTo(position - offset);
         if (fits < got) {
             about(verb.disk, [&] { writer.flush(); });
             throw CFailure(verb.disk, "Standard input holds more than the disk has room for; its first " +
@@ -51,6 +58,14 @@ void write(UWrite& verb) {
         }
     }
     about(verb.disk, [&] { writer.flush(); });
+    progress.hide();
+    if (verb.json) {
+        Json json;
+        json["startBytes"] = offset;
+        json["sizeBytes"] = position - offset;
+        json["disk"] = describeDisk(verb.disk);
+        writeJson(json);
+    }
 }
 
 } // namespace
@@ -65,6 +80,8 @@ void addWriteVerb(CLI::App& program, VerbAction& chosen) {
     app->add_option("--level", verb->level, "Compression level, 0 to 9, where the disk is compressed")
         ->type_name("N")
         ->check(CLI::Range(0, 9));
+    app->add_flag("--json", verb->json, "Answer for programs");
+    app->add_flag("--quiet", verb->quiet, "Show no progress");
     verb->passwords.addOpenOption(*app);
     app->callback([verb, &chosen] { chosen = [verb] { write(*verb); }; });
 }

@@ -26,27 +26,27 @@ _tessel_describe() {
             arguments=(disk)
             ;;
         convert)
-            options='-h --help --from --to --size --compressed --level --split --on-demand --parent --force --password-file --encrypt --open-password-file --allow --jobs --sync --quiet'
+            options='-h --help --from --to --size --compressed --level --split --on-demand --parent --force --password-file --encrypt --open-password-file --allow --jobs --sync --json --quiet'
             arguments=(file file)
             ;;
         create)
-            options='-h --help --compressed --level --split --on-demand --parent --force --password-file --encrypt --open-password-file --allow --sync'
+            options='-h --help --compressed --level --split --on-demand --parent --force --password-file --encrypt --open-password-file --allow --sync --json'
             arguments=(disk text)
             ;;
         read)
-            options='-h --help --password-file --allow'
+            options='-h --help --quiet --password-file --allow'
             arguments=(disk text text)
             ;;
         write)
-            options='-h --help --level --password-file --allow'
+            options='-h --help --level --json --quiet --password-file --allow'
             arguments=(disk text)
             ;;
         space)
-            options='-h --help --json --password-file --allow'
+            options='-h --help --json --quiet --password-file --allow'
             arguments=(disk)
             ;;
         map)
-            options='-h --help --json --blocks --svg --force --password-file --allow'
+            options='-h --help --json --blocks --svg --force --quiet --password-file --allow'
             arguments=(disk)
             ;;
         compare)
@@ -58,27 +58,27 @@ _tessel_describe() {
             arguments=(file file)
             ;;
         check)
-            options='-h --help --quick --json --password-file --allow'
+            options='-h --help --quick --json --quiet --password-file --allow'
             arguments=(disk)
             ;;
         rebase)
-            options='-h --help --unsafe --password-file --allow'
+            options='-h --help --unsafe --json --password-file --allow'
             arguments=(disk disk)
             ;;
         flatten)
-            options='-h --help --level --quiet --password-file --allow'
+            options='-h --help --level --json --quiet --password-file --allow'
             arguments=(disk)
             ;;
         compact)
-            options='-h --help --quiet --password-file --allow'
+            options='-h --help --json --quiet --password-file --allow'
             arguments=(disk)
             ;;
         rename)
-            options='-h --help --allow'
+            options='-h --help --json --allow'
             arguments=(disk disk)
             ;;
         passwd)
-            options='-h --help --password-file --allow --new-password-file'
+            options='-h --help --json --password-file --allow --new-password-file'
             arguments=(disk)
             ;;
     esac

@@ -23,12 +23,17 @@ protected:
     }
     static std::vector<UVMDKStoredRun> runsOf(CVMDKDisk& disk) {
         std::vector<UVMDKStoredRun> runs;
-        forEachStoredRun(disk, [&](const UVMDKStoredRun& run) { runs.push_back(run); });
+        CProgress progress(-1, true);
+        forEachStoredRun(disk, progress, [&](const UVMDKStoredRun& run) { runs.push_back(run); });
         return runs;
     }
+    static CDiskGrid gridOf(CVMDKDisk& disk, int mostCells) {
+        CProgress progress(-1, true);
+        return {disk, mostCells, progress};
+    }
     static UDiskPicture pictureOf(CVMDKDisk& disk, int mostCells, const std::string& name = "disk.vmdk") {
-        return {name, "monolithicSparse",        disk.getCompressed(), false, grainBytes, {}, 1000, 2000,
-                3000, CDiskGrid(disk, mostCells)};
+        return {name, "monolithicSparse",     disk.getCompressed(), false, grainBytes, {}, 1000, 2000,
+                3000, gridOf(disk, mostCells)};
     }
 };
 
@@ -79,7 +84,7 @@ TEST_F(DiskPictureTest, CellsAddUpToTheDisk) {
     const P<CVMDKDisk> disk = createChild("top.vmdk", "mid.vmdk");
     writeGrains(*disk, 0, 12);
     for (const int most : {1, 7, 300, 1000}) {
-        const CDiskGrid grid(*disk, most);
+        const CDiskGrid grid = gridOf(*disk, most);
         EXPECT_LE(grid.getCells().size(), static_cast<std::size_t>(most));
         EXPECT_EQ(grid.getTotal().sizeBytes, disk->getSizeBytes());
         EXPECT_EQ(grid.getTotal().bytes[0], 12 * grainBytes);
@@ -95,15 +100,15 @@ TEST_F(DiskPictureTest, CellsAddUpToTheDisk) {
         EXPECT_EQ(sum.sizeBytes, disk->getSizeBytes());
         EXPECT_EQ(sum.storedBytes, 12 * grainBytes);
     }
-    EXPECT_EQ(CDiskGrid(*disk, 1000).getCells()[11].bytes[0], grainBytes);
-    EXPECT_EQ(CDiskGrid(*disk, 1000).getCells()[12].bytes[2], grainBytes);
+    EXPECT_EQ(gridOf(*disk, 1000).getCells()[11].bytes[0], grainBytes);
+    EXPECT_EQ(gridOf(*disk, 1000).getCells()[12].bytes[2], grainBytes);
 }
 
 TEST_F(DiskPictureTest, ShadesTellHowFarCellsShrank) {
     const P<CVMDKDisk> disk = create({.compressed = true});
     writeGrains(*disk, 0, 1);
     writeAt(*disk, grainBytes, Bytes(static_cast<std::size_t>(grainBytes), 'x'));
-    const CDiskGrid grid(*disk, 1000);
+    const CDiskGrid grid = gridOf(*disk, 1000);
     EXPECT_EQ(shadeOf(grid.getCells()[0]), shadeCount - 1);
     EXPECT_EQ(shadeOf(grid.getCells()[1]), 0);
     CDiskGrid::UCell cell;

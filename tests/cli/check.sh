@@ -2,19 +2,9 @@
 # check finds what is wrong with a disk, and nothing in disks that are whole.
 . "$(dirname -- "$0")/lib.sh"
 
-# spoil FILE PYTHON: changes a disk; d are its bytes, u(at) and p(at, n) read and write a number of 4 bytes,
-# entry(j) is where the first grain table's entry j stands, other(j) that of the redundant one.
+# spoil FILE PYTHON: changes a disk; spoil.py says what the code has at hand.
 spoil() {
-    python3 - "$1" "$2" <<'END'
-import struct, sys
-d = bytearray(open(sys.argv[1], "rb").read())
-u = lambda at: struct.unpack_from("<I", d, at)[0]
-p = lambda at, n: struct.pack_into("<I", d, at, n)
-entry = lambda j: u(u(56) * 512) * 512 + 4 * j
-other = lambda j: u(u(48) * 512) * 512 + 4 * j
-exec(sys.argv[2])
-open(sys.argv[1], "wb").write(d)
-END
+    python3 "$TESSEL_SOURCE_DIR/tests/support/spoil.py" "$@"
 }
 
 # damaged KIND TABLE GRAIN REPAIRABLE DISK [OPTION]...: exit code 3, and one damage among the findings, which is

@@ -215,19 +215,6 @@ done
 rm -rf start
 
 # What can be repaired, the old files are needed for: a lost entry of a table, a record of another grain.
-# damage FILE PYTHON: d are the bytes; u(at) and p(at, n) read and write a number of 4 bytes, t is where the first
-# grain table stands.
-damage() {
-    python3 - "$1" "$2" <<'END3'
-import struct, sys
-d = bytearray(open(sys.argv[1], "rb").read())
-u = lambda at: struct.unpack_from("<I", d, at)[0]
-p = lambda at, n: struct.pack_into("<I", d, at, n)
-t = u(u(56) * 512) * 512
-exec(sys.argv[2])
-open(sys.argv[1], "wb").write(d)
-END3
-}
 spoilt='tessel check spoilt.vmdk tells'
 while IFS='|' read -r options code text; do
     rm -f spoilt.vmdk
@@ -236,17 +223,17 @@ while IFS='|' read -r options code text; do
     [[ $options != *pw* ]] || secret=(--password-file pw)
     run 0 convert disk.raw spoilt.vmdk --quiet "${words[@]}"
     ok write spoilt.vmdk 0 "${secret[@]}" <after.raw
-    damage spoilt.vmdk "$code"
+    python3 "$TESSEL_SOURCE_DIR/tests/support/spoil.py" spoilt.vmdk "$code"
     cp spoilt.vmdk kept
     refused 1 "spoilt.vmdk: $text" compact spoilt.vmdk --quiet "${secret[@]}"
     same kept spoilt.vmdk
     [[ -z $(find . -name 'tessel-tmp-*' -o -name '*.lock') ]] || fail "something was left"
 done <<TABLE
-|p(t, 0)|It is damaged, and stays as it is ($spoilt how)
---compressed|p(t, 0)|It is damaged, and stays as it is ($spoilt how)
---compressed --password-file pw|p(t, 0)|It is damaged, and stays as it is ($spoilt how)
---compressed|p(u(t) * 512, 128 * 7)|The grain at byte 0 holds another grain's record; it stays as it is (tessel check spoilt.vmdk tells more)
---compressed --password-file pw|p(u(t) * 512, 128 * 7)|The grain at byte 0 holds another grain's record; it stays as it is (tessel check spoilt.vmdk tells more)
+|p(entry(0), 0)|It is damaged, and stays as it is ($spoilt how)
+--compressed|p(entry(0), 0)|It is damaged, and stays as it is ($spoilt how)
+--compressed --password-file pw|p(entry(0), 0)|It is damaged, and stays as it is ($spoilt how)
+--compressed|p(u(entry(0)) * 512, 128 * 7)|The grain at byte 0 holds another grain's record; it stays as it is (tessel check spoilt.vmdk tells more)
+--compressed --password-file pw|p(u(entry(0)) * 512, 128 * 7)|The grain at byte 0 holds another grain's record; it stays as it is (tessel check spoilt.vmdk tells more)
 TABLE
 rm -f spoilt.vmdk kept
 

@@ -59,3 +59,24 @@ done
 # A split disk has several files, and its main file is text.
 [[ $(find . -name '2-s0*.vmdk' | wc -l) -ge 1 ]] || fail "2.vmdk should have files of its own"
 [[ $(head -n 1 2.vmdk) == "# Disk DescriptorFile" ]] || fail "2.vmdk should be a descriptor"
+
+# An image that begins with anything is no disk, and nobody is warned of what it holds in place of a descriptor.
+mkdir noise
+cd noise
+for bytes in 600 5000 70000 2000000; do
+    data $bytes 6 >x.raw
+    run 0 convert x.raw x.vmdk --quiet --force
+    [[ ! -s $err ]] || fail "there should be nothing on standard error"
+    { printf 'encoding="UTF-8"\n\344\n'; data $bytes 6; } >y.img
+    run 0 convert y.img x.vmdk --quiet --force
+    [[ ! -s $err ]] || fail "there should be nothing on standard error"
+    # Nor of those that lie beside a disk.
+    cp x.raw other.vmdk
+    cp y.img another.vmdk
+    run 0 rename x.vmdk moved.vmdk
+    [[ ! -s $err ]] || fail "there should be nothing on standard error"
+    run 0 compact moved.vmdk --quiet
+    [[ ! -s $err ]] || fail "there should be nothing on standard error"
+    mv moved.vmdk x.vmdk
+done
+cd ..

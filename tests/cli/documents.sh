@@ -31,34 +31,46 @@ ok info child.vmdk --json
 members >found
 sed -n '/^```json$/,/^```$/p' "$TESSEL_SOURCE_DIR/docs/program.md" | grep -o '"[a-zA-Z]*":' | tr -d '":' | sort -u >told
 same told found
-ok space child.vmdk --json
-members >found
-sed -n '/^## `space --json`/,$p' "$TESSEL_SOURCE_DIR/docs/program.md" | grep '^| `' | cut -d'|' -f2 |
-    grep -o '[a-zA-Z]*' | sort -u >told
-same told found
 # section VERB: the members that the page names for the answer of a verb.
 section() {
-    awk -v head="## \`$1 --json\`" '/^## /{on = $0 == head} on' "$TESSEL_SOURCE_DIR/docs/program.md" |
+    awk -v head="## \`$1 --json\`" '/^##/{on = $0 == head} on' "$TESSEL_SOURCE_DIR/docs/program.md" |
         grep '^| `' | cut -d'|' -f2 | grep -o '[a-zA-Z]*' | sort -u
 }
+# told_of VERB MEMBERS...: the members of the answer, by an expression, are those of the page.
+told_of() {
+    json "'\n'.join(sorted({*d, *($2)}))" >found
+    section "$1" >told
+    [[ -s told ]] || fail "docs/program.md has no section of $1 --json"
+    same told found
+}
+ok space child.vmdk --json
+told_of space '()'
 ok map child.vmdk --json
-json '"\n".join(sorted({*d, *d["runs"][0]}))' >found
-section map >told
-same told found
+told_of map 'd["runs"][0]'
 run 1 compare base.vmdk found --json
-json '"\n".join(sorted({*d, *d["ranges"][0]}))' >found
-section compare >told
-same told found
+told_of compare 'd["ranges"][0]'
 ok measure base.vmdk --json
-json '"\n".join(sorted(d))' >found
-section measure >told
-same told found
-ok write base.vmdk 0 <found
+told_of measure '()'
+ok write base.vmdk 0 --json <found
+told_of write '()'
 run 3 check child.vmdk --json
-json '"\n".join(sorted([*d, *d["findings"][0]]))' | sort -u >found
-sed -n '/^## `check --json`/,/^###/p' "$TESSEL_SOURCE_DIR/docs/program.md" | grep '^| `' | cut -d'|' -f2 |
-    grep -o '[a-zA-Z]*' | sort -u >told
-same told found
+told_of check 'd["findings"][0]'
+ok create other.vmdk 10M --json
+told_of create '()'
+ok convert base.vmdk image.raw --json
+told_of convert '()'
+ok rebase child.vmdk other.vmdk --unsafe --json
+told_of rebase '()'
+ok flatten child.vmdk --json
+told_of flatten '()'
+ok compact child.vmdk --json
+told_of compact '()'
+ok rename child.vmdk new.vmdk --json
+told_of rename 'd["moves"][0]'
+printf 'geheim\n' >pw
+ok create secret.vmdk 10M --password-file pw
+ok passwd secret.vmdk --password-file pw --new-password-file pw --json
+told_of passwd '()'
 # Every kind of finding has its row, and only these.
 sed -n '/getVMDKCheckKindName/,/};/p' "$TESSEL_SOURCE_DIR/src/disk/CVMDKDiskChecker.cpp" | grep -o '"[a-zA-Z]*"' |
     tr -d '"' | sort >found

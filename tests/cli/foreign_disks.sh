@@ -27,10 +27,11 @@ ok convert ours.vmdk back.raw --force --size "$(size_of disk.raw)"
 same changed.raw back.raw
 
 qemu-img convert -f raw -O vmdk -o subformat=streamOptimized disk.raw stream.vmdk
-refused 1 'stream.vmdk: Slot size directory not found in compressed VMDK.' convert stream.vmdk new.raw
-refused 1 'stream.vmdk: Slot size directory not found in compressed VMDK.' space stream.vmdk
+without_sizes='stream.vmdk: Slot size directory not found in compressed VMDK; another program may have written it, and qemu-img convert -O vmdk makes a disk of it that is read here'
+refused 1 "$without_sizes" convert stream.vmdk new.raw
+refused 1 "$without_sizes" space stream.vmdk
 run 1 info stream.vmdk
-error_is 'tessel: stream.vmdk: Slot size directory not found in compressed VMDK.'
+error_is "tessel: $without_sizes"
 output_holds 'kind:       streamOptimized'
 qemu-img convert -f raw -O vmdk -o subformat=monolithicFlat disk.raw flat.vmdk
 refused 1 "flat.vmdk: VMDK disk has an unsupported create type: 'monolithicFlat'." convert flat.vmdk new.raw

@@ -9,10 +9,10 @@ id=$(json 'd["contentID"]')
 bytes=$(size_of plain.vmdk)
 taken=$(allocated plain.vmdk)
 json_is 'list(d)' "['file', 'kind', 'sizeBytes', 'grainSizeBytes', 'contentID', 'compressed', 'encrypted', \
-'onDemand', 'descriptorEmbedded', 'allocatedBytes', 'parent', 'extents']"
+'onDemand', 'descriptorEmbedded', 'allocatedBytes', 'fileSizeBytes', 'parent', 'extents']"
 json_is 'd' "{'file': 'plain.vmdk', 'kind': 'monolithicSparse', 'sizeBytes': 10485760, 'grainSizeBytes': 65536, \
 'contentID': '$id', 'compressed': False, 'encrypted': False, 'onDemand': False, 'descriptorEmbedded': True, \
-'allocatedBytes': $taken, 'parent': None, 'extents': [{'file': '$PWD/plain.vmdk', 'access': 'RW', \
+'allocatedBytes': $taken, 'fileSizeBytes': $bytes, 'parent': None, 'extents': [{'file': '$PWD/plain.vmdk', 'access': 'RW', \
 'type': 'SPARSE', 'startBytes': 0, 'sizeBytes': 10485760, 'outside': False, 'exists': True, 'fileSizeBytes': $bytes, \
 'allocatedBytes': $taken}]}"
 run 0 info plain.vmdk

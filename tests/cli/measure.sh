@@ -135,6 +135,12 @@ with open("mixed.raw", "wb") as file:
         file.write(noise if kind == 0 else noise + b"abcd" * 12288 if kind == 1 else bytes(65536))
 END
 close mixed.raw 5 --level 1
+make_image few.raw
+ok measure few.raw --compressed
+output_holds ' bytes); every grain was looked at'
+ok measure few.raw --compressed --json
+json_is 'd["estimate"], d["marginBytes"]' '(True, 0)'
+rm few.raw
 ok measure mixed.raw --compressed --level 1
 output_holds 'required:  about '
 output_holds '; estimated from a sample'

@@ -12,7 +12,14 @@ print(resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss)
 END
 }
 
-most=65536
+# stays_small WHAT ARGUMENT...: it does with this much, in KiB.
+stays_small() {
+    local what=$1 most=65536 found
+    shift
+    found=$(peak "$@")
+    echo "$what: $found KiB"
+    [[ $found -lt $most ]] || fail "$found KiB were needed"
+}
 
 data 1M 1 >data
 ok create huge.vmdk $((2 * 1024 * 1024))M
@@ -21,9 +28,7 @@ ok write huge.vmdk $((2 * 1024 * 1024 - 1))M <data
 for options in "" --compressed; do
     rm -f copy.vmdk
     read -ra words <<<"$options"
-    found=$(peak convert huge.vmdk copy.vmdk --quiet "${words[@]}")
-    echo "2 TiB, nearly empty $options: $found KiB"
-    [[ $found -lt $most ]] || fail "$found KiB were needed"
+    stays_small "2 TiB, nearly empty $options" convert huge.vmdk copy.vmdk --quiet "${words[@]}"
 done
 ok read copy.vmdk 1T 1M
 same data "$out"
@@ -33,11 +38,7 @@ data 256M 2 >full.raw
 for options in "" --compressed; do
     rm -f full.vmdk
     read -ra words <<<"$options"
-    found=$(peak convert full.raw full.vmdk --quiet "${words[@]}")
-    echo "256 MiB, full, from raw $options: $found KiB"
-    [[ $found -lt $most ]] || fail "$found KiB were needed"
-    found=$(peak convert full.vmdk back.raw --quiet --force)
-    echo "256 MiB, full, to raw $options: $found KiB"
-    [[ $found -lt $most ]] || fail "$found KiB were needed"
+    stays_small "256 MiB, full, from raw $options" convert full.raw full.vmdk --quiet "${words[@]}"
+    stays_small "256 MiB, full, to raw $options" convert full.vmdk back.raw --quiet --force
     same full.raw back.raw
 done

@@ -96,6 +96,7 @@ mkdir away hand
 ok create away/far.vmdk --parent base.vmdk
 ok create moved.vmdk 10M
 ok create orphan.vmdk --parent moved.vmdk
+ok create grand.vmdk --parent orphan.vmdk
 mv moved.vmdk away/
 ok create changed.vmdk 10M
 ok create heir.vmdk --parent changed.vmdk
@@ -111,8 +112,10 @@ for file in split*.vmdk; do
     cp "$file" "hand/hand${file#split}"
 done
 ok convert disk.raw gap.vmdk --quiet --split=6M
+ok create kin.vmdk --parent gap.vmdk
 mv gap-s00001.vmdk away/
 cp disk.vmdk version.vmdk
+qemu-img convert -f raw -O vmdk -o subformat=streamOptimized disk.raw stream.vmdk
 printf '\011' | dd of=version.vmdk bs=1 seek=4 conv=notrunc status=none
 cp disk.vmdk wiped.vmdk
 dd if=/dev/zero of=wiped.vmdk bs=512 count=1 conv=notrunc status=none
@@ -133,6 +136,8 @@ done <<END
 1|convert disk-as.vmdk x.raw|disk-as.vmdk: This is no VMDK disk: it begins with neither a sparse extent nor a descriptor
 1|read wiped.vmdk 0 1|wiped.vmdk: This is no VMDK disk: it begins with neither a sparse extent nor a descriptor
 1|read version.vmdk 0 1|version.vmdk: VMDK file has an unsupported version: 9
+1|convert stream.vmdk x.raw|stream.vmdk: Slot size directory not found in compressed VMDK; another program may have written it, and qemu-img \
+convert -O vmdk makes a disk of it that is read here
 1|convert flat.vmdk x.raw|flat.vmdk: VMDK disk has an unsupported create type: 'monolithicFlat'.
 1|convert gap.vmdk x.raw|gap.vmdk: A file of the disk is missing: HERE/gap-s00001.vmdk
 1|map gap.vmdk|gap.vmdk: A file of the disk is missing: HERE/gap-s00001.vmdk
@@ -142,8 +147,15 @@ files, which is opened by its main file: the one without a number in its name
 was renamed by hand, its files too, tessel rename hand/hand.vmdk hand/hand.vmdk puts it right
 1|convert orphan.vmdk x.raw|orphan.vmdk: Its parent is missing: HERE/moved.vmdk (tessel rebase orphan.vmdk NEW_PARENT \
 tells it where the parent is now)
-1|map orphan.vmdk|HERE/orphan.vmdk: Its parent is missing: HERE/moved.vmdk (tessel rebase HERE/orphan.vmdk NEW_PARENT tells \
-it where the parent is now)
+1|convert grand.vmdk x.raw|grand.vmdk: The parent of its parent HERE/orphan.vmdk is missing: HERE/moved.vmdk (tessel rebase \
+HERE/orphan.vmdk NEW_PARENT tells it where the parent is now)
+1|read grand.vmdk 0 1|grand.vmdk: The parent of its parent HERE/orphan.vmdk is missing: HERE/moved.vmdk (tessel rebase \
+HERE/orphan.vmdk NEW_PARENT tells it where the parent is now)
+1|read kin.vmdk 7M 1|kin.vmdk: A file of its parent HERE/gap.vmdk is missing: HERE/gap-s00001.vmdk
+1|map orphan.vmdk|orphan.vmdk: Its parent is missing: HERE/moved.vmdk (tessel rebase orphan.vmdk NEW_PARENT tells it where \
+the parent is now)
+1|map grand.vmdk|grand.vmdk: The parent of its parent HERE/orphan.vmdk is missing: HERE/moved.vmdk (tessel rebase \
+HERE/orphan.vmdk NEW_PARENT tells it where the parent is now)
 1|read heir.vmdk 0 1|heir.vmdk: VMDK parent disk has changed, but a child disk depended on it. (parent: \
 HERE/changed.vmdk; expectedContentID: $old; actualContentID: $new)
 1|flatten heir.vmdk|HERE/changed.vmdk: This disk has changed since a child was made from it
@@ -173,6 +185,10 @@ tessel create --help)
 2|disk.vmdk|"disk.vmdk" is no verb (see tessel --help)
 2|info disk.vmdk --jobs 3|info: There is no option --jobs (see tessel info --help)
 END
+# info tells what it knows, and then the same line.
+run 1 info grand.vmdk
+error_is "tessel: grand.vmdk: The parent of its parent $PWD/orphan.vmdk is missing: $PWD/moved.vmdk (tessel rebase \
+$PWD/orphan.vmdk NEW_PARENT tells it where the parent is now)"
 ((count >= 30)) || fail "the table has only $count mistakes"
 [[ $(find . | sort) == "$before" ]] || fail "other files than before are there"
 

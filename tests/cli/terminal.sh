@@ -1,7 +1,11 @@
 #!/usr/bin/env bash
 # On a terminal there are a progress bar, which goes when the work is done, and a prompt for passwords without
 # echo. Elsewhere there is neither.
+#
+#   terminal.sh KILLER    KILLER: the library that makes reading slow
 . "$(dirname -- "$0")/lib.sh"
+killer=$1
+export ASAN_OPTIONS=${ASAN_OPTIONS:+$ASAN_OPTIONS:}verify_asan_link_order=0
 
 make_image disk.raw
 printf 'geheim ü\n' >pw
@@ -92,6 +96,60 @@ last="on_terminal.py"
 python3 on_terminal.py "$TESSEL_PROGRAM" || fail "see above"
 cmp -n $image_size disk.raw asked.raw || fail "the bytes differ"
 [[ ! -e x.raw && ! -e x.vmdk ]] || fail "something was made"
+
+# Whatever takes long shows that, unless it is to be quiet, and the line is gone before anything else is written.
+ok create base.vmdk 320M --split=32M # each file is read by itself
+for ((i = 0; i < 10; i++)); do
+    ok write base.vmdk $((i * 32))M <pw
+done
+ok create child.vmdk --parent base.vmdk
+ok convert base.vmdk base.raw
+mkdir start
+cp base*.vmdk child*.vmdk start/
+cat >slowly.py <<'END'
+import os, pty, select, shutil, subprocess, sys
+
+def run(line, *options, shares_terminal=False):
+    """The exit code, and what is shown on the terminal that standard error is."""
+    ours, theirs = pty.openpty()
+    environment = {**os.environ, "LD_PRELOAD": sys.argv[2], "TESSEL_SLOW_READS": "15000"}
+    with open("base.raw" if line.startswith("write") else os.devnull, "rb") as given:
+        child = subprocess.Popen([sys.argv[1], *line.split(), *options], env=environment, stdin=given, stderr=theirs,
+                                 stdout=theirs if shares_terminal else subprocess.DEVNULL)
+    seen = b""
+    while child.poll() is None or select.select([ours], [], [], 0.3)[0]:
+        if select.select([ours], [], [], 0.3)[0]:
+            seen += os.read(ours, 65536)
+    os.close(ours)
+    os.close(theirs)
+    return child.returncode, seen
+
+lines = ["convert base.vmdk new.raw --force", "convert base.vmdk - ", "read base.vmdk 0 320M", "map base.vmdk",
+         "map base.vmdk --json", "map base.vmdk --blocks", "map base.vmdk --svg x.svg --force",
+         "compare base.vmdk base.raw", "measure base.vmdk", "check base.vmdk", "space base.vmdk", "compact base.vmdk",
+         "flatten child.vmdk", "write child.vmdk 0"]
+for line in lines:
+    code, seen = run(line)
+    assert code == 0, (line, code, seen)
+    for part in (b"\r[", b"%  ", b" of 320 MiB  ", b"iB/s  ", b" left"):
+        assert part in seen, (line, part, seen)
+    shown = seen.rsplit(b"\r\x1b[K", 1)[1]
+    assert shown == b"" or line.startswith("compact"), (line, shown)
+    shutil.copytree("start", ".", dirs_exist_ok=True)
+    code, seen = run(line, "--quiet")
+    assert code == 0 and seen == b"", (line, code, seen)
+
+# On one terminal, text follows only on an empty line.
+code, seen = run("map base.vmdk", shares_terminal=True)
+assert code == 0 and b"%  " in seen, seen
+text = seen.rsplit(b"\x1b[K", 1)[1]
+assert text.startswith(b"   offset     length  state     place\r\n") and text.count(b".vmdk, sector") == 10, seen
+for target, first in ("new.raw", b"{\r\n"), ("new.vmdk", b"tessel: note: new.vmdk: The size was rounded up"):
+    code, seen = run(f"convert base.vmdk {target} --size 300000001 --json --force", shares_terminal=True)
+    assert code == 0 and b"%  " in seen and seen.rsplit(b"\x1b[K", 1)[1].startswith(first), (target, seen)
+END
+last="slowly.py"
+python3 slowly.py "$TESSEL_PROGRAM" "$killer" || fail "see above"
 
 # Bytes of a disk are not for a terminal.
 last="read to a terminal"

@@ -1,3 +1,4 @@
+#include "Bytes.h"
 #include "CLogRecorder.h"
 #include "ErrorMatchers.h"
 #include "Streams.h"
@@ -60,14 +61,6 @@ protected:
     StreamUnderTest m_setUp = GetParam().make();
 };
 
-/// Bytes that do not repeat soon.
-std::string pattern(int count, unsigned seed) {
-    std::string text;
-    for (unsigned i = seed; text.size() < static_cast<std::size_t>(count); ++i)
-        text += static_cast<char>((i * 2654435761u) >> 24);
-    return text;
-}
-
 } // namespace
 
 INSTANTIATE_TEST_SUITE_P(All, FixedLengthStreamContract, ::testing::ValuesIn(getFixedLengthStreamKinds()),
@@ -96,12 +89,13 @@ TEST_P(FixedLengthStreamContract, ReadsWhatWasWritten) {
 }
 
 TEST_P(FixedLengthStreamContract, LongTransfers) {
-    const std::string text = pattern(300'000, 1);
+    const std::string text = patternText(300'000, 1);
     putAt(65'000, text);
     EXPECT_EQ(getAt(65'000, 300'000), text);
-    putAt(165'000, pattern(50'000, 7));
+    putAt(165'000, patternText(50'000, 7));
     stream().flush();
-    EXPECT_EQ(getAt(164'999, 50'002), text.substr(99'999, 1) + pattern(50'000, 7) + text.substr(150'000, 1));
+    EXPECT_EQ(getAt(164'999, 50'002),
+              text.substr(99'999, 1) + patternText(50'000, 7) + text.substr(150'000, 1));
 }
 
 TEST_P(FixedLengthStreamContract, WritesUpToItsEnd) {

@@ -1,5 +1,6 @@
 #include "lum/IIOStream.h"
 
+#include "Bytes.h"
 #include "CLogRecorder.h"
 #include "ErrorMatchers.h"
 #include "Streams.h"
@@ -69,14 +70,6 @@ std::string zeros(int count) {
     return std::string(static_cast<std::size_t>(count), '\0');
 }
 
-/// Bytes that do not repeat soon.
-std::string pattern(int count) {
-    std::string text;
-    for (unsigned i = 0; text.size() < static_cast<std::size_t>(count); ++i)
-        text += static_cast<char>((i * 2654435761u) >> 24);
-    return text;
-}
-
 } // namespace
 
 INSTANTIATE_TEST_SUITE_P(All, IIOStreamContract, ::testing::ValuesIn(getStreamKinds()),
@@ -122,12 +115,12 @@ TEST_P(IIOStreamContract, KeepsWhatWasWrittenOverAFlush) {
 }
 
 TEST_P(IIOStreamContract, LongTransfers) {
-    const std::string text = pattern(300'000);
+    const std::string text = patternText(300'000);
     put(text);
     EXPECT_EQ(getAll(), text);
     EXPECT_EQ(getAt(65'530, 70'000), text.substr(65'530, 70'000));
-    putAt(100'000, pattern(50'000));
-    EXPECT_EQ(getAt(99'999, 50'002), text.substr(99'999, 1) + pattern(50'000) + text.substr(150'000, 1));
+    putAt(100'000, patternText(50'000));
+    EXPECT_EQ(getAt(99'999, 50'002), text.substr(99'999, 1) + patternText(50'000) + text.substr(150'000, 1));
 }
 
 TEST_P(IIOStreamContract, GapBeforeAWriteReadsAsZeros) {
@@ -246,13 +239,13 @@ TEST_P(IIOStreamContract, SetLengthGrowsWithZeros) {
 }
 
 TEST_P(IIOStreamContract, WhatWasCutOffDoesNotComeBack) {
-    put(pattern(200'000));
+    put(patternText(200'000));
     stream().setLength(70'000);
     stream().setLength(200'000);
-    EXPECT_EQ(getAll(), pattern(70'000) + zeros(130'000));
+    EXPECT_EQ(getAll(), patternText(70'000) + zeros(130'000));
     stream().setLength(10);
     putAt(20, "x");
-    EXPECT_EQ(getAll(), pattern(10) + zeros(10) + "x");
+    EXPECT_EQ(getAll(), patternText(10) + zeros(10) + "x");
 }
 
 TEST_P(IIOStreamContract, KeptBufferMayBeChangedAfterTheCall) {

@@ -34,18 +34,9 @@ assert any(f["severity"] == "damage" and f["kind"] == kind and str(f["table"]) =
 END
 }
 
-# spoil FILE PYTHON: as if the medium had changed it; entry(j) and other(j) are where the first tables' entries stand.
+# spoil FILE PYTHON: as if the medium had changed it; spoil.py says what the code has at hand.
 spoil() {
-    python3 - "$1" "$2" <<'END'
-import struct, sys
-d = bytearray(open(sys.argv[1], "rb").read())
-u = lambda at: struct.unpack_from("<I", d, at)[0]
-p = lambda at, n: struct.pack_into("<I", d, at, n)
-entry = lambda j: u(u(56) * 512) * 512 + 4 * j
-other = lambda j: u(u(48) * 512) * 512 + 4 * j
-exec(sys.argv[2])
-open(sys.argv[1], "wb").write(d)
-END
+    python3 "${TESSEL_SOURCE_DIR:?}/tests/support/spoil.py" "$@"
 }
 
 # try EXTENT DISK KIND TABLE GRAIN PYTHON: the damage is found, and gone when the extent is put back.

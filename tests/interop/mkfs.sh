@@ -3,13 +3,7 @@
 . "$(dirname -- "${BASH_SOURCE[0]}")/common.sh"
 PATH=$PATH:/usr/sbin:/sbin
 
-mkdir -p tree/deep/er
-cp -- "${TESSEL_SOURCE_DIR:?}"/CMakeLists.txt "$TESSEL_SOURCE_DIR"/include/tessel/*.h tree/deep
-noise 11 3000001 >tree/deep/er/noise
-seq 1 300000 >tree/numbers
-: >tree/empty
-truncate -s 5M tree/holes
-(cd tree && find . -type f -exec sha256sum {} +) >sums
+bash "${TESSEL_SOURCE_DIR:?}/tests/support/make_tree.sh"
 
 # verify_file_system RAW: it is clean, and its files are those that were put in.
 verify_file_system() {

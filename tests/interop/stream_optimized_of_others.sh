@@ -58,7 +58,7 @@ truncate -s 8M data.raw
 tessel convert --quiet data.raw own.vmdk
 qemu-img convert -f raw -O vmdk -o subformat=streamOptimized data.raw theirs.vmdk
 
-verify_all_refuse theirs.vmdk 'Slot size directory not found in compressed VMDK.'
+verify_all_refuse theirs.vmdk 'Slot size directory not found in compressed VMDK; another program may have written it, and qemu-img convert -O vmdk makes a disk of it that is read here'
 
 # The same where nothing else is wrong with the disk, since it was made here.
 tessel convert --quiet --compressed data.raw patched.vmdk
@@ -72,5 +72,5 @@ with open(sys.argv[1], "r+b") as file:
     file.seek(56)
     file.write(b"\xff" * 8)
 END
-    verify_all_refuse "$disk" "VMDK file uses an unsupported variant of the 'stream optimized' format."
+    verify_all_refuse "$disk" "VMDK file uses an unsupported variant of the 'stream optimized' format; another program may have written it, and qemu-img convert -O vmdk makes a disk of it that is read here"
 done

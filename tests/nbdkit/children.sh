@@ -12,7 +12,7 @@ commands=('write -P 0 5308416 65536' 'write -P 0 5373951 200000' 'write -z 0 300
 
 # try PARAMETER OPTION...: a child of a child, of disks of a kind.
 try() {
-    local parameters=() command
+    local parameters=()
     [[ -z $1 ]] || parameters=("$1")
     shift
     rm -f -- *.vmdk
@@ -29,11 +29,7 @@ try() {
 
     serve child.vmdk "${parameters[@]}"
     holds model.raw
-    for command in "${commands[@]}"; do
-        qemu_io "$command"
-        client qemu-io -f raw -c "$command" model.raw
-        holds model.raw
-    done
+    writes_alike model.raw "${commands[@]}"
     stop
     disk_is child.vmdk model.raw --password-file key
     sha256sum --quiet -c sums || fail "a parent was changed"

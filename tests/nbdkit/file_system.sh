@@ -3,13 +3,7 @@
 . "$(dirname -- "$0")/lib.sh"
 PATH=$PATH:/usr/sbin:/sbin
 
-mkdir -p tree/deep/er
-cp -- "$TESSEL_SOURCE_DIR"/CMakeLists.txt "$TESSEL_SOURCE_DIR"/include/tessel/*.h tree/deep
-data 3000001 11 >tree/deep/er/noise
-seq 1 300000 >tree/numbers
-: >tree/empty
-truncate -s 5M tree/holes
-(cd tree && find . -type f -exec sha256sum {} +) >sums
+bash "${TESSEL_SOURCE_DIR:?}/tests/support/make_tree.sh"
 
 verify_file_system() {
     rm -rf -- out.raw out

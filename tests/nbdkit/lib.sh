@@ -132,6 +132,17 @@ holds() {
     same "$1" "$base/read"
 }
 
+# writes_alike IMAGE COMMAND...: what a client writes to the disk and to the raw image stays the same.
+writes_alike() {
+    local image=$1 command
+    shift
+    for command in "$@"; do
+        qemu_io "$command"
+        client qemu-io -f raw -c "$command" "$image"
+        holds "$image"
+    done
+}
+
 # disk_is DISK IMAGE [OPTION...]: the program finds the disk whole, and in it what the raw image holds.
 disk_is() {
     local disk=$1 image=$2

@@ -18,17 +18,13 @@ commands=(
 
 # try PARAMETERS OPTION...: each command and a look at the whole disk after it.
 try() {
-    local parameters=() command
+    local parameters=()
     [[ -z $1 ]] || parameters=("$1")
     shift
     ok convert start.raw disk.vmdk --force --quiet "$@"
     cp start.raw model.raw
     serve disk.vmdk "${parameters[@]}"
-    for command in "${commands[@]}"; do
-        qemu_io "$command"
-        client qemu-io -f raw -c "$command" model.raw
-        holds model.raw
-    done
+    writes_alike model.raw "${commands[@]}"
     stop
     disk_is disk.vmdk model.raw --password-file key
 }

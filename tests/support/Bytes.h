@@ -29,6 +29,14 @@ inline Bytes patternBytes(lum::int64 count, unsigned int seed = 1) {
     return bytes;
 }
 
+/// Bytes that do not repeat soon.
+inline std::string patternText(int count, unsigned seed = 0) {
+    std::string text;
+    for (unsigned i = seed; text.size() < static_cast<std::size_t>(count); ++i)
+        text += static_cast<char>((i * 2654435761u) >> 24);
+    return text;
+}
+
 inline std::string textOf(const Bytes& bytes) {
     return std::string(reinterpret_cast<const char*>(bytes.getData()),
                        static_cast<std::size_t>(bytes.getUsed()));
