@@ -191,6 +191,7 @@ void CNewDisk::createFiles(int64 sizeBytes, const UCreateOptions& options, const
     const unsigned int parentContentID = m_parent->getDescriptor()->getContentID();
     m_disk = CVMDKDisk::create(files.get(), uri, m_parent->getSizeBytes(), password, compressed,
                                options.level, limit, reference, parentContentID, options.onDemand);
+    files->stop();
     // Seen from here the reference leads nowhere, so the parent is handed in.
     m_disk = nullptr;
     m_disk = new CVMDKDisk(m_files.get(), uri, IIOStream::Access_ReadWrite, password, options.level, nullptr,

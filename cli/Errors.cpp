@@ -112,7 +112,7 @@ std::string showPaths(const String& text) {
 }
 
 std::string explainError(const CError& error, const std::string& file) {
-    if (const std::string missing = explainIfMissing(error, file); !missing.empty())
+    if (std::string missing = explainIfMissing(error, file); !missing.empty())
         return missing;
     const std::string ownPath = ownPathOf(file);
     std::string text = showPaths(error.getMessage());
