@@ -58,7 +58,7 @@ void verifyIsWhole(const std::string& name, const CVMDKDisk& disk, const String&
 
 void compact(UCompact& verb) {
     verifyMayBeDisk(verb.disk);
-    if (std::filesystem::is_symlink(pathFromName(verb.disk)))
+    if (isLink(pathFromName(verb.disk)))
         throw CFailure(verb.disk, "It is a link; name the file that it leads to");
     const P<IFileSystem> files(new CNativeFileSystem);
     const String& password = verb.passwords.getForOpening(verb.disk);
