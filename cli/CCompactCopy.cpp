@@ -302,6 +302,7 @@ void CCompactCopy::replaceFiles() {
         }
     }
     syncFolder(m_mainPath.parent_path());
+    m_disk = nullptr;
 }
 
 } // namespace tessel::cli

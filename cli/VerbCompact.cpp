@@ -63,7 +63,7 @@ void compact(UCompact& verb) {
     const P<IFileSystem> files(new CNativeFileSystem);
     const String& password = verb.passwords.getForOpening(verb.disk);
     // Open for writing until all is done, so that nobody else uses it.
-    const P<CVMDKDisk> disk = openDisk(verb.disk, IIOStream::Access_ReadWrite, password, files.get());
+    P<CVMDKDisk> disk = openDisk(verb.disk, IIOStream::Access_ReadWrite, password, files.get());
     verifyIsWhole(verb.disk, *disk, password, files.get());
     P<CVMDKDisk> parent;
     if (!disk->getParentDiskMainURI().isEmpty())
@@ -77,6 +77,8 @@ void compact(UCompact& verb) {
     const int64 after = copy.getNewSizeBytes();
     if (after < before)
         copy.replaceFiles();
+    // What was replaced while it was open may stay in the folder of the copy until it is closed.
+    disk = nullptr;
     if (!verb.quiet)
         tellNote(verb.disk + (after < before ? ": It had " + formatSizeExactly(before) + ", and has " +
                                                    formatSizeExactly(after)

@@ -349,7 +349,7 @@ void writeOutput(const void* data, int64 size) {
     while (size > 0) {
         auto piece = static_cast<DWORD>(std::min(size, mostBytesAtOnce));
         const DWORD error = writeSome(rest, piece);
-        if (error == ERROR_BROKEN_PIPE || error == ERROR_NO_DATA) {
+        if (error == ERROR_BROKEN_PIPE || error == ERROR_NO_DATA || error == ERROR_PIPE_NOT_CONNECTED) {
             windows::noteInterrupt(exitCodeOfBrokenPipe);
             throw CInterrupted();
         }

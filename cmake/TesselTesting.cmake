@@ -30,7 +30,8 @@ endfunction()
 #
 # Adds a test that runs a script of the calling folder, for the shell or (by its extension .py) for Python, and
 # passes when the script exits with 0. The script finds in its environment TESSEL_PROGRAM, the path of the program
-# built here, and TESSEL_SOURCE_DIR, the root of the sources. The test's name is "<folder>.<name>".
+# built here or of what runs it, TESSEL_SYSTEM, "windows" or "posix", for which it was built, and TESSEL_SOURCE_DIR, the
+# root of the sources. The test's name is "<folder>.<name>".
 function(tessel_add_script_test name script)
     find_program(TESSEL_BASH bash REQUIRED)
     mark_as_advanced(TESSEL_BASH)
@@ -39,6 +40,14 @@ function(tessel_add_script_test name script)
         find_package(Python3 REQUIRED COMPONENTS Interpreter)
         set(interpreter "${Python3_EXECUTABLE}")
     endif()
+    set(program "$<TARGET_FILE:tessel-cli>")
+    if(CMAKE_CROSSCOMPILING_EMULATOR)
+        set(program "${PROJECT_BINARY_DIR}/cli/tessel")
+    endif()
+    set(system posix)
+    if(WIN32)
+        set(system windows)
+    endif()
 
     get_filename_component(folder "${CMAKE_CURRENT_SOURCE_DIR}" NAME)
     set(test "${folder}.${name}")
@@ -46,7 +55,7 @@ function(tessel_add_script_test name script)
         COMMAND "${interpreter}" "${CMAKE_CURRENT_SOURCE_DIR}/${script}" ${ARGN})
     set_tests_properties("${test}" PROPERTIES
         TIMEOUT 300
-        ENVIRONMENT "TESSEL_PROGRAM=$<TARGET_FILE:tessel-cli>;TESSEL_SOURCE_DIR=${PROJECT_SOURCE_DIR}")
+        ENVIRONMENT "TESSEL_PROGRAM=${program};TESSEL_SYSTEM=${system};TESSEL_SOURCE_DIR=${PROJECT_SOURCE_DIR}")
 endfunction()
 
 # tessel_configure_tests(<target>)
