@@ -147,6 +147,32 @@ bool tryGiveAccess(HANDLE handle, const fs::path& from) {
 
 // --- Names ---
 
+/// Names that belong to devices in every folder, whatever extension they have.
+bool isDeviceName(const std::wstring& name) {
+    std::wstring stem = name.substr(0, name.find_first_of(L"."));
+    while (stem.ends_with(L' '))
+        stem.pop_back();
+    std::transform(stem.begin(), stem.end(), stem.begin(), [](wchar_t c) { return std::towlower(c); });
+    const bool isPort = stem.size() == 4 && (stem.starts_with(L"com") || stem.starts_with(L"lpt"));
+    return stem == L"con" || stem == L"prn" || stem == L"aux" || stem == L"nul" || stem == L"conin$" ||
+           stem == L"conout$" || (isPort && std::iswdigit(stem.back()));
+}
+
+/// Throws: CFailure for a name that the system takes for another one, as which it would be looked up, while the
+/// library takes it as it stands.
+void verifyIsNoDisguise(const fs::path& path, const std::string& name) {
+    if (isDriveName(path))
+        return;
+    for (const fs::path& part : path.relative_path()) {
+        const std::wstring& text = part.native();
+        if (text == L"." || text == L"..")
+            continue;
+        if (text.ends_with(L'.') || text.ends_with(L' ') || text.find(L':') != std::wstring::npos ||
+            isDeviceName(text))
+            throw CFailure(name, "This name cannot be used: Windows takes it for another one");
+    }
+}
+
 struct UIdentity {
     uint64 volume = 0;
     FILE_ID_128 file = {};
@@ -222,7 +248,9 @@ std::wstring windows::toLongPath(const fs::path& path) {
 }
 
 fs::path toSystemPath(const std::string& name) {
-    return windows::toUTF16(name);
+    fs::path path = windows::toUTF16(name);
+    verifyIsNoDisguise(path, name);
+    return path;
 }
 
 std::string fromSystemPath(const fs::path& path) {
