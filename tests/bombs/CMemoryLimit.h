@@ -8,8 +8,8 @@
 namespace tessel::test {
 
 /// Counts the memory that the program takes with `new`, and refuses more than `most` bytes above what it had
-/// at the start: std::bad_alloc then. Where limitAddressSpace() can make it, the system refuses as well, whatever
-/// the memory is taken with. One at a time, in a program of one thread.
+/// at the start: std::bad_alloc then. Where limitAddressSpace() can make it, the system refuses as well,
+/// whatever the memory is taken with. One at a time, in a program of one thread.
 class CMemoryLimit {
 public:
     explicit CMemoryLimit(lum::int64 mostBytes);

@@ -11,8 +11,8 @@ namespace tessel::test {
 /// How many bytes a block of malloc's can hold.
 std::size_t getBlockSize(void* block) noexcept;
 
-/// Lets the program have no more than `more` bytes of address space above those it has now, where the system can and
-/// no sanitizer needs it. Throws: std::runtime_error when that should be possible and is not.
+/// Lets the program have no more than `more` bytes of address space above those it has now, where the system
+/// can and no sanitizer needs it. Throws: std::runtime_error when that should be possible and is not.
 void limitAddressSpace(lum::int64 more);
 /// As it was before limitAddressSpace().
 void unlimitAddressSpace() noexcept;

@@ -3,9 +3,9 @@
 #include <string>
 #include <vector>
 
-/// Cryptography that the library has no part in, to hold the library's against: OpenSSL's, or, where the library's own
-/// comes from the only one at hand, a plain one of the tests. What it is asked for must make sense, or it throws
-/// std::runtime_error.
+/// Cryptography that the library has no part in, to hold the library's against: OpenSSL's, or, where the
+/// library's own comes from the only one at hand, a plain one of the tests. What it is asked for must make
+/// sense, or it throws std::runtime_error.
 namespace tessel::test::reference {
 
 using ByteRow = std::vector<unsigned char>;

@@ -58,11 +58,13 @@ TEST(ReferenceCryptography, SHA256) {
 
 // RFC 6070.
 TEST(ReferenceCryptography, PBKDF2) {
-    EXPECT_EQ(reference::pbkdf2("password", text("salt"), 1, 20), hex("0c60c80f961f0e71f3a9b524af6012062fe037a6"));
+    EXPECT_EQ(reference::pbkdf2("password", text("salt"), 1, 20),
+              hex("0c60c80f961f0e71f3a9b524af6012062fe037a6"));
     EXPECT_EQ(reference::pbkdf2("password", text("salt"), 4096, 20),
               hex("4b007901b765489abead49d926f721d065a429c1"));
-    EXPECT_EQ(reference::pbkdf2("passwordPASSWORDpassword", text("saltSALTsaltSALTsaltSALTsaltSALTsalt"), 4096, 25),
-              hex("3d2eec4fe41c849b80c8d83662c0e44a8b291a964cf2f07038"));
+    EXPECT_EQ(
+        reference::pbkdf2("passwordPASSWORDpassword", text("saltSALTsaltSALTsaltSALTsaltSALTsalt"), 4096, 25),
+        hex("3d2eec4fe41c849b80c8d83662c0e44a8b291a964cf2f07038"));
     EXPECT_EQ(reference::pbkdf2(std::string("pass\0word", 9), ByteRow{'s', 'a', 0, 'l', 't'}, 4096, 16),
               hex("56fa6aa75548099dcc37d7f03425e0c3"));
 }

@@ -48,8 +48,7 @@ void limitAddressSpace(int64 more) {
     if (::getrlimit(RLIMIT_AS, &limit) != 0)
         throw std::runtime_error("The limit on address space cannot be read");
     g_oldLimit = limit.rlim_cur;
-    limit.rlim_cur =
-        std::min<rlim_t>(limit.rlim_max, measureAddressSpace() + static_cast<lum::uint64>(more));
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, measureAddressSpace() + static_cast<lum::uint64>(more));
     if (::setrlimit(RLIMIT_AS, &limit) != 0)
         throw std::runtime_error("The limit on address space cannot be set");
 }

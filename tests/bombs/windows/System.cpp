@@ -1,12 +1,13 @@
 #include "System.h"
 
-#include <windows.h>
-
 #include <malloc.h>
-#include <winioctl.h>
+
+#include <windows.h>
 
 #include <algorithm>
 #include <stdexcept>
+
+#include <winioctl.h>
 
 namespace tessel::test {
 
@@ -16,7 +17,8 @@ std::size_t getBlockSize(void* block) noexcept {
     return ::_msize(block);
 }
 
-// Windows limits what all processes of a job commit, for good: too coarse for tests that come one after the other.
+// Windows limits what all processes of a job commit, for good: too coarse for tests that come one after the
+// other.
 
 void limitAddressSpace(int64) {}
 void unlimitAddressSpace() noexcept {}
@@ -27,8 +29,8 @@ class CHandle {
 public:
     explicit CHandle(const std::filesystem::path& path)
         : m_handle(::CreateFileW(path.c_str(), GENERIC_READ | GENERIC_WRITE,
-                                 FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING, 0,
-                                 nullptr)) {
+                                 FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                 OPEN_EXISTING, 0, nullptr)) {
         if (m_handle == INVALID_HANDLE_VALUE)
             throw std::runtime_error("A file cannot be opened");
     }

@@ -38,8 +38,8 @@ public:
         start.hStdError = ::GetStdHandle(STD_ERROR_HANDLE);
         const std::wstring program = (getProgramFolder() / TESSEL_LOCK_HOLDER).wstring();
         std::wstring line = L"\"" + program + L"\" \"" + lockFile.getWideString() + L"\"";
-        EXPECT_TRUE(::CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr, nullptr, &start,
-                                     &m_process));
+        EXPECT_TRUE(::CreateProcessW(program.c_str(), line.data(), nullptr, nullptr, TRUE, 0, nullptr,
+                                     nullptr, &start, &m_process));
         ::CloseHandle(writeEnd);
     }
     ~CLockHolder() {

@@ -50,9 +50,9 @@ TEST_F(CNativeFileSystemTest, RelativeReferencesStartAtTheCurrentFolder) {
 
 TEST_F(CNativeFileSystemTest, OtherSchemesAreNotSupported) {
     const CURI other(String("http://example.org/a"));
-    EXPECT_FILE_SYSTEM_ERROR(m_fileSystem->openFile(other, IIOStream::Access_Read), Problem::Problem_NotSupported,
-                             "Only files can be opened, no URIs with another scheme",
-                             {{"uri", "http://example.org/a"}});
+    EXPECT_FILE_SYSTEM_ERROR(
+        m_fileSystem->openFile(other, IIOStream::Access_Read), Problem::Problem_NotSupported,
+        "Only files can be opened, no URIs with another scheme", {{"uri", "http://example.org/a"}});
 }
 
 TEST_F(CNativeFileSystemTest, FoldersAreNoFiles) {
@@ -75,7 +75,8 @@ TEST_F(CNativeFileSystemTest, FilesAreNoFolders) {
         const CURI inside(uri("").toString(false) + text);
         EXPECT_FALSE(m_fileSystem->fileExists(inside)) << text;
         EXPECT_FILE_SYSTEM_ERROR(open(inside), Problem::Problem_NotFound,
-                                 "Cannot open file: No such file or directory", {{"uri", inside.toString(true)}});
+                                 "Cannot open file: No such file or directory",
+                                 {{"uri", inside.toString(true)}});
         EXPECT_NO_THROW(m_fileSystem->deleteFile(inside, true));
     }
     EXPECT_EQ(lengthOf(uri("a")), 1);
@@ -91,7 +92,8 @@ TEST_F(CNativeFileSystemTest, PathsMayBeLong) {
     CURI place = m_folder.getURI();
     for (int i = 0; i < 4; ++i) {
         place = place << String(std::wstring(100, L'a'));
-        ASSERT_TRUE(::CreateDirectoryW((LR"(\\?\)" + uriToNativePath(place).getWideString()).c_str(), nullptr));
+        ASSERT_TRUE(
+            ::CreateDirectoryW((LR"(\\?\)" + uriToNativePath(place).getWideString()).c_str(), nullptr));
     }
     const CURI file = place << String("disk.vmdk");
     ASSERT_GT(uriToNativePath(file).getLength(), 400);
@@ -149,8 +151,8 @@ TEST_F(CNativeFileSystemTest, OthersMayKeepAFileToThemselves) {
     const std::wstring path = uriToNativePath(uri()).getWideString();
     const HANDLE alone = ::CreateFileW(path.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
     ASSERT_NE(alone, INVALID_HANDLE_VALUE);
-    EXPECT_FILE_SYSTEM_ERROR(open(uri()), Problem::Problem_Locked, "Cannot open file: Another program uses it",
-                             {{"uri", name()}});
+    EXPECT_FILE_SYSTEM_ERROR(open(uri()), Problem::Problem_Locked,
+                             "Cannot open file: Another program uses it", {{"uri", name()}});
     EXPECT_FILE_SYSTEM_ERROR(m_fileSystem->deleteFile(uri(), true), Problem::Problem_Locked,
                              "Cannot delete file: Another program uses it", {{"uri", name()}});
     EXPECT_TRUE(m_fileSystem->fileExists(uri()));
@@ -163,8 +165,8 @@ TEST_F(CNativeFileSystemTest, ReadOnlyFilesAreReadAndNotWritten) {
     const std::wstring path = uriToNativePath(uri()).getWideString();
     ASSERT_TRUE(::SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_READONLY));
     EXPECT_EQ(lengthOf(uri()), 5);
-    EXPECT_FILE_SYSTEM_ERROR(open(uri()), Problem::Problem_AccessDenied, "Cannot open file: Permission denied",
-                             {{"uri", name()}});
+    EXPECT_FILE_SYSTEM_ERROR(open(uri()), Problem::Problem_AccessDenied,
+                             "Cannot open file: Permission denied", {{"uri", name()}});
     ::SetFileAttributesW(path.c_str(), FILE_ATTRIBUTE_NORMAL);
     EXPECT_NO_THROW(open(uri()));
 }

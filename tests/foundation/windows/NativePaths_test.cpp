@@ -54,7 +54,8 @@ TEST_F(NativePaths, TakesPathsThatAreWrittenForTheSystem) {
 }
 
 TEST_F(NativePaths, RefusesWhatIsNoPathHere) {
-    for (const char* const path : {"a?", "a:b", "C:a", "\\\\.\\PhysicalDrive0", "\\\\?\\Volume{1}\\a", "a|b", "a\nb"})
+    for (const char* const path :
+         {"a?", "a:b", "C:a", "\\\\.\\PhysicalDrive0", "\\\\?\\Volume{1}\\a", "a|b", "a\nb"})
         EXPECT_THROW(nativePathToURI(path), CBadPathError) << path;
     EXPECT_THROW(uriToNativePath(CURI("file:///C:/a%5Cb")), CBadPathError);
     EXPECT_THROW(uriToNativePath(CURI("file:///C:/disk.vmdk:stream")), CBadPathError);

@@ -41,7 +41,7 @@ TEST(SystemErrors, LackOfRoomIsACodeOfItsOwn) {
         return makeIOError(CIOError::Code_WriteFailed, "Cannot write", error, CProps()).getCode();
     };
     EXPECT_EQ(codeOf(ERROR_DISK_FULL), CIOError::Code_NoSpace);
-    EXPECT_EQ(codeOf(ERROR_DISK_QUOTA_EXCEEDED), CIOError::Code_NoSpace);
+    EXPECT_EQ(codeOf(1295), CIOError::Code_NoSpace) << "ERROR_DISK_QUOTA_EXCEEDED";
     EXPECT_EQ(codeOf(ERROR_IO_DEVICE), CIOError::Code_WriteFailed);
     EXPECT_EQ(codeOf(12345), CIOError::Code_WriteFailed);
 }

@@ -26,7 +26,8 @@ ByteRow aes256CBC(bool encrypt, const ByteRow& data, const ByteRow& key, const B
     check(EVP_CipherInit_ex(context.get(), EVP_aes_256_cbc(), nullptr, key.data(), iv.data(),
                             encrypt ? 1 : 0) == 1 &&
           EVP_CIPHER_CTX_set_padding(context.get(), 0) == 1 &&
-          EVP_CipherUpdate(context.get(), out.data(), &size, data.data(), static_cast<int>(data.size())) == 1 &&
+          EVP_CipherUpdate(context.get(), out.data(), &size, data.data(), static_cast<int>(data.size())) ==
+              1 &&
           EVP_CipherFinal_ex(context.get(), out.data() + size, &last) == 1);
     out.resize(static_cast<std::size_t>(size + last));
     return out;
