@@ -23,8 +23,8 @@ public:
 
     void start(Direction direction, const unsigned char* key, const unsigned char* iv) override {
         BCRYPT_KEY_HANDLE handle = nullptr;
-        checkCNG(::BCryptGenerateSymmetricKey(m_algorithm.get(), &handle, nullptr, 0,
-                                              const_cast<PUCHAR>(key), keySize, 0),
+        checkCNG(::BCryptGenerateSymmetricKey(m_algorithm.get(), &handle, nullptr, 0, const_cast<PUCHAR>(key),
+                                              keySize, 0),
                  "BCryptGenerateSymmetricKey");
         m_key.reset(handle);
         m_direction = direction;

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <windows.h>
-
 #include <bcrypt.h>
 
 #include <memory>
@@ -14,7 +13,9 @@ void checkCNG(NTSTATUS status, const char* function);
 struct CNGDeleter {
     struct Algorithm {
         using pointer = BCRYPT_ALG_HANDLE;
-        void operator()(BCRYPT_ALG_HANDLE algorithm) const noexcept { ::BCryptCloseAlgorithmProvider(algorithm, 0); }
+        void operator()(BCRYPT_ALG_HANDLE algorithm) const noexcept {
+            ::BCryptCloseAlgorithmProvider(algorithm, 0);
+        }
     };
     struct Key {
         using pointer = BCRYPT_KEY_HANDLE;

@@ -3,12 +3,12 @@
 #include "foundation/lum/StreamHelpers.h"
 #include "foundation/windows/SystemErrors.h"
 
-#include <winioctl.h>
-
 #include <algorithm>
 #include <array>
 #include <cstring>
 #include <optional>
+
+#include <winioctl.h>
 
 namespace lum {
 
@@ -17,8 +17,8 @@ namespace {
 /// What one call of the system transfers at most: servers and their drivers refuse calls of any size.
 constexpr int transferLimit = 16 << 20;
 
-/// Where locks lie. Windows keeps others from transferring what is locked, which is not what a lock is for here:
-/// so the locks lie behind the last position that a file can have, one for each position.
+/// Where locks lie. Windows keeps others from transferring what is locked, which is not what a lock is for
+/// here: so the locks lie behind the last position that a file can have, one for each position.
 constexpr uint64 lockBase = uint64(1) << 63;
 
 /// What errors name: the file, and what was asked of it.

@@ -37,11 +37,14 @@ bool rename(HANDLE file, const std::wstring& path) {
                                         static_cast<DWORD>(memory.size())) != 0;
 }
 
+/// FileDispositionInfoEx, which MinGW's headers keep for a version that Windows never had.
+constexpr auto dispositionInfoEx = static_cast<FILE_INFO_BY_HANDLE_CLASS>(21);
+
 /// As on other systems. Only newer Windows and its own file systems know how.
 bool removeNameAtOnce(HANDLE file) noexcept {
     FILE_DISPOSITION_INFO_EX information = {};
     information.Flags = FILE_DISPOSITION_FLAG_DELETE | FILE_DISPOSITION_FLAG_POSIX_SEMANTICS;
-    return ::SetFileInformationByHandle(file, FileDispositionInfoEx, &information, sizeof(information)) != 0;
+    return ::SetFileInformationByHandle(file, dispositionInfoEx, &information, sizeof(information)) != 0;
 }
 
 bool removeWithLastUser(HANDLE file) noexcept {
@@ -55,13 +58,14 @@ bool removeWithLastUser(HANDLE file) noexcept {
 DWORD removeFile(const std::wstring& path) {
     if (path.ends_with(L'\\')) // which a file's name does not
         return ERROR_PATH_NOT_FOUND;
-    const CFileHandle file = openExisting(path.c_str(), DELETE | FILE_READ_ATTRIBUTES, FILE_FLAG_OPEN_REPARSE_POINT);
+    const CFileHandle file =
+        openExisting(path.c_str(), DELETE | FILE_READ_ATTRIBUTES, FILE_FLAG_OPEN_REPARSE_POINT);
     if (!file.isOpen())
         return ::GetLastError();
     if (removeNameAtOnce(file.get()))
         return ERROR_SUCCESS;
-    // Elsewhere a name is taken until the last user is gone. So the file goes under another one; where it may not
-    // be renamed, that is how it is.
+    // Elsewhere a name is taken until the last user is gone. So the file goes under another one; where it may
+    // not be renamed, that is how it is.
     const std::wstring aside = makeNameBeside(path);
     const bool renamed = rename(file.get(), aside);
     if (removeWithLastUser(file.get()))

@@ -6,9 +6,9 @@
 #include "lum/CWindowsPathTraits.h"
 #include "lum/LittleEndian.h"
 
-#include <winioctl.h>
-
 #include <array>
+
+#include <winioctl.h>
 
 namespace lum {
 
@@ -19,8 +19,8 @@ constexpr const char* tried = "Cannot follow links";
 /// As the system itself.
 constexpr int mostLinks = 63;
 
-/// Both kinds of links hold, behind an 8-byte head, the place and length in bytes of the path for the system, then
-/// those of the path for people; symbolic links go on with flags of 4 bytes, then all hold the text.
+/// Both kinds of links hold, behind an 8-byte head, the place and length in bytes of the path for the system,
+/// then those of the path for people; symbolic links go on with flags of 4 bytes, then all hold the text.
 String readLinkTarget(const unsigned char* data, DWORD size, DWORD& error) {
     constexpr DWORD headSize = 16;
     constexpr DWORD flagsSize = 4;
@@ -65,8 +65,8 @@ bool isLink(const std::wstring& path) noexcept {
     return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
 }
 
-/// The path of something that is there, all links followed; empty, with the reason in `error`, when it cannot be
-/// told.
+/// The path of something that is there, all links followed; empty, with the reason in `error`, when it cannot
+/// be told.
 std::wstring findRealPath(const std::wstring& path, DWORD& error) {
     const CFileHandle file = openExisting(path.c_str(), FILE_READ_ATTRIBUTES, FILE_FLAG_BACKUP_SEMANTICS);
     std::wstring result(MAX_PATH, L'\0');
@@ -85,7 +85,8 @@ std::wstring findRealPath(const std::wstring& path, DWORD& error) {
     return std::wstring();
 }
 
-/// The folder of what `path` names, without a separator behind it but for a root's; and where the name begins.
+/// The folder of what `path` names, without a separator behind it but for a root's; and where the name
+/// begins.
 std::size_t findName(const std::wstring& path) {
     const String native = fromSystemPath(path);
     const auto rootLength = static_cast<std::size_t>(CWindowsPathTraits::getRootLength(native)) +
@@ -106,8 +107,8 @@ String follow(const std::wstring& path, int links, const CURI& uri) {
     if (!leadsNowhere(error) && error != ERROR_CANT_ACCESS_FILE)
         throw makeFileSystemError(tried, error, makeStreamProps(uri));
 
-    // What is missing holds no links, but the folder that it would be in may. A link that leads to nothing yet
-    // must be followed too: creating the file would create what it names.
+    // What is missing holds no links, but the folder that it would be in may. A link that leads to nothing
+    // yet must be followed too: creating the file would create what it names.
     const std::size_t name = findName(path);
     if (name == 0)
         return fromSystemPath(path);

@@ -3,7 +3,6 @@
 #include "lum/TextFunctions.h"
 
 #include <windows.h>
-
 #include <bcrypt.h>
 
 namespace lum {

@@ -9,6 +9,9 @@ namespace {
 
 using Problem = CFileSystemError::Problem;
 
+/// ERROR_DISK_QUOTA_EXCEEDED, which not every compiler's headers have.
+constexpr DWORD diskQuotaExceeded = 1295;
+
 struct Meaning {
     DWORD systemError;
     Problem problem;
@@ -34,7 +37,6 @@ constexpr Meaning meanings[] = {
     {ERROR_BAD_NET_NAME, Problem::Problem_NotFound, "The server has no such share"},
     {ERROR_FILENAME_EXCED_RANGE, Problem::Problem_Other, "File name too long"},
     {ERROR_CANT_RESOLVE_FILENAME, Problem::Problem_Other, "Too many levels of symbolic links"},
-    {ERROR_STOPPED_ON_SYMLINK, Problem::Problem_Other, "Too many levels of symbolic links"},
     {ERROR_TOO_MANY_OPEN_FILES, Problem::Problem_Other, "Too many open files"},
     {ERROR_FILE_EXISTS, Problem::Problem_AlreadyExists, "File exists"},
     {ERROR_ALREADY_EXISTS, Problem::Problem_AlreadyExists, "File exists"},
@@ -47,7 +49,7 @@ constexpr Meaning meanings[] = {
     {ERROR_BUSY, Problem::Problem_Locked, inUse},
     {ERROR_DISK_FULL, Problem::Problem_NoSpace, noSpace},
     {ERROR_HANDLE_DISK_FULL, Problem::Problem_NoSpace, noSpace},
-    {ERROR_DISK_QUOTA_EXCEEDED, Problem::Problem_NoSpace, "Disk quota exceeded"},
+    {diskQuotaExceeded, Problem::Problem_NoSpace, "Disk quota exceeded"},
     {ERROR_FILE_TOO_LARGE, Problem::Problem_NoSpace, "File too large"},
     {ERROR_WRITE_PROTECT, Problem::Problem_ReadOnlyMedium, "Read-only file system"},
     {ERROR_INVALID_FUNCTION, Problem::Problem_NotSupported, notSupported},

@@ -7,8 +7,8 @@
 
 namespace lum {
 
-// Errors made from values of GetLastError(). The message is what was tried, ": ", and the reason, in the words
-// that other systems have for it: neither translated nor different from Windows to Windows.
+// Errors made from values of GetLastError(). The message is what was tried, ": ", and the reason, in the
+// words that other systems have for it: neither translated nor different from Windows to Windows.
 
 /// `props` begin with "uri".
 CFileSystemError makeFileSystemError(const char* tried, DWORD systemError, const CProps& props);

@@ -14,8 +14,7 @@ constexpr std::wstring_view serverPath = LR"(\\?\UNC\)";
 } // namespace
 
 std::wstring toSystemPath(const String& path) {
-    const std::wstring absolute =
-        uriToNativePath(nativePathToURI(path).toNormalized()).getWideString();
+    const std::wstring absolute = uriToNativePath(nativePathToURI(path).toNormalized()).getWideString();
     if (absolute.empty())
         return absolute;
     if (absolute.starts_with(LR"(\\)"))
