@@ -163,9 +163,11 @@ bool isDeviceName(const std::wstring& name) {
 void verifyIsNoDisguise(const fs::path& path, const std::string& name) {
     if (isDriveName(path))
         return;
+    bool isFirst = true;
     for (const fs::path& part : path.relative_path()) {
         const std::wstring& text = part.native();
-        if (text == L"." || text == L"..")
+        const bool isDrive = std::exchange(isFirst, false) && text.size() == 2 && text.ends_with(L':');
+        if (text == L"." || text == L".." || isDrive)
             continue;
         if (text.ends_with(L'.') || text.ends_with(L' ') || text.find(L':') != std::wstring::npos ||
             isDeviceName(text))
