@@ -135,7 +135,7 @@ has_core_limit() {
     rm data
     [[ $limit == "$wanted" ]] || fail "the limit on core dumps is $limit, not $wanted"
 }
-if [[ -r /proc/self/limits ]]; then
+if posix && [[ -r /proc/self/limits ]]; then
     has_core_limit 0 secret.vmdk --password-file pw
     ok create unlocked.vmdk 10M
     [[ $(ulimit -H -c) == 0 ]] || has_core_limit "$(ulimit -H -c)" unlocked.vmdk

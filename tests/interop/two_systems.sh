@@ -96,6 +96,7 @@ TABLE
 
     # Extents that have no file until something is written to them.
     mkdir made
+    rm now.raw
     truncate -s "$size" now.raw
     on "$maker" create made/demand.vmdk "$size" --split=4M --on-demand || fail "create on $maker"
     equal "the files" "demand-s00000.vmdk demand.vmdk" "$(cd made; ls | paste -sd' ')"

@@ -6,6 +6,11 @@ posix() {
     [[ ${TESSEL_SYSTEM:-posix} == posix ]]
 }
 
+# Whether programs are told which parts of a file are holes. Windows does that, Wine does not.
+tells_holes() {
+    posix
+}
+
 # with_slashes FILE...: paths in what the program told become those of this system. JSON is known by how it begins.
 with_slashes() {
     ! posix || return 0
