@@ -6,9 +6,9 @@
 #include "lum/CWindowsPathTraits.h"
 #include "lum/LittleEndian.h"
 
-#include <array>
-
 #include <winioctl.h>
+
+#include <array>
 
 namespace lum {
 

@@ -1,13 +1,12 @@
-#include "System.h"
+#include "../System.h"
 
 #include <malloc.h>
 
 #include <windows.h>
+#include <winioctl.h>
 
 #include <algorithm>
 #include <stdexcept>
-
-#include <winioctl.h>
 
 namespace tessel::test {
 

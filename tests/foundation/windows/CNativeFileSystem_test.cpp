@@ -185,15 +185,15 @@ TEST_F(CNativeFileSystemTest, DeletedFileLeavesNothingBehind) {
 }
 
 TEST_F(CNativeFileSystemTest, NewFilesMayHaveHoles) {
-    constexpr int64 far = int64{1} << 40;
+    constexpr int64 distant = int64{1} << 40;
     const P<IIOStream> stream = open(uri());
-    stream->seek(far);
+    stream->seek(distant);
     stream->write("x", 1);
-    EXPECT_EQ(stream->getLength(), far + 1);
-    char byte = 'y';
-    stream->seek(far / 2);
-    stream->read(&byte, 1);
-    EXPECT_EQ(byte, 0);
+    EXPECT_EQ(stream->getLength(), distant + 1);
+    char middle = 'y';
+    stream->seek(distant / 2);
+    stream->read(&middle, 1);
+    EXPECT_EQ(middle, 0);
 }
 
 TEST_F(CNativeFileSystemTest, RefusesStreamsOfOthers) {
