@@ -72,6 +72,10 @@ int64 getStoredSize(const std::filesystem::path& path) {
     return int64{status.st_blocks} * 512;
 }
 
+void setFileLength(const std::filesystem::path& path, int64 length) {
+    std::filesystem::resize_file(path, static_cast<std::uintmax_t>(length));
+}
+
 void allowHoles(const std::filesystem::path&) {}
 
 } // namespace tessel::test

@@ -57,6 +57,14 @@ int64 getStoredSize(const std::filesystem::path& path) {
     return standard.AllocationSize.QuadPart;
 }
 
+void setFileLength(const std::filesystem::path& path, int64 length) {
+    FILE_END_OF_FILE_INFO information = {};
+    information.EndOfFile.QuadPart = length;
+    const CHandle file(path);
+    if (!::SetFileInformationByHandle(file.get(), FileEndOfFileInfo, &information, sizeof information))
+        throw std::runtime_error("The length of a file cannot be changed");
+}
+
 void allowHoles(const std::filesystem::path& path) {
     DWORD ignored = 0;
     const CHandle file(path);
