@@ -61,7 +61,7 @@ void CBombFile::putHeader(const UBombHeader& header) {
 }
 
 void CBombFile::setLength(int64 length) {
-    std::filesystem::resize_file(m_path, static_cast<std::uintmax_t>(length));
+    setFileLength(m_path, length);
 }
 
 } // namespace tessel::test

@@ -20,6 +20,9 @@ void unlimitAddressSpace() noexcept;
 /// The bytes that a file takes, without its holes.
 lum::int64 getStoredSize(const std::filesystem::path& path);
 
+/// Cuts a file, or lets it end with zeros, of which nothing is stored where that can be.
+void setFileLength(const std::filesystem::path& path, lum::int64 length);
+
 /// Lets what nobody writes to this file take no room, where that has to be asked for.
 void allowHoles(const std::filesystem::path& path);
 

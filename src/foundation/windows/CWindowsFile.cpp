@@ -3,12 +3,12 @@
 #include "foundation/lum/StreamHelpers.h"
 #include "foundation/windows/SystemErrors.h"
 
+#include <winioctl.h>
+
 #include <algorithm>
 #include <array>
 #include <cstring>
 #include <optional>
-
-#include <winioctl.h>
 
 namespace lum {
 

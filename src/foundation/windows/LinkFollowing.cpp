@@ -6,9 +6,9 @@
 #include "lum/CWindowsPathTraits.h"
 #include "lum/LittleEndian.h"
 
-#include <array>
-
 #include <winioctl.h>
+
+#include <array>
 
 namespace lum {
 
@@ -18,6 +18,9 @@ constexpr const char* tried = "Cannot follow links";
 
 /// As the system itself.
 constexpr int mostLinks = 63;
+
+/// What the system takes, in characters, the terminating zero included.
+constexpr DWORD longestPath = 32768;
 
 /// Both kinds of links hold, behind an 8-byte head, the place and length in bytes of the path for the system,
 /// then those of the path for people; symbolic links go on with flags of 4 bytes, then all hold the text.
@@ -69,20 +72,16 @@ bool isLink(const std::wstring& path) noexcept {
 /// be told.
 std::wstring findRealPath(const std::wstring& path, DWORD& error) {
     const CFileHandle file = openExisting(path.c_str(), FILE_READ_ATTRIBUTES, FILE_FLAG_BACKUP_SEMANTICS);
-    std::wstring result(MAX_PATH, L'\0');
-    while (file.isOpen()) {
-        const DWORD length =
-            ::GetFinalPathNameByHandleW(file.get(), result.data(), static_cast<DWORD>(result.size()),
-                                        FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
-        if (length == 0)
-            break;
-        const bool fits = length < result.size();
-        result.resize(length);
-        if (fits)
-            return result;
+    std::wstring result(longestPath, L'\0');
+    const DWORD length = file.isOpen() ? ::GetFinalPathNameByHandleW(file.get(), result.data(), longestPath,
+                                                                     FILE_NAME_NORMALIZED | VOLUME_NAME_DOS)
+                                       : 0;
+    if (length == 0 || length >= longestPath) {
+        error = length == 0 ? ::GetLastError() : DWORD(ERROR_FILENAME_EXCED_RANGE);
+        return std::wstring();
     }
-    error = ::GetLastError();
-    return std::wstring();
+    result.resize(length);
+    return result;
 }
 
 /// The folder of what `path` names, without a separator behind it but for a root's; and where the name

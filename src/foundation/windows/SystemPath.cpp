@@ -1,6 +1,7 @@
 #include "foundation/windows/SystemPath.h"
 
 #include "lum/CURI.h"
+#include "lum/CWindowsPathTraits.h"
 
 #include <string_view>
 
@@ -25,7 +26,9 @@ std::wstring toSystemPath(const String& path) {
 String fromSystemPath(const std::wstring& path) {
     if (path.starts_with(serverPath))
         return String(LR"(\\)" + path.substr(serverPath.size()));
-    return String(path.starts_with(anyPath) ? path.substr(anyPath.size()) : path);
+    // What has neither server nor drive (a volume by its number) has no shorter form.
+    const String rest(path.substr(path.starts_with(anyPath) ? anyPath.size() : 0));
+    return CWindowsPathTraits::isAbsolute(rest) ? rest : String(path);
 }
 
 } // namespace lum

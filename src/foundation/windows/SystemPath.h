@@ -12,7 +12,7 @@ namespace lum {
 /// nothing. Throws: CFileSystemError when there is no current folder that a relative path could start at.
 std::wstring toSystemPath(const String& path);
 
-/// The reverse: `path` without "\\?\", for people and for URIs.
+/// The reverse: `path` without "\\?\", for people and for URIs, where it can do without.
 String fromSystemPath(const std::wstring& path);
 
 } // namespace lum

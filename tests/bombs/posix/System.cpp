@@ -1,4 +1,4 @@
-#include "System.h"
+#include "../System.h"
 
 #include <malloc.h>
 
@@ -70,6 +70,10 @@ int64 getStoredSize(const std::filesystem::path& path) {
     struct stat status = {};
     ::stat(path.c_str(), &status);
     return int64{status.st_blocks} * 512;
+}
+
+void setFileLength(const std::filesystem::path& path, int64 length) {
+    std::filesystem::resize_file(path, static_cast<std::uintmax_t>(length));
 }
 
 void allowHoles(const std::filesystem::path&) {}

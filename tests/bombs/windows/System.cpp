@@ -1,13 +1,12 @@
-#include "System.h"
+#include "../System.h"
 
 #include <malloc.h>
 
 #include <windows.h>
+#include <winioctl.h>
 
 #include <algorithm>
 #include <stdexcept>
-
-#include <winioctl.h>
 
 namespace tessel::test {
 
@@ -56,6 +55,14 @@ int64 getStoredSize(const std::filesystem::path& path) {
     if (::GetFileInformationByHandleEx(file.get(), FileCompressionInfo, &compression, sizeof compression))
         return std::min(standard.AllocationSize.QuadPart, compression.CompressedFileSize.QuadPart);
     return standard.AllocationSize.QuadPart;
+}
+
+void setFileLength(const std::filesystem::path& path, int64 length) {
+    FILE_END_OF_FILE_INFO information = {};
+    information.EndOfFile.QuadPart = length;
+    const CHandle file(path);
+    if (!::SetFileInformationByHandle(file.get(), FileEndOfFileInfo, &information, sizeof information))
+        throw std::runtime_error("The length of a file cannot be changed");
 }
 
 void allowHoles(const std::filesystem::path& path) {

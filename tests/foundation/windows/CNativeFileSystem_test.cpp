@@ -88,22 +88,39 @@ TEST_F(CNativeFileSystemTest, FoldersAreNotMade) {
                              {{"uri", (uri("none") << String("a")).toString(true)}});
 }
 
-TEST_F(CNativeFileSystemTest, PathsMayBeLong) {
-    CURI place = m_folder.getURI();
-    for (int i = 0; i < 4; ++i) {
-        place = place << String(std::wstring(100, L'a'));
-        ASSERT_TRUE(
-            ::CreateDirectoryW((LR"(\\?\)" + uriToNativePath(place).getWideString()).c_str(), nullptr));
+/// A folder whose path is longer than what Windows calls MAX_PATH.
+class CNativeFileSystemLongPathsTest : public CNativeFileSystemTest {
+protected:
+    CNativeFileSystemLongPathsTest() {
+        for (int i = 0; i < 4; ++i) {
+            m_place = m_place << String(std::wstring(100, L'a'));
+            EXPECT_TRUE(::CreateDirectoryW(systemPath(m_place).c_str(), nullptr));
+        }
     }
-    const CURI file = place << String("disk.vmdk");
+    ~CNativeFileSystemLongPathsTest() override {
+        for (; m_place.getName().getLength() == 100; m_place = m_place.getParent())
+            EXPECT_TRUE(::RemoveDirectoryW(systemPath(m_place).c_str()));
+    }
+    static std::wstring systemPath(const CURI& place) {
+        return LR"(\\?\)" + uriToNativePath(place).getWideString();
+    }
+
+    CURI m_place = m_folder.getURI();
+};
+
+TEST_F(CNativeFileSystemLongPathsTest, FilesAreFilesLikeOthers) {
+    const CURI file = m_place << String("disk.vmdk");
     ASSERT_GT(uriToNativePath(file).getLength(), 400);
     put(file, "hello");
     EXPECT_EQ(lengthOf(file), 5);
-    EXPECT_EQ(m_fileSystem->followLinks(file).getName(), String("disk.vmdk"));
+    EXPECT_TRUE(m_fileSystem->isFileOfStream(file, *open(file)));
     m_fileSystem->deleteFile(file, false);
     EXPECT_FALSE(m_fileSystem->fileExists(file));
-    for (; place.getName().getLength() == 100; place = place.getParent())
-        EXPECT_TRUE(::RemoveDirectoryW((LR"(\\?\)" + uriToNativePath(place).getWideString()).c_str()));
+}
+
+TEST_F(CNativeFileSystemLongPathsTest, LinksAreFollowed) {
+    EXPECT_EQ(m_fileSystem->followLinks(m_place << String("missing")), m_fileSystem->followLinks(m_place)
+                                                                           << String("missing"));
 }
 
 TEST_F(CNativeFileSystemTest, NoNameIsAnotherOneInDisguise) {
@@ -185,15 +202,15 @@ TEST_F(CNativeFileSystemTest, DeletedFileLeavesNothingBehind) {
 }
 
 TEST_F(CNativeFileSystemTest, NewFilesMayHaveHoles) {
-    constexpr int64 far = int64{1} << 40;
+    constexpr int64 distant = int64{1} << 40;
     const P<IIOStream> stream = open(uri());
-    stream->seek(far);
+    stream->seek(distant);
     stream->write("x", 1);
-    EXPECT_EQ(stream->getLength(), far + 1);
-    char byte = 'y';
-    stream->seek(far / 2);
-    stream->read(&byte, 1);
-    EXPECT_EQ(byte, 0);
+    EXPECT_EQ(stream->getLength(), distant + 1);
+    char middle = 'y';
+    stream->seek(distant / 2);
+    stream->read(&middle, 1);
+    EXPECT_EQ(middle, 0);
 }
 
 TEST_F(CNativeFileSystemTest, RefusesStreamsOfOthers) {

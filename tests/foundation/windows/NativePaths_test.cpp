@@ -75,6 +75,7 @@ TEST_F(NativePaths, TheSystemGetsEveryNameAsItStands) {
     EXPECT_EQ(fromSystemPath(LR"(\\?\C:\vm\a)"), "C:\\vm\\a");
     EXPECT_EQ(fromSystemPath(LR"(\\?\UNC\server\share\a)"), "\\\\server\\share\\a");
     EXPECT_EQ(fromSystemPath(LR"(C:\a)"), "C:\\a");
+    EXPECT_EQ(fromSystemPath(LR"(\\?\Volume{1}\a)"), "\\\\?\\Volume{1}\\a");
 }
 
 } // namespace
