@@ -65,7 +65,8 @@ endfunction()
 # Adds a test that runs a script of the calling folder, for the shell or (by its extension .py) for Python, and
 # passes when the script exits with 0. The script finds in its environment TESSEL_PROGRAM, the path of the program
 # built here or of what runs it, TESSEL_SYSTEM, "windows" or "posix", for which it was built, and TESSEL_SOURCE_DIR, the
-# root of the sources. The test's name is "<folder>.<name>".
+# root of the sources. The test's name is "<folder>.<name>"; where tests/windows/not_under_wine.txt lists that, there is no
+# test when the program runs by Wine.
 function(tessel_add_script_test name script)
     find_program(TESSEL_BASH bash REQUIRED)
     mark_as_advanced(TESSEL_BASH)
@@ -85,6 +86,12 @@ function(tessel_add_script_test name script)
 
     get_filename_component(folder "${CMAKE_CURRENT_SOURCE_DIR}" NAME)
     set(test "${folder}.${name}")
+    if(CMAKE_CROSSCOMPILING)
+        file(STRINGS "${PROJECT_SOURCE_DIR}/tests/windows/not_under_wine.txt" lines REGEX "^${test} ")
+        if(lines)
+            return()
+        endif()
+    endif()
     add_test(NAME "${test}"
         COMMAND "${interpreter}" "${CMAKE_CURRENT_SOURCE_DIR}/${script}" ${ARGN})
     set_tests_properties("${test}" PROPERTIES

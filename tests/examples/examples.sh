@@ -5,12 +5,19 @@
 . "$(dirname -- "$0")/../cli/lib.sh"
 folder=$1
 
+example_program() {
+    local program=("$folder/tessel-example-$1")
+    posix || program=("$TESSEL_SOURCE_DIR/scripts/wine" "${program[0]}.exe")
+    "${program[@]}" "${@:2}"
+}
+
 # example CODE NAME ARGUMENT...: it ends with this exit code, and is silent on standard error when that is 0.
 example() {
     local wanted=$1 name=$2 code=0
     shift 2
     last="$name $*"
-    "$folder/tessel-example-$name" "$@" >"$out" 2>"$err" || code=$?
+    example_program "$name" "$@" >"$out" 2>"$err" || code=$?
+    with_slashes "$err"
     ((code == wanted)) || fail "the exit code is $code, not $wanted"
     if ((code == 0)) && [[ -s $err ]]; then
         fail "there should be nothing on standard error"
@@ -86,7 +93,7 @@ same wanted.raw alone.raw
 ok convert disk.raw split.vmdk --quiet --split=6M
 before=$(find . | sort)
 last="own_file_system split.vmdk"
-"$folder/tessel-example-own_file_system" split.vmdk >"$out" 2>"$err" || fail "it failed"
+example_program own_file_system split.vmdk >"$out" 2>"$err" || fail "it failed"
 sort -u -o "$out" -- "$out"
 output_is "$(find . -name 'split*' -printf '%P\n' | sort)"
 error_holds 'Nothing is changed here.'
