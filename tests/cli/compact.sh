@@ -42,7 +42,7 @@ for options in "" "--compressed" "--split=6M" "--compressed --split=8M" "--split
     [[ ! -s $out ]] || fail "there should be nothing on standard output"
     [[ $(facts disk.vmdk) == "$before" ]] || fail "info differs: $before, then $(facts disk.vmdk)"
     [[ $(find . -name '*.vmdk' | sort) == "$files" ]] || fail "other files than before are there"
-    [[ $(stat -c %a disk.vmdk) == 640 ]] || fail "the file should have the permissions that it had"
+    keeps_others_out disk.vmdk || fail "the file should have the permissions that it had"
     new=$(sizes disk*.vmdk)
     ((new + 131072 <= old)) || fail "it has $new bytes, and had $old"
     check disk.vmdk after.raw "${secret[@]}"

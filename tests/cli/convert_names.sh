@@ -32,13 +32,16 @@ refused_name() {
     error_is_one_line
     error_holds "$2"
 }
-refused_name 'quote".vmdk' 'cannot be used for a VMDK file'
-refused_name $'line\nbreak.vmdk' 'cannot be used for a VMDK file'
 if posix; then
+    refused_name 'quote".vmdk' 'cannot be used for a VMDK file'
+    refused_name $'line\nbreak.vmdk' 'cannot be used for a VMDK file'
     refused_name 'colon:.vmdk' 'cannot be used for a VMDK file'
     refused_name 'back\slash.vmdk' 'cannot be used for a VMDK file'
     refused_name $'latin\xe4.vmdk' 'This name cannot be used'
 else
+    for name in 'quote".vmdk' $'line\nbreak.vmdk' 'what?.vmdk'; do
+        refused_name "$name" 'This name cannot be used'
+    done
     for name in colon:.vmdk dots.. 'blank.vmdk ' nul.vmdk Com1.vmdk; do
         refused_name "$name" 'This name cannot be used: Windows takes it for another one'
     done

@@ -70,7 +70,7 @@ qemu-img convert -f raw -O vmdk -o subformat=twoGbMaxExtentSparse disk.raw disk.
 chmod 640 disk.vmdk
 ok rename disk.vmdk new.vmdk
 holds new-s001.vmdk new.vmdk
-[[ $(stat -c %a new.vmdk) == 640 ]] || fail "the main file should have the permissions that it had"
+keeps_others_out new.vmdk || fail "the main file should have the permissions that it had"
 check new.vmdk
 qemu-img convert -f vmdk -O raw new.vmdk qemu.raw
 cmp -n $image_size qemu.raw disk.raw || fail "another reader should find the same"

@@ -11,6 +11,17 @@ tells_holes() {
     posix
 }
 
+# keeps_others_out FILE: it has the permissions 640. Of Windows' lists Wine keeps only for whom there is nothing at all.
+keeps_others_out() {
+    local mode
+    mode=$(stat -c %a -- "$1")
+    if posix; then
+        [[ $mode == 640 ]]
+    else
+        [[ $mode == *0 ]]
+    fi
+}
+
 # with_slashes FILE...: paths in what the program told become those of this system. JSON is known by how it begins.
 with_slashes() {
     ! posix || return 0
