@@ -5,7 +5,7 @@
 
 namespace lum {
 
-// The files of this computer. Each system implements these in a folder of its own (posix). `path` is a
+// The files of this computer. Each system implements these in a folder of its own (posix, windows). `path` is a
 // native path, which names no NUL character; `uri` is what errors name.
 
 /// See IFileSystem::openFile and the constructor of CNativeFileSystem.
