@@ -41,10 +41,19 @@ bool rename(HANDLE file, const std::wstring& path) {
 constexpr auto dispositionInfoEx = static_cast<FILE_INFO_BY_HANDLE_CLASS>(21);
 
 /// As on other systems. Only newer Windows and its own file systems know how.
-bool removeNameAtOnce(HANDLE file) noexcept {
+DWORD removeNameAtOnce(HANDLE file) noexcept {
     FILE_DISPOSITION_INFO_EX information = {};
     information.Flags = FILE_DISPOSITION_FLAG_DELETE | FILE_DISPOSITION_FLAG_POSIX_SEMANTICS;
-    return ::SetFileInformationByHandle(file, dispositionInfoEx, &information, sizeof(information)) != 0;
+    const bool succeeded =
+        ::SetFileInformationByHandle(file, dispositionInfoEx, &information, sizeof(information)) != 0;
+    return succeeded ? DWORD(ERROR_SUCCESS) : ::GetLastError();
+}
+
+/// True for what those say who do not know how, rather than that they may not.
+bool isUnknownWay(DWORD systemError) noexcept {
+    return systemError == ERROR_INVALID_FUNCTION || systemError == ERROR_INVALID_PARAMETER ||
+           systemError == ERROR_NOT_SUPPORTED || systemError == ERROR_CALL_NOT_IMPLEMENTED ||
+           systemError == ERROR_INVALID_LEVEL;
 }
 
 bool removeWithLastUser(HANDLE file) noexcept {
@@ -62,8 +71,9 @@ DWORD removeFile(const std::wstring& path) {
         openExisting(path.c_str(), DELETE | FILE_READ_ATTRIBUTES, FILE_FLAG_OPEN_REPARSE_POINT);
     if (!file.isOpen())
         return ::GetLastError();
-    if (removeNameAtOnce(file.get()))
-        return ERROR_SUCCESS;
+    const DWORD atOnce = removeNameAtOnce(file.get());
+    if (!isUnknownWay(atOnce))
+        return atOnce;
     // Elsewhere a name is taken until the last user is gone. So the file goes under another one; where it may
     // not be renamed, that is how it is.
     const std::wstring aside = makeNameBeside(path);
