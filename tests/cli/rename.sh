@@ -177,7 +177,9 @@ refused 1 'disk.vmdk: The file exists already' rename single.vmdk disk.vmdk
 refused 1 "$PWD/other/disk-s00000.vmdk: The file exists already" rename disk.vmdk other/disk.vmdk
 refused 1 'other: It is a folder; name the file that the disk shall be' rename disk.vmdk other
 refused 1 "nowhere/x.vmdk: There is no such folder: $PWD/nowhere" rename disk.vmdk nowhere/x.vmdk
-refused 1 'a:b.vmdk: A disk cannot have this name: its files would be read as others' rename disk.vmdk a:b.vmdk
+reason='A disk cannot have this name: its files would be read as others'
+posix || reason='This name cannot be used: Invalid path: a:b.vmdk'
+refused 1 "a:b.vmdk: $reason" rename disk.vmdk a:b.vmdk
 run 1 rename single.vmdk 'a"b.vmdk'
 error_is_one_line
 refused 1 'none.vmdk: No such file' rename none.vmdk x.vmdk
@@ -219,6 +221,7 @@ clear
 mkdir inner
 ok create inner/disk.vmdk 10M
 for locked in disk new; do
+    posix || break
     ln -s ../outside inner/$locked.vmdk.lock
     run 1 rename inner/disk.vmdk inner/new.vmdk
     error_is_one_line
