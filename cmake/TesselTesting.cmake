@@ -56,8 +56,13 @@ function(tessel_add_whole_test name target filter)
         string(APPEND filter "${pattern}")
     endforeach()
     string(REPLACE "-:" "-" filter "${filter}")
+    if(filter STREQUAL "") # which GoogleTest takes for none
+        set(filter "*")
+    endif()
     add_test(NAME ${name} COMMAND ${target} --gtest_brief=1 "--gtest_filter=${filter}")
-    set_tests_properties(${name} PROPERTIES TIMEOUT 900)
+    set_tests_properties(${name} PROPERTIES
+        TIMEOUT 900
+        FAIL_REGULAR_EXPRESSION "\\] 0 tests from")
 endfunction()
 
 # tessel_add_script_test(<name> <script> [<argument>...])
