@@ -298,7 +298,8 @@ void CCompactCopy::replaceFiles() {
             std::error_code error;
             fs::remove(placeOf(file), error);
             if (error)
-                throw CFailure(nameFromPath(placeOf(file)), "Cannot remove file: " + describeSystemError(error));
+                throw CFailure(nameFromPath(placeOf(file)),
+                               "Cannot remove file: " + describeSystemError(error));
         }
     }
     syncFolder(m_mainPath.parent_path());

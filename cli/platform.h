@@ -61,7 +61,8 @@ void writeErrorText(const std::string& text) noexcept;
 
 // --- Files ---
 
-/// A name in UTF-8 as the system's calls take it. Throws: CFailure where they take text alone, and it is none.
+/// A name in UTF-8 as the system's calls take it. Throws: CFailure where they take text alone, and it is
+/// none.
 std::filesystem::path toSystemPath(const std::string& name);
 /// The same the other way round, for every name that the system has.
 std::string fromSystemPath(const std::filesystem::path& path);

@@ -22,13 +22,14 @@
 #if __has_include(<sys/syscall.h>)
 #include <sys/syscall.h>
 #endif
-#if __has_include(<linux/xattr.h>)
-#include <sys/xattr.h>
-
-#include <linux/xattr.h>
-#endif
 #if __has_include(<sys/prctl.h>)
 #include <sys/prctl.h>
+#endif
+#if __has_include(<sys/xattr.h>)
+#include <sys/xattr.h>
+#endif
+#if __has_include(<linux/xattr.h>) // which goes by what the one before it has defined
+#include <linux/xattr.h>
 #endif
 
 namespace tessel::cli {

@@ -1,6 +1,7 @@
+#include "platform_windows.h"
+
 #include "Errors.h"
 #include "platform.h"
-#include "platform_windows.h"
 
 #include <shellapi.h>
 
@@ -28,8 +29,8 @@ bool isLow(wchar_t unit) noexcept {
 /// Called in a thread of its own.
 BOOL WINAPI noteControlEvent(DWORD event) {
     windows::noteInterrupt(exitCodeOfInterrupt);
-    // When this returns, the process ends with the console or the session; what is tidied up takes less time than
-    // the system gives.
+    // When this returns, the process ends with the console or the session; what is tidied up takes less time
+    // than the system gives.
     if (event != CTRL_C_EVENT && event != CTRL_BREAK_EVENT)
         ::Sleep(INFINITE);
     return TRUE;
@@ -77,8 +78,8 @@ std::wstring toUTF16(const std::string& text) {
     if (text.empty())
         return std::wstring();
     const auto convert = [&](wchar_t* to, int room) {
-        return ::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(), static_cast<int>(text.size()),
-                                     to, room);
+        return ::MultiByteToWideChar(CP_UTF8, MB_ERR_INVALID_CHARS, text.data(),
+                                     static_cast<int>(text.size()), to, room);
     };
     std::wstring result(static_cast<std::size_t>(std::max(convert(nullptr, 0), 0)), L'\0');
     if (result.empty() || convert(result.data(), static_cast<int>(result.size())) <= 0)
@@ -149,8 +150,9 @@ std::string describeSystemError(const std::error_code& error) {
     if (condition.category() == std::generic_category() && condition.value() != 0)
         return condition.message();
     wchar_t text[512];
-    const DWORD length = ::FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
-                                          static_cast<DWORD>(error.value()), 0, text, ARRAYSIZE(text), nullptr);
+    const DWORD length =
+        ::FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                         static_cast<DWORD>(error.value()), 0, text, ARRAYSIZE(text), nullptr);
     std::wstring_view words(text, length);
     while (!words.empty() && (words.back() <= L' ' || words.back() == L'.'))
         words.remove_suffix(1);

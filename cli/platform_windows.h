@@ -10,8 +10,8 @@
 
 namespace tessel::cli::windows {
 
-/// UTF-16 as UTF-8. Half of a surrogate pair, which names of files may hold, becomes the three bytes that UTF-8
-/// would have for it, and which are no UTF-8.
+/// UTF-16 as UTF-8. Half of a surrogate pair, which names of files may hold, becomes the three bytes that
+/// UTF-8 would have for it, and which are no UTF-8.
 std::string toUTF8(std::wstring_view text);
 /// Throws: CFailure when it is no UTF-8.
 std::wstring toUTF16(const std::string& text);

@@ -48,7 +48,8 @@ private:
 /// Anything that has a name, folders too. With `followLinks` false a link is opened itself.
 HANDLE open(const fs::path& path, DWORD access, bool followLinks) {
     return ::CreateFileW(windows::toLongPath(path).c_str(), access, shareAll, nullptr, OPEN_EXISTING,
-                         FILE_FLAG_BACKUP_SEMANTICS | (followLinks ? 0 : FILE_FLAG_OPEN_REPARSE_POINT), nullptr);
+                         FILE_FLAG_BACKUP_SEMANTICS | (followLinks ? 0 : FILE_FLAG_OPEN_REPARSE_POINT),
+                         nullptr);
 }
 
 // --- Drives ---
@@ -63,8 +64,8 @@ bool isDrive(HANDLE handle, int64& length) noexcept {
     const DWORD error = ::GetLastError();
     GET_LENGTH_INFORMATION info = {};
     DWORD returned = 0;
-    const bool isTold =
-        ::DeviceIoControl(handle, IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, &info, sizeof info, &returned, nullptr);
+    const bool isTold = ::DeviceIoControl(handle, IOCTL_DISK_GET_LENGTH_INFO, nullptr, 0, &info, sizeof info,
+                                          &returned, nullptr);
     length = isTold ? info.Length.QuadPart : -1;
     if (!isTold)
         ::SetLastError(error);
@@ -139,7 +140,8 @@ bool tryGiveAccess(HANDLE handle, const fs::path& from) {
         return knowsNoLists(::GetLastError());
     SECURITY_DESCRIPTOR_CONTROL control = 0;
     DWORD revision = 0;
-    if (::GetSecurityDescriptorControl(list.data(), &control, &revision) && (control & SE_DACL_AUTO_INHERITED))
+    if (::GetSecurityDescriptorControl(list.data(), &control, &revision) &&
+        (control & SE_DACL_AUTO_INHERITED))
         ::SetSecurityDescriptorControl(list.data(), SE_DACL_AUTO_INHERIT_REQ, SE_DACL_AUTO_INHERIT_REQ);
     return ::SetKernelObjectSecurity(handle, DACL_SECURITY_INFORMATION, list.data()) ||
            knowsNoLists(::GetLastError());
@@ -158,8 +160,8 @@ bool isDeviceName(const std::wstring& name) {
            stem == L"conout$" || (isPort && std::iswdigit(stem.back()));
 }
 
-/// Throws: CFailure for a name that the system takes for another one, as which it would be looked up, while the
-/// library takes it as it stands.
+/// Throws: CFailure for a name that the system takes for another one, as which it would be looked up, while
+/// the library takes it as it stands.
 void verifyIsNoDisguise(const fs::path& path, const std::string& name) {
     if (isDriveName(path))
         return;
@@ -312,8 +314,8 @@ void CRawFile::fail(const char* tried) const {
 
 CRawFile CRawFile::openForReading(const fs::path& path) {
     const std::wstring name = windows::toLongPath(path);
-    const HANDLE handle =
-        ::CreateFileW(name.c_str(), GENERIC_READ, shareAll, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+    const HANDLE handle = ::CreateFileW(name.c_str(), GENERIC_READ, shareAll, nullptr, OPEN_EXISTING,
+                                        FILE_ATTRIBUTE_NORMAL, nullptr);
     const DWORD error = ::GetLastError();
     CRawFile file(path, reinterpret_cast<std::intptr_t>(handle));
     if (handle == INVALID_HANDLE_VALUE) {
@@ -370,8 +372,8 @@ CRawFile::URegion CRawFile::findData(int64 position, int64 length) const {
     FILE_ALLOCATED_RANGE_BUFFER found = {};
     DWORD returned = 0;
     // One region is enough, so that more of them are no failure.
-    const bool isTold = ::DeviceIoControl(handleOf(m_handle), FSCTL_QUERY_ALLOCATED_RANGES, &asked, sizeof asked,
-                                          &found, sizeof found, &returned, nullptr) ||
+    const bool isTold = ::DeviceIoControl(handleOf(m_handle), FSCTL_QUERY_ALLOCATED_RANGES, &asked,
+                                          sizeof asked, &found, sizeof found, &returned, nullptr) ||
                         ::GetLastError() == ERROR_MORE_DATA;
     if (!isTold)
         return {position, length};
@@ -405,8 +407,8 @@ void CRawFile::write(int64 position, const void* data, int size) {
         at.Offset = static_cast<DWORD>((position + done) & 0xFFFFFFFF);
         at.OffsetHigh = static_cast<DWORD>((position + done) >> 32);
         DWORD put = 0;
-        if (!::WriteFile(handleOf(m_handle), static_cast<const char*>(data) + done, static_cast<DWORD>(size - done),
-                         &put, &at) ||
+        if (!::WriteFile(handleOf(m_handle), static_cast<const char*>(data) + done,
+                         static_cast<DWORD>(size - done), &put, &at) ||
             put == 0)
             fail("Cannot write to file");
         done += static_cast<int>(put);
@@ -488,8 +490,8 @@ void syncFolder(const fs::path& folder) {
     const CHandle handle(open(folder, FILE_READ_ATTRIBUTES, true));
     if (!handle.isOpen())
         throw CFailure(nameFromPath(folder), "Cannot flush folder: " + windows::describe(::GetLastError()));
-    // File systems keep names in a journal, in the order in which they were given; few let a folder be flushed, and
-    // only for whom may write to it.
+    // File systems keep names in a journal, in the order in which they were given; few let a folder be
+    // flushed, and only for whom may write to it.
     const CHandle writable(open(folder, GENERIC_WRITE, true));
     if (writable.isOpen())
         ::FlushFileBuffers(writable.get());

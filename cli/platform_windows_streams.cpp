@@ -57,9 +57,8 @@ public:
         if (!isConsole(console) || !::GetConsoleMode(console, &m_before))
             return;
         m_areOn = (m_before & ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0;
-        m_wasChanged =
-            !m_areOn &&
-            ::SetConsoleMode(console, m_before | ENABLE_PROCESSED_OUTPUT | ENABLE_VIRTUAL_TERMINAL_PROCESSING);
+        m_wasChanged = !m_areOn && ::SetConsoleMode(console, m_before | ENABLE_PROCESSED_OUTPUT |
+                                                                 ENABLE_VIRTUAL_TERMINAL_PROCESSING);
         m_areOn = m_areOn || m_wasChanged;
     }
     CControlSequences(const CControlSequences&) = delete;
@@ -90,8 +89,8 @@ CControlSequences& sequencesOfErrorOutput() noexcept {
     return sequences;
 }
 
-/// A read or write that may have to wait for another process is made by a thread of its own: nothing else ends
-/// it surely. Whoever asked for it waits, for the user too. One that was given up is never used again.
+/// A read or write that may have to wait for another process is made by a thread of its own: nothing else
+/// ends it surely. Whoever asked for it waits, for the user too. One that was given up is never used again.
 class CWaitingTransfer {
 public:
     using Call = DWORD (*)(void* buffer, DWORD& size);
@@ -206,7 +205,8 @@ bool writeToConsole(HANDLE console, const char* text, int64 size) {
         const int count = ::MultiByteToWideChar(CP_UTF8, 0, text, static_cast<int>(piece), units.data(),
                                                 static_cast<int>(units.size()));
         DWORD written = 0;
-        if (count <= 0 || !::WriteConsoleW(console, units.data(), static_cast<DWORD>(count), &written, nullptr))
+        if (count <= 0 ||
+            !::WriteConsoleW(console, units.data(), static_cast<DWORD>(count), &written, nullptr))
             return false;
         text += piece;
         size -= piece;
@@ -242,7 +242,8 @@ TCryptBuffer<char> encode(const TCryptBuffer<wchar_t>& text) {
     TCryptBuffer<char> bytes;
     const int units = static_cast<int>(text.getUsed());
     const int size =
-        units == 0 ? 0 : ::WideCharToMultiByte(CP_UTF8, 0, text.getData(), units, nullptr, 0, nullptr, nullptr);
+        units == 0 ? 0
+                   : ::WideCharToMultiByte(CP_UTF8, 0, text.getData(), units, nullptr, 0, nullptr, nullptr);
     bytes.setUsed(size);
     if (size > 0)
         ::WideCharToMultiByte(CP_UTF8, 0, text.getData(), units, bytes.getData(), size, nullptr, nullptr);
@@ -315,7 +316,8 @@ int64 getInputSize() {
     LARGE_INTEGER position = {};
     const LARGE_INTEGER nothing = {};
     if (::GetFileType(getInput()) != FILE_TYPE_DISK || !::GetFileSizeEx(getInput(), &size) ||
-        !::SetFilePointerEx(getInput(), nothing, &position, FILE_CURRENT) || position.QuadPart > size.QuadPart)
+        !::SetFilePointerEx(getInput(), nothing, &position, FILE_CURRENT) ||
+        position.QuadPart > size.QuadPart)
         return -1;
     return size.QuadPart - position.QuadPart;
 }
@@ -367,8 +369,9 @@ void writeErrorText(const std::string& text) noexcept {
     }
     std::size_t done = 0;
     DWORD written = 0;
-    while (done < text.size() && ::WriteFile(getErrorOutput(), text.data() + done,
-                                             static_cast<DWORD>(text.size() - done), &written, nullptr) &&
+    while (done < text.size() &&
+           ::WriteFile(getErrorOutput(), text.data() + done, static_cast<DWORD>(text.size() - done), &written,
+                       nullptr) &&
            written > 0)
         done += written;
 }

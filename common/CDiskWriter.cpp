@@ -52,8 +52,8 @@ void CDiskWriter::writeToDisk(int64 position, const unsigned char* data, int64 s
     }
 }
 
-/// Writes what is not in grains of zeros. The disk would not store those either, but it would make the file of an
-/// extent for them where that is made on demand.
+/// Writes what is not in grains of zeros. The disk would not store those either, but it would make the file
+/// of an extent for them where that is made on demand.
 void CDiskWriter::writeToNewDisk(int64 position, const unsigned char* data, int64 sizeBytes) {
     int64 start = 0;
     for (int64 at = 0; at < sizeBytes;) {
