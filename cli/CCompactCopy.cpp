@@ -168,11 +168,8 @@ CCompactCopy::~CCompactCopy() {
 
 /// The place where the files are made is nothing that the user knows.
 void CCompactCopy::fail(const CError& error) const {
-    std::string text = explainError(error, nameFromPath(m_folder.getPath() / m_mainPath.filename()));
-    const std::string place = nameFromPath(m_folder.getPath()) + "/";
-    for (std::size_t at = text.find(place); at != std::string::npos; at = text.find(place))
-        text.erase(at, place.size());
-    throw CFailure(m_name, text);
+    const std::string text = explainError(error, nameFromPath(m_folder.getPath() / m_mainPath.filename()));
+    throw CFailure(m_name, withoutFolder(text, m_folder.getPath()));
 }
 
 void CCompactCopy::addExtents() {
@@ -181,7 +178,7 @@ void CCompactCopy::addExtents() {
         if (path.parent_path() != m_mainPath.parent_path())
             throw CFailure(m_name,
                            "Its files must lie side by side, and this one does not: " + nameFromPath(path));
-        if (fs::is_symlink(path))
+        if (isLink(path))
             throw CFailure(m_name,
                            "One of its files is a link, which would be replaced: " + nameFromPath(path));
         const auto isSame = [&](const UFile& file) { return file.name == path.filename(); };
@@ -281,10 +278,12 @@ void CCompactCopy::replaceFiles() {
             std::error_code error;
             fs::remove(placeOf(file), error);
             if (error)
-                throw CFailure(nameFromPath(placeOf(file)), "Cannot remove file: " + error.message());
+                throw CFailure(nameFromPath(placeOf(file)),
+                               "Cannot remove file: " + describeSystemError(error));
         }
     }
     syncFolder(m_mainPath.parent_path());
+    m_disk = nullptr;
 }
 
 } // namespace tessel::cli

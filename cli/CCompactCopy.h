@@ -28,7 +28,8 @@ public:
     /// Bytes of the disk's files, and of those that would take their place.
     int64 getOldSizeBytes() const;
     int64 getNewSizeBytes() const;
-    /// Puts the files in their place, one after the other. Throws: CFailure.
+    /// Puts the files in their place, one after the other, and lets go of the disk. Throws: CFailure.
+    /// Requires: nothing else of this object is called then.
     void replaceFiles();
 
 private:

@@ -151,11 +151,7 @@ void CNewDisk::openParent(const std::string& name, const String& password, const
 /// The place where the disk is made is nothing that the user knows.
 void CNewDisk::fail(const CError& error) const {
     const fs::path staged = m_folder->getPath() / m_target.filename();
-    std::string text = explainError(error, nameFromPath(staged));
-    const std::string place = nameFromPath(pathFromURI(uriFromPath(staged)).parent_path()) + "/";
-    for (std::size_t at = text.find(place); at != std::string::npos; at = text.find(place))
-        text.erase(at, place.size());
-    throw CFailure(m_name, text);
+    throw CFailure(m_name, withoutFolder(explainError(error, nameFromPath(staged)), staged.parent_path()));
 }
 
 void CNewDisk::create(int64 sizeBytes, const UCreateOptions& options, const String& password) {

@@ -42,19 +42,16 @@ CStagedFolder::CStagedFolder(const fs::path& targetFolder)
     : m_targetFolder(targetFolder.empty() ? fs::path(".") : targetFolder) {
     const fs::path path = makeTemporaryName(m_targetFolder);
     std::error_code error;
-    fs::create_directory(path, error);
+    createPrivateFolder(path, error);
     if (!error) {
         m_path = path;
-        // Nobody else reads what is made here; the files get the permissions that they shall have.
-        std::error_code ignored;
-        fs::permissions(path, fs::perms::owner_all, ignored);
         fs::create_directory(getPath(), error);
     }
     if (!error)
         return;
     std::error_code ignored;
     fs::remove(path, ignored);
-    throw CFailure(nameFromPath(m_targetFolder), "Cannot make a folder in it: " + error.message());
+    throw CFailure(nameFromPath(m_targetFolder), "Cannot make a folder in it: " + describeSystemError(error));
 }
 
 CStagedFolder::~CStagedFolder() {

@@ -10,6 +10,8 @@
 
 namespace tessel::cli {
 
+namespace fs = std::filesystem;
+
 namespace {
 
 /// True when a parameter only repeats what the line says already.
@@ -104,11 +106,22 @@ CFailure::CFailure(const std::string& file, const std::string& problem)
     : m_text(file.empty() ? problem : file + ": " + problem) {}
 
 std::string showPaths(const String& text) {
-    static const std::string scheme = "file:///";
+    constexpr bool hasDrives = fs::path::preferred_separator == '\\';
+    static const std::string scheme = hasDrives ? "file:///" : "file://";
     std::string shown = text.toUTF8Lossy();
-    for (std::size_t at = shown.find(scheme); at != std::string::npos; at = shown.find(scheme, at))
-        shown.erase(at, scheme.size() - 1);
+    for (std::size_t at = shown.find("file:///"); at != std::string::npos; at = shown.find("file:///", at))
+        shown.erase(at, scheme.size());
     return shown;
+}
+
+std::string withoutFolder(std::string text, const fs::path& folder) {
+    const CURI uri = uriFromPath(folder);
+    for (const std::string& place :
+         {showPaths(uri.toString(true)) + "/", showPaths(uri.toNormalized().toString(true)) + "/",
+          nameFromPath(folder / "")})
+        for (std::size_t at = text.find(place); at != std::string::npos; at = text.find(place))
+            text.erase(at, place.size());
+    return text;
 }
 
 std::string explainError(const CError& error, const std::string& file) {

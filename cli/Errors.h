@@ -4,6 +4,7 @@
 #include "tessel/types.h"
 
 #include <exception>
+#include <filesystem>
 #include <string>
 
 namespace tessel::cli {
@@ -72,8 +73,11 @@ auto about(const std::string& file, Action action) -> decltype(action()) {
     }
 }
 
-/// A text of the library with paths in place of "file" URIs.
+/// A text of the library with paths in place of "file" URIs; those of Windows begin with the drive.
 std::string showPaths(const String& text);
+
+/// The same with only the names of files that are in this folder.
+std::string withoutFolder(std::string text, const std::filesystem::path& folder);
 
 /// A text made fit to be part of one line on a terminal, whatever a file's name or content put into it.
 std::string toHarmlessLine(const std::string& text);

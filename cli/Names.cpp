@@ -1,6 +1,7 @@
 #include "Names.h"
 
 #include "Errors.h"
+#include "platform.h"
 
 #include <algorithm>
 
@@ -9,12 +10,11 @@ namespace tessel::cli {
 namespace fs = std::filesystem;
 
 fs::path pathFromName(const std::string& name) {
-    return fs::path(std::u8string(name.begin(), name.end()));
+    return toSystemPath(name);
 }
 
 std::string nameFromPath(const fs::path& path) {
-    const std::u8string text = path.u8string();
-    return std::string(text.begin(), text.end());
+    return fromSystemPath(path);
 }
 
 CURI uriFromName(const std::string& name) {
@@ -42,7 +42,7 @@ bool somethingExists(const fs::path& path) {
     if (status.type() == fs::file_type::not_found)
         return false;
     if (error)
-        throw CFailure(nameFromPath(path), "Cannot look up file: " + error.message());
+        throw CFailure(nameFromPath(path), "Cannot look up file: " + describeSystemError(error));
     return true;
 }
 
@@ -52,12 +52,14 @@ bool isSameFile(const fs::path& a, const fs::path& b) {
 }
 
 void verifyIsFile(const std::string& name) {
+    if (isDriveName(pathFromName(name)))
+        return;
     std::error_code error;
     const fs::file_status status = fs::status(pathFromName(name), error);
     if (status.type() == fs::file_type::not_found)
         throw CFailure(name, "No such file");
     if (error)
-        throw CFailure(name, "Cannot look up file: " + error.message());
+        throw CFailure(name, "Cannot look up file: " + describeSystemError(error));
     if (status.type() == fs::file_type::directory)
         throw CFailure(name, "It is a folder, not a file");
 }

@@ -26,7 +26,7 @@ constexpr const char* existsAlready = "The file exists already";
 /// The same name with all links on the way followed, but for the last.
 fs::path withRealFolder(const fs::path& path) {
     std::error_code error;
-    const fs::path folder = fs::canonical(path.parent_path(), error);
+    const fs::path folder = followLinks(path.parent_path(), error);
     return error ? path : folder / path.filename();
 }
 
@@ -38,7 +38,7 @@ public:
     URenamePlan make() {
         m_plan.oldPath = withRealFolder(pathFromURI(uriFromName(m_name).toNormalized()));
         m_plan.newPath = withRealFolder(pathFromURI(uriFromName(m_newName).toNormalized()));
-        if (fs::is_symlink(m_plan.oldPath))
+        if (isLink(m_plan.oldPath))
             throw CFailure(m_name, "It is a link; name the file that it leads to");
         m_plan.oldFiles = confine(m_files, m_name);
         m_plan.main = about(m_name, [&] { return readMainFile(m_plan.oldFiles.get(), uriFromName(m_name)); });
@@ -120,7 +120,7 @@ private:
         bool isOurs = false;
         if (m_plan.main.isEmbedded) {
             isOurs = areNamesOfOneFile(m_plan.oldPath, m_plan.newPath);
-        } else if (!fs::is_symlink(m_plan.newPath)) {
+        } else if (!isLink(m_plan.newPath)) {
             try {
                 P<CVMDKDescriptor> wanted(new CVMDKDescriptor(*m_plan.descriptor));
                 wanted->setEncodingUTF8();
@@ -205,7 +205,7 @@ private:
             move.obsolete.push_back(move.from);
             move.from = target;
         }
-        if (move.from != target && fs::is_symlink(move.from))
+        if (move.from != target && isLink(move.from))
             throw CFailure(nameFromPath(move.from), "It is a link, which is given no other name");
         verifyIsExtent(move.from, index);
         for (const fs::path& other : {recorded, named})

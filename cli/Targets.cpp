@@ -5,6 +5,7 @@
 #include "lum/CMTRand.h"
 #include "lum/CMutexLock.h"
 #include "lum/TextFunctions.h"
+#include "platform.h"
 
 namespace tessel::cli {
 
@@ -33,7 +34,12 @@ fs::path resolveTarget(const std::string& name, bool force) {
         throw CFailure(name, "Only a regular file can be replaced");
     if (!force)
         throw CFailure(name, "The file exists already (--force replaces it)");
-    return fs::is_symlink(path, error) ? fs::canonical(path) : path;
+    if (!isLink(path))
+        return path;
+    path = followLinks(path, error);
+    if (error)
+        throw CFailure(name, "Cannot look up file: " + describeSystemError(error));
+    return path;
 }
 
 fs::path makeTemporaryName(const fs::path& folder) {

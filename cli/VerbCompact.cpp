@@ -82,12 +82,12 @@ void tellAsJson(const UCompact& verb, int64 before, int64 after) {
 
 void compact(UCompact& verb) {
     verifyMayBeDisk(verb.disk);
-    if (std::filesystem::is_symlink(pathFromName(verb.disk)))
+    if (isLink(pathFromName(verb.disk)))
         throw CFailure(verb.disk, "It is a link; name the file that it leads to");
     const P<IFileSystem> files(new CNativeFileSystem);
     const String& password = verb.passwords.getForOpening(verb.disk);
     // Open for writing until all is done, so that nobody else uses it.
-    const P<CVMDKDisk> disk = openDisk(verb.disk, IIOStream::Access_ReadWrite, password, files.get());
+    P<CVMDKDisk> disk = openDisk(verb.disk, IIOStream::Access_ReadWrite, password, files.get());
     verifyIsWhole(verb.disk, *disk, password, files.get(), verb.quiet);
     P<CVMDKDisk> parent;
     if (!disk->getParentDiskMainURI().isEmpty())
@@ -102,6 +102,8 @@ void compact(UCompact& verb) {
     throwIfInterrupted();
     if (after < before)
         copy.replaceFiles();
+    // What was replaced while it was open may stay in the folder of the copy until it is closed.
+    disk = nullptr;
     if (verb.json)
         tellAsJson(verb, before, std::min(before, after));
     else if (!verb.quiet)

@@ -159,9 +159,7 @@ void drawPicture(const UMap& verb, const UMappedDisk& mapped, const fs::path& ta
 /// https://no-color.org
 bool mayColour() {
     const char* const refused = std::getenv("NO_COLOR"); // NOLINT(concurrency-mt-unsafe): nobody changes it
-    const char* const terminal = std::getenv("TERM");    // NOLINT(concurrency-mt-unsafe): the same
-    return isOutputTerminal() && (!refused || *refused == '\0') && terminal &&
-           std::string(terminal) != "dumb";
+    return isOutputColoured() && (!refused || *refused == '\0');
 }
 
 void map(UMap& verb) {

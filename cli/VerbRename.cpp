@@ -102,7 +102,7 @@ private:
                            "This is another file system; tessel convert makes a copy there");
         if (error == std::errc::file_exists || error == std::errc::no_space_on_device ||
             error == std::errc::read_only_file_system || error == std::errc::permission_denied)
-            throw CFailure(nameFromPath(to), "Cannot give the file this name: " + error.message());
+            throw CFailure(nameFromPath(to), "Cannot give the file this name: " + describeSystemError(error));
         return false;
     }
 
@@ -250,7 +250,7 @@ private:
         if (error)
             throw CFailure(nameFromPath(name),
                            "The disk has its new name, but the old one cannot be removed: " +
-                               error.message());
+                               describeSystemError(error));
     }
 
     const URenamePlan& m_plan;

@@ -62,6 +62,7 @@ std::string explainExtras(const CLI::App& verb) {
 int run(std::vector<std::string> arguments) {
     CLI::App program("Reads, writes and creates virtual disks in the VMDK format", "tessel");
     VerbAction chosen;
+    program.allow_windows_style_options(false); // what begins with "/" is a path everywhere
     prepareHelp(program);
     addVerbs(program, chosen);
     program.require_subcommand(0, 1);

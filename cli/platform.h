@@ -3,8 +3,10 @@
 #include "lum/TBuffer.h"
 #include "tessel/types.h"
 
+#include <cstdint>
 #include <filesystem>
 #include <string>
+#include <system_error>
 #include <vector>
 
 // What the program needs from the system and the standard library does not offer. One source file per
@@ -18,8 +20,9 @@ std::vector<std::string> getArguments(int argc, char** argv);
 // --- The process ---
 
 /// To be called first. A standard stream that is closed becomes one that fails, lest a file that is opened
-/// later takes its place. From now on a request to end (SIGINT, SIGTERM, SIGHUP) is only noted, so that the
-/// program can tidy up; a pipe without a reader and a limit on file sizes become errors of the write.
+/// later takes its place. From now on a request to end (SIGINT, SIGTERM, SIGHUP; Ctrl+C, Ctrl+Break and the
+/// end of the console or session) is only noted, so that the program can tidy up; a pipe without a reader and
+/// a limit on file sizes become errors of the write.
 void prepareProcess();
 bool isInterrupted() noexcept;
 /// From now on no memory of the program is written to a file when it crashes. To be called before a password
@@ -34,7 +37,10 @@ void throwIfInterrupted();
 
 bool isInputTerminal();
 bool isOutputTerminal();
+/// Whether a line on standard error can be written over.
 bool isErrorTerminal();
+/// Whether standard output is a terminal that is known to show colours.
+bool isOutputColoured();
 /// Columns of the terminal that standard error is; 80 when that cannot be told.
 int getErrorWidth();
 /// Asks on the terminal, without showing what is typed. The answer is without its line end.
@@ -55,7 +61,25 @@ void writeErrorText(const std::string& text) noexcept;
 
 // --- Files ---
 
-/// A raw image: a regular file or, for reading, a block device. Not copied.
+/// A name in UTF-8 as the system's calls take it. Throws: CFailure where they take text alone, and it is
+/// none.
+std::filesystem::path toSystemPath(const std::string& name);
+/// The same the other way round, for every name that the system has.
+std::string fromSystemPath(const std::filesystem::path& path);
+/// What the system says of an error, in the words that are the same on every system where it has them.
+std::string describeSystemError(const std::error_code& error);
+
+/// Whether this is the name of a drive as a whole, which no folder holds.
+bool isDriveName(const std::filesystem::path& path);
+/// Whether the last name of a path is a link to another name.
+bool isLink(const std::filesystem::path& path) noexcept;
+/// The absolute path of something that exists, with all links followed.
+std::filesystem::path followLinks(const std::filesystem::path& path, std::error_code& error);
+/// Makes a folder that nobody else looks into, as far as files that are made in it get the permissions that
+/// they would get beside it.
+void createPrivateFolder(const std::filesystem::path& path, std::error_code& error);
+
+/// A raw image: a regular file or, for reading, a block device or a drive. Not copied.
 class CRawFile {
 public:
     struct URegion {
@@ -81,8 +105,8 @@ public:
     void read(int64 position, void* buffer, int count) const;
     void write(int64 position, const void* data, int size);
     void setLength(int64 length);
-    /// Gives the file the owner, as far as this user may, and the permissions of another, with its POSIX
-    /// access control list on Linux. The group gets nothing where its rights cannot be given as they were.
+    /// Gives the file the owner, as far as this user may, and the permissions of another, with its access
+    /// control list. A group of the POSIX kind gets nothing where its rights cannot be given as they were.
     void copyAccessFrom(const std::filesystem::path& path);
     /// Waits until the medium has everything.
     void sync();
@@ -90,11 +114,11 @@ public:
     void close();
 
 private:
-    CRawFile(std::filesystem::path path, int handle) : m_path(std::move(path)), m_handle(handle) {}
+    CRawFile(std::filesystem::path path, std::intptr_t handle) : m_path(std::move(path)), m_handle(handle) {}
     [[noreturn]] void fail(const char* tried) const;
 
     std::filesystem::path m_path; ///< for messages
-    int m_handle;
+    std::intptr_t m_handle;       ///< the system's; -1 for none
 };
 
 /// CRawFile::copyAccessFrom for a file that is not open. Throws: CFailure.

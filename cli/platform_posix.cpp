@@ -13,16 +13,23 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <system_error>
 
-#if defined(__linux__)
+#if __has_include(<linux/fs.h>)
 #include <linux/fs.h>
+#endif
+#if __has_include(<sys/syscall.h>)
 #include <sys/syscall.h>
+#endif
+#if __has_include(<sys/prctl.h>)
+#include <sys/prctl.h>
+#endif
+#if __has_include(<sys/xattr.h>)
 #include <sys/xattr.h>
 #endif
-
-#ifdef __linux__
-#include <sys/prctl.h>
+#if __has_include(<linux/xattr.h>) // which goes by what the one before it has defined
+#include <linux/xattr.h>
 #endif
 
 namespace tessel::cli {
@@ -60,6 +67,10 @@ std::string describeSystemError(int error) {
     return std::generic_category().message(error);
 }
 
+int descriptorOf(std::intptr_t handle) noexcept {
+    return static_cast<int>(handle);
+}
+
 [[noreturn]] void failStandardStream(const char* stream, const char* tried, int error) {
     throw CFailure(stream, std::string(tried) + ": " + describeSystemError(error));
 }
@@ -76,8 +87,8 @@ void waitFor(int descriptor, short events) {
 
 /// Gives a file the access control list of another; where that has none it loses one that its folder gave it.
 bool tryGiveAccessList([[maybe_unused]] int handle, [[maybe_unused]] const fs::path& from) {
-#if defined(__linux__)
-    constexpr auto name = "system.posix_acl_access";
+#if defined(XATTR_NAME_POSIX_ACL_ACCESS)
+    constexpr auto name = XATTR_NAME_POSIX_ACL_ACCESS;
     const ssize_t size = ::getxattr(from.c_str(), name, nullptr, 0);
     if (size >= 0) {
         std::vector<char> list(static_cast<std::size_t>(size));
@@ -166,7 +177,7 @@ void prepareProcess() {
 void forbidCoreDumps() noexcept {
     const struct rlimit none = {0, 0};
     ::setrlimit(RLIMIT_CORE, &none);
-#ifdef __linux__
+#if defined(PR_SET_DUMPABLE)
     // The limit does not hold where the system hands the memory to a program.
     ::prctl(PR_SET_DUMPABLE, 0);
 #endif
@@ -200,6 +211,11 @@ bool isOutputTerminal() {
 
 bool isErrorTerminal() {
     return ::isatty(STDERR_FILENO) != 0;
+}
+
+bool isOutputColoured() {
+    const char* const terminal = std::getenv("TERM"); // NOLINT(concurrency-mt-unsafe): nobody changes it
+    return isOutputTerminal() && terminal && std::string(terminal) != "dumb";
 }
 
 int getErrorWidth() {
@@ -283,6 +299,38 @@ void writeErrorText(const std::string& text) noexcept {
 
 // --- Files ---
 
+fs::path toSystemPath(const std::string& name) {
+    return name;
+}
+
+std::string fromSystemPath(const fs::path& path) {
+    return path.native();
+}
+
+std::string describeSystemError(const std::error_code& error) {
+    return error.message();
+}
+
+bool isDriveName(const fs::path&) {
+    return false; // they are files like others
+}
+
+bool isLink(const fs::path& path) noexcept {
+    std::error_code error;
+    return fs::is_symlink(path, error);
+}
+
+fs::path followLinks(const fs::path& path, std::error_code& error) {
+    return fs::canonical(path, error);
+}
+
+void createPrivateFolder(const fs::path& path, std::error_code& error) {
+    fs::create_directory(path, error);
+    std::error_code ignored;
+    if (!error)
+        fs::permissions(path, fs::perms::owner_all, ignored);
+}
+
 void CRawFile::fail(const char* tried) const {
     const int error = errno;
     throw CFailure(nameFromPath(m_path), std::string(tried) + ": " + describeSystemError(error));
@@ -294,7 +342,7 @@ CRawFile CRawFile::openForReading(const fs::path& path) {
     if (file.m_handle < 0)
         file.fail("Cannot open file");
     struct stat status = {};
-    if (::fstat(file.m_handle, &status) != 0)
+    if (::fstat(descriptorOf(file.m_handle), &status) != 0)
         file.fail("Cannot open file");
     if (!S_ISREG(status.st_mode) && !S_ISBLK(status.st_mode))
         throw CFailure(nameFromPath(path), "Cannot open file: Not a regular file");
@@ -314,11 +362,11 @@ CRawFile::CRawFile(CRawFile&& other) noexcept : m_path(std::move(other.m_path)),
 
 CRawFile::~CRawFile() {
     if (m_handle >= 0)
-        ::close(m_handle);
+        ::close(descriptorOf(m_handle));
 }
 
 int64 CRawFile::getLength() const {
-    const off_t length = ::lseek(m_handle, 0, SEEK_END);
+    const off_t length = ::lseek(descriptorOf(m_handle), 0, SEEK_END);
     if (length < 0)
         fail("Cannot find the length of the file");
     return length;
@@ -326,10 +374,10 @@ int64 CRawFile::getLength() const {
 
 CRawFile::URegion CRawFile::findData(int64 position, int64 length) const {
 #if defined(SEEK_DATA) && defined(SEEK_HOLE)
-    const off_t start = ::lseek(m_handle, position, SEEK_DATA);
+    const off_t start = ::lseek(descriptorOf(m_handle), position, SEEK_DATA);
     if (start < 0)
         return errno == ENXIO ? URegion{length, length} : URegion{position, length};
-    const off_t end = ::lseek(m_handle, start, SEEK_HOLE);
+    const off_t end = ::lseek(descriptorOf(m_handle), start, SEEK_HOLE);
     return {std::min<int64>(start, length), end < 0 ? length : std::min<int64>(end, length)};
 #else
     return {position, length};
@@ -339,7 +387,7 @@ CRawFile::URegion CRawFile::findData(int64 position, int64 length) const {
 void CRawFile::read(int64 position, void* buffer, int count) const {
     int done = 0;
     while (done < count) {
-        const ssize_t got = ::pread(m_handle, static_cast<char*>(buffer) + done,
+        const ssize_t got = ::pread(descriptorOf(m_handle), static_cast<char*>(buffer) + done,
                                     static_cast<std::size_t>(count - done), position + done);
         if (got == 0)
             throw CFailure(nameFromPath(m_path), "The file became shorter while it was read");
@@ -353,7 +401,7 @@ void CRawFile::read(int64 position, void* buffer, int count) const {
 void CRawFile::write(int64 position, const void* data, int size) {
     int done = 0;
     while (done < size) {
-        const ssize_t put = ::pwrite(m_handle, static_cast<const char*>(data) + done,
+        const ssize_t put = ::pwrite(descriptorOf(m_handle), static_cast<const char*>(data) + done,
                                      static_cast<std::size_t>(size - done), position + done);
         if (put > 0)
             done += static_cast<int>(put);
@@ -363,24 +411,24 @@ void CRawFile::write(int64 position, const void* data, int size) {
 }
 
 void CRawFile::setLength(int64 length) {
-    while (::ftruncate(m_handle, length) != 0)
+    while (::ftruncate(descriptorOf(m_handle), length) != 0)
         if (errno != EINTR)
             fail("Cannot set the length of the file");
 }
 
 void CRawFile::copyAccessFrom(const fs::path& path) {
-    if (!tryGiveAccess(m_handle, path))
+    if (!tryGiveAccess(descriptorOf(m_handle), path))
         fail("Cannot set the permissions of the file");
 }
 
 void CRawFile::sync() {
-    while (::fsync(m_handle) != 0)
+    while (::fsync(descriptorOf(m_handle)) != 0)
         if (errno != EINTR)
             fail("Cannot flush file");
 }
 
 void CRawFile::close() {
-    const int handle = m_handle;
+    const int handle = descriptorOf(m_handle);
     m_handle = -1;
     if (::close(handle) != 0 && errno != EINTR)
         fail("Cannot close file");
@@ -408,7 +456,7 @@ void moveFile(const fs::path& from, const fs::path& to, bool replace) {
     int result = -1;
     errno = ENOSYS;
     if (!replace) {
-#if defined(__linux__) && defined(SYS_renameat2)
+#if defined(SYS_renameat2) && defined(RENAME_NOREPLACE)
         result = static_cast<int>(
             ::syscall(SYS_renameat2, AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE));
 #endif

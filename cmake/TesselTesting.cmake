@@ -1,9 +1,13 @@
-# tessel_add_test(<name> [SOURCES] <source>... [LIBRARIES <target>...] [TIMEOUT <seconds>] [FILTER <GoogleTest filter>])
+# tessel_add_test(<name> [SOURCES] <source>... [LIBRARIES <target>...] [TIMEOUT <seconds>] [FILTER <GoogleTest filter>]
+#                 [REPLACES_ALLOCATION])
 #
 # Makes one GoogleTest executable of a folder. Each of its cases becomes a test "<name>.<suite>.<case>" with a time
-# limit of its own.
+# limit of its own. Built for another system, where each start of a program costs, all its cases become one test
+# "<name>", but for those that tests/windows/not_under_wine.txt lists.
+#
+# REPLACES_ALLOCATION: the executable has its own operators new and delete, which the library must use, too.
 function(tessel_add_test name)
-    cmake_parse_arguments(PARSE_ARGV 1 arg "" "TIMEOUT;FILTER" "SOURCES;LIBRARIES")
+    cmake_parse_arguments(PARSE_ARGV 1 arg "REPLACES_ALLOCATION" "TIMEOUT;FILTER" "SOURCES;LIBRARIES")
     list(APPEND arg_SOURCES ${arg_UNPARSED_ARGUMENTS})
     if(NOT arg_SOURCES)
         message(FATAL_ERROR "No sources are listed for the tests of ${name}")
@@ -14,11 +18,22 @@ function(tessel_add_test name)
 
     set(target tessel_${name}_test)
     add_executable(${target} ${arg_SOURCES})
-    target_link_libraries(${target} PRIVATE tessel_test_support GTest::gmock_main ${arg_LIBRARIES})
+    set(support tessel_test_support)
+    if(WIN32 AND arg_REPLACES_ALLOCATION)
+        set(support tessel_test_support_whole)
+        if(MINGW) # the language's library allocates, too
+            target_link_options(${target} PRIVATE -static)
+        endif()
+    endif()
+    target_link_libraries(${target} PRIVATE ${support} GTest::gmock_main ${arg_LIBRARIES})
     tessel_configure_target(${target})
     tessel_configure_tests(${target})
     tessel_precompile(${target}
         <gmock/gmock.h> <gtest/gtest.h> <algorithm> <functional> <map> <memory> <string> <vector>)
+    if(CMAKE_CROSSCOMPILING)
+        tessel_add_whole_test(${name} ${target} "${arg_FILTER}")
+        return()
+    endif()
     gtest_discover_tests(${target}
         TEST_PREFIX "${name}."
         TEST_FILTER "${arg_FILTER}"
@@ -26,11 +41,37 @@ function(tessel_add_test name)
         PROPERTIES TIMEOUT ${arg_TIMEOUT})
 endfunction()
 
+# tessel_add_whole_test(<name> <target> <GoogleTest filter>)
+#
+# Adds all cases of an executable as one test, for tessel_add_test.
+function(tessel_add_whole_test name target filter)
+    set(list "${PROJECT_SOURCE_DIR}/tests/windows/not_under_wine.txt")
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${list}")
+    file(STRINGS "${list}" lines REGEX "^${name} ")
+    if(lines AND NOT filter MATCHES "-")
+        string(APPEND filter "-")
+    endif()
+    foreach(line IN LISTS lines)
+        string(REGEX REPLACE "^[^ ]+ +([^ ]+).*" ":\\1" pattern "${line}")
+        string(APPEND filter "${pattern}")
+    endforeach()
+    string(REPLACE "-:" "-" filter "${filter}")
+    if(filter STREQUAL "") # which GoogleTest takes for none
+        set(filter "*")
+    endif()
+    add_test(NAME ${name} COMMAND ${target} --gtest_brief=1 "--gtest_filter=${filter}")
+    set_tests_properties(${name} PROPERTIES
+        TIMEOUT 900
+        FAIL_REGULAR_EXPRESSION "\\] 0 tests from")
+endfunction()
+
 # tessel_add_script_test(<name> <script> [<argument>...])
 #
 # Adds a test that runs a script of the calling folder, for the shell or (by its extension .py) for Python, and
 # passes when the script exits with 0. The script finds in its environment TESSEL_PROGRAM, the path of the program
-# built here, and TESSEL_SOURCE_DIR, the root of the sources. The test's name is "<folder>.<name>".
+# built here or of what runs it, TESSEL_SYSTEM, "windows" or "posix", for which it was built, and TESSEL_SOURCE_DIR, the
+# root of the sources. The test's name is "<folder>.<name>"; where tests/windows/not_under_wine.txt lists that, there is no
+# test when the program runs by Wine.
 function(tessel_add_script_test name script)
     find_program(TESSEL_BASH bash REQUIRED)
     mark_as_advanced(TESSEL_BASH)
@@ -39,14 +80,28 @@ function(tessel_add_script_test name script)
         find_package(Python3 REQUIRED COMPONENTS Interpreter)
         set(interpreter "${Python3_EXECUTABLE}")
     endif()
+    set(program "$<TARGET_FILE:tessel-cli>")
+    if(CMAKE_CROSSCOMPILING_EMULATOR)
+        set(program "${PROJECT_BINARY_DIR}/cli/tessel")
+    endif()
+    set(system posix)
+    if(WIN32)
+        set(system windows)
+    endif()
 
     get_filename_component(folder "${CMAKE_CURRENT_SOURCE_DIR}" NAME)
     set(test "${folder}.${name}")
+    if(CMAKE_CROSSCOMPILING)
+        file(STRINGS "${PROJECT_SOURCE_DIR}/tests/windows/not_under_wine.txt" lines REGEX "^${test} ")
+        if(lines)
+            return()
+        endif()
+    endif()
     add_test(NAME "${test}"
         COMMAND "${interpreter}" "${CMAKE_CURRENT_SOURCE_DIR}/${script}" ${ARGN})
     set_tests_properties("${test}" PROPERTIES
         TIMEOUT 300
-        ENVIRONMENT "TESSEL_PROGRAM=$<TARGET_FILE:tessel-cli>;TESSEL_SOURCE_DIR=${PROJECT_SOURCE_DIR}")
+        ENVIRONMENT "TESSEL_PROGRAM=${program};TESSEL_SYSTEM=${system};TESSEL_SOURCE_DIR=${PROJECT_SOURCE_DIR}")
 endfunction()
 
 # tessel_configure_tests(<target>)

@@ -6,7 +6,8 @@ function(tessel_add_warnings target)
     cmake_parse_arguments(PARSE_ARGV 1 arg "CONVERSIONS" "" "")
 
     if(MSVC)
-        target_compile_options(${target} PRIVATE /W4 /permissive- /utf-8)
+        # Not: that classes of the DLL hold and derive from the language's own, which its users share with it.
+        target_compile_options(${target} PRIVATE /W4 /wd4251 /wd4275 /permissive- /utf-8)
         if(TESSEL_WARNINGS_AS_ERRORS)
             target_compile_options(${target} PRIVATE /WX)
         endif()

@@ -42,6 +42,8 @@ bool CDiskWriter::isHeldByParent(int64 start, int64 end) {
 
 void CDiskWriter::writeToDisk(int64 position, const unsigned char* data, int64 sizeBytes) {
     constexpr int64 most = 1 << 30;
+    if (sizeBytes == 0)
+        return;
     m_disk->seek(position);
     for (int64 done = 0; done < sizeBytes;) {
         const int64 piece = std::min(sizeBytes - done, most);
@@ -50,7 +52,26 @@ void CDiskWriter::writeToDisk(int64 position, const unsigned char* data, int64 s
     }
 }
 
+/// Writes what is not in grains of zeros. The disk would not store those either, but it would make the file
+/// of an extent for them where that is made on demand.
+void CDiskWriter::writeToNewDisk(int64 position, const unsigned char* data, int64 sizeBytes) {
+    int64 start = 0;
+    for (int64 at = 0; at < sizeBytes;) {
+        const int64 end = at + std::min(sizeBytes - at, getGrainEnd(position + at) - (position + at));
+        if (isZeroMemory(data + at, static_cast<std::size_t>(end - at))) {
+            writeToDisk(position + start, data + start, at - start);
+            start = end;
+        }
+        at = end;
+    }
+    writeToDisk(position + start, data + start, sizeBytes - start);
+}
+
 void CDiskWriter::write(int64 position, const unsigned char* data, int64 sizeBytes) {
+    if (!m_hasParent && m_isNew) {
+        writeToNewDisk(position, data, sizeBytes);
+        return;
+    }
     if (!m_hasParent) {
         writeToDisk(position, data, sizeBytes);
         return;

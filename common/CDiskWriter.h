@@ -21,6 +21,7 @@ public:
 private:
     int64 getGrainEnd(int64 position) const;
     bool isHeldByParent(int64 start, int64 end);
+    void writeToNewDisk(int64 position, const unsigned char* data, int64 sizeBytes);
     void writeGrain(int64 position, const unsigned char* data, int64 sizeBytes);
     void storeZeroGrain(int64 start, int64 end);
     void writeToDisk(int64 position, const unsigned char* data, int64 sizeBytes);

@@ -20,7 +20,7 @@ void replay(const std::filesystem::path& file) {
     const std::vector<std::uint8_t> input(bytes.begin(), bytes.end());
 
     // The name comes first: should this input end the process, it is the last one named.
-    std::printf("%s (%zu bytes)\n", file.c_str(), input.size());
+    std::printf("%s (%zu bytes)\n", file.string().c_str(), input.size());
     std::fflush(stdout);
     LLVMFuzzerTestOneInput(input.data(), input.size());
 }

@@ -6,7 +6,8 @@
 namespace lum {
 
 /// The files of this computer, named by "file" URIs (RFC 8089) or by relative references, which start
-/// at the current folder. Block devices count as files. Safe to use from several threads.
+/// at the current folder. Block devices count as files where paths name them. Safe to use from several
+/// threads.
 ///
 /// Besides what IFileSystem promises, every call fails with what uriToNativePath fails with: for another
 /// scheme, a host, and names that this system cannot have.

@@ -125,7 +125,7 @@ bool CVMDKDescriptor::CNameValueEntry::hasName(const String& lowerName) const {
     // A letter and its other case take the same number of bytes, so that most names need not be unpacked.
     std::size_t size = 0;
     for (const wchar_t c : lowerName.getWideString())
-        size += c >= 0 && c < 0x80 ? 1 : 2;
+        size += static_cast<char32_t>(c) < 0x80 ? 1 : 2;
     return size <= m_nameSize && getName().Lower() == lowerName;
 }
 

@@ -1,5 +1,7 @@
 #include "descriptor/PackedText.h"
 
+#include "foundation/lum/UTF8.h"
+
 #include <algorithm>
 #include <bit>
 
@@ -23,43 +25,60 @@ int countTailBytes(uint32 character) noexcept {
     return 6;
 }
 
+/// Calls `visit(uint32)` for each character. What is no character counts as one, be it half of one or beyond
+/// all.
+template <class Visitor>
+void forEachCharacter(std::wstring_view text, Visitor visit) {
+    for (std::size_t position = 0; position < text.size();) {
+        char32_t character = 0;
+        if (lum::utf8::readCharacter(text, position, character))
+            visit(static_cast<uint32>(character));
+        else
+            visit(static_cast<uint32>(text[position++]));
+    }
+}
+
+void append(std::wstring& text, uint32 character) {
+    if (lum::utf8::isScalarValue(character))
+        lum::utf8::appendCharacter(text, character);
+    else
+        text += static_cast<wchar_t>(character);
+}
+
 } // namespace
 
 std::string packText(const String& text) {
     std::size_t size = 0;
-    for (const wchar_t c : text.getWideString())
-        size += static_cast<std::size_t>(1 + countTailBytes(static_cast<uint32>(c)));
+    forEachCharacter(text.getWideString(), [&size](uint32 character) {
+        size += static_cast<std::size_t>(1 + countTailBytes(character));
+    });
     std::string packed;
     packed.reserve(size);
-    for (const wchar_t c : text.getWideString()) {
-        const auto character = static_cast<uint32>(c);
+    forEachCharacter(text.getWideString(), [&packed](uint32 character) {
         const int tail = countTailBytes(character);
         if (tail == 0) {
             packed += static_cast<char>(static_cast<unsigned char>(character));
-            continue;
+            return;
         }
         const uint32 leadMark = (0xFFU << (7 - tail)) & 0xFFU;
         const uint32 leadBits = tail < 6 ? character >> (6 * tail) : 0;
         packed += static_cast<char>(static_cast<unsigned char>(leadMark | leadBits));
         for (int i = tail - 1; i >= 0; --i)
             packed += static_cast<char>(static_cast<unsigned char>(0x80U | ((character >> (6 * i)) & 0x3FU)));
-    }
+    });
     return packed;
 }
 
 String unpackText(std::string_view packed) {
-    std::size_t length = 0;
-    for (const char c : packed)
-        length += (static_cast<unsigned char>(c) & 0xC0U) != 0x80U ? 1 : 0;
     std::wstring text;
-    text.reserve(length);
+    text.reserve(lum::utf8::countCharacters(packed));
     for (std::size_t i = 0; i < packed.size();) {
         const auto lead = static_cast<unsigned char>(packed[i++]);
         const int ones = std::countl_one(lead);
         uint32 character = ones == 0 ? lead : lead & (0x7FU >> ones);
         for (int tail = 1; tail < ones; ++tail)
             character = (character << 6) | (static_cast<unsigned char>(packed[i++]) & 0x3FU);
-        text += static_cast<wchar_t>(character);
+        append(text, character);
     }
     return String(std::move(text));
 }

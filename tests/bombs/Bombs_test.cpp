@@ -1,6 +1,7 @@
 #include "CBombFile.h"
 #include "CMemoryLimit.h"
 #include "CTemporaryFolder.h"
+#include "System.h"
 #include "lum/CError.h"
 #include "lum/CNativeFileSystem.h"
 #include "lum/Logging.h"
@@ -11,8 +12,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <zlib.h>
-
-#include <sys/stat.h>
 
 #include <chrono>
 #include <cstdio>
@@ -152,11 +151,8 @@ public:
     /// The bytes that the files take, without their holes.
     int64 measure() const {
         int64 total = 0;
-        for (const auto& entry : std::filesystem::directory_iterator(m_folder.getPath())) {
-            struct stat status = {};
-            ::stat(entry.path().c_str(), &status);
-            total += int64{status.st_blocks} * 512;
-        }
+        for (const auto& entry : std::filesystem::directory_iterator(m_folder.getPath()))
+            total += getStoredSize(entry.path());
         return total;
     }
 

@@ -1,5 +1,7 @@
 #include "CBombFile.h"
 
+#include "System.h"
+
 namespace tessel::test {
 
 std::string littleEndian(uint64 value, int bytes) {
@@ -21,8 +23,10 @@ std::string describeSingle(uint64 sectors, const std::string& createType) {
 
 CBombFile::CBombFile(const std::filesystem::path& path) : m_path(path) {
     m_file.exceptions(std::ios::failbit | std::ios::badbit);
-    if (!std::filesystem::exists(path))
+    if (!std::filesystem::exists(path)) {
         std::ofstream(path, std::ios::binary).close();
+        allowHoles(path);
+    }
     m_file.open(path, std::ios::in | std::ios::out | std::ios::binary);
 }
 
@@ -57,7 +61,7 @@ void CBombFile::putHeader(const UBombHeader& header) {
 }
 
 void CBombFile::setLength(int64 length) {
-    std::filesystem::resize_file(m_path, static_cast<std::uintmax_t>(length));
+    setFileLength(m_path, length);
 }
 
 } // namespace tessel::test

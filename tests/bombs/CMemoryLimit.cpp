@@ -1,26 +1,14 @@
 #include "CMemoryLimit.h"
 
-#include <malloc.h>
-
-#include <sys/resource.h>
-#include <unistd.h>
+#include "System.h"
 
 #include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <new>
 #include <stdexcept>
 #include <string_view>
-
-#if defined(__SANITIZE_ADDRESS__)
-#define TESSEL_TEST_SANITIZED 1
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define TESSEL_TEST_SANITIZED 1
-#endif
-#endif
 
 namespace {
 
@@ -46,7 +34,7 @@ void* take(std::size_t size) {
         g_wasExceeded = true;
         throw std::bad_alloc();
     }
-    g_used += static_cast<int64>(malloc_usable_size(block));
+    g_used += static_cast<int64>(tessel::test::getBlockSize(block));
     g_peak = std::max(g_peak, g_used);
     return block;
 }
@@ -54,7 +42,7 @@ void* take(std::size_t size) {
 void giveBack(void* block) noexcept {
     if (!block)
         return;
-    const std::size_t size = malloc_usable_size(block);
+    const std::size_t size = tessel::test::getBlockSize(block);
     g_used -= static_cast<int64>(size);
     if (g_secrets) {
         ++g_blocks;
@@ -64,13 +52,6 @@ void giveBack(void* block) noexcept {
                 ++g_finds[i];
     }
     std::free(block);
-}
-
-[[maybe_unused]] lum::uint64 measureAddressSpace() {
-    std::ifstream file("/proc/self/statm");
-    lum::uint64 pages = 0;
-    file >> pages;
-    return pages * static_cast<lum::uint64>(::sysconf(_SC_PAGESIZE));
 }
 
 } // namespace
@@ -105,19 +86,9 @@ void operator delete[](void* block, std::size_t) noexcept {
 namespace tessel::test {
 
 CMemoryLimit::CMemoryLimit(int64 mostBytes) {
-#ifndef TESSEL_TEST_SANITIZED
     // What the allocator holds back for later is no part of the bound.
-    constexpr lum::uint64 slack = 8 << 20;
-    struct rlimit limit = {};
-    ::malloc_trim(0);
-    if (::getrlimit(RLIMIT_AS, &limit) != 0)
-        throw std::runtime_error("The limit on address space cannot be read");
-    m_oldAddressSpace = limit.rlim_cur;
-    limit.rlim_cur =
-        std::min<rlim_t>(limit.rlim_max, measureAddressSpace() + static_cast<lum::uint64>(mostBytes) + slack);
-    if (::setrlimit(RLIMIT_AS, &limit) != 0)
-        throw std::runtime_error("The limit on address space cannot be set");
-#endif
+    constexpr int64 slack = 8 << 20;
+    limitAddressSpace(mostBytes + slack);
     g_peak = g_used;
     g_most = g_used + mostBytes;
     g_wasExceeded = false;
@@ -126,12 +97,7 @@ CMemoryLimit::CMemoryLimit(int64 mostBytes) {
 
 CMemoryLimit::~CMemoryLimit() {
     g_most = INT64_MAX;
-#ifndef TESSEL_TEST_SANITIZED
-    struct rlimit limit = {};
-    ::getrlimit(RLIMIT_AS, &limit);
-    limit.rlim_cur = m_oldAddressSpace;
-    ::setrlimit(RLIMIT_AS, &limit);
-#endif
+    unlimitAddressSpace();
 }
 
 int64 CMemoryLimit::getPeak() const noexcept {

@@ -8,7 +8,7 @@
 namespace tessel::test {
 
 /// Counts the memory that the program takes with `new`, and refuses more than `most` bytes above what it had
-/// at the start: std::bad_alloc then. Where no sanitizer needs the address space, the system refuses as well,
+/// at the start: std::bad_alloc then. Where limitAddressSpace() can make it, the system refuses as well,
 /// whatever the memory is taken with. One at a time, in a program of one thread.
 class CMemoryLimit {
 public:
@@ -24,7 +24,6 @@ public:
 
 private:
     lum::int64 m_start = 0;
-    [[maybe_unused]] lum::uint64 m_oldAddressSpace = 0;
 };
 
 /// Looks through every block of memory when it is given back, as long as it lives, for any of some secrets.

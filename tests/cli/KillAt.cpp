@@ -103,7 +103,7 @@ int unlink(const char* path) noexcept {
     return next(path);
 }
 
-#if defined(__linux__)
+#if __has_include(<linux/xattr.h>) // only there are they of these types
 int fsetxattr(int file, const char* name, const void* value, size_t size, int flags) noexcept {
     static auto* const next = findNext<int(int, const char*, const void*, size_t, int)>("fsetxattr");
     if (std::getenv("TESSEL_NO_LISTS")) {

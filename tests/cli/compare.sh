@@ -64,11 +64,13 @@ run 1 compare disk.vmdk longer.raw --quiet
 output_holds 'differ: 1 bytes from 9502720 on'
 
 # What neither holds is not read: 4 TiB of it are no work.
-truncate -s 2T empty.raw
-run 0 create empty.vmdk 2T
-SECONDS=0
-ok compare empty.vmdk empty.raw
-((SECONDS < 60)) || fail "holes should not be read"
+if tells_holes; then
+    truncate -s 2T empty.raw
+    run 0 create empty.vmdk 2T
+    SECONDS=0
+    ok compare empty.vmdk empty.raw
+    ((SECONDS < 60)) || fail "holes should not be read"
+fi
 
 # What cannot be compared, and what cannot be followed.
 for arguments in "none.raw disk.raw" "disk.raw none.vmdk"; do

@@ -106,6 +106,7 @@ for jobs in 1 2 7; do
         same told "$err"
         run 1 convert broken.vmdk new.vmdk --compressed --level 1 --jobs $jobs
         same told "$err"
+        posix || continue
         code=0
         (ulimit -f 3000; exec "$TESSEL_PROGRAM" convert broken.vmdk new.raw --jobs $jobs) 2>"$err" || code=$?
         ((code == 1)) || fail "the exit code is $code, not 1"
@@ -136,24 +137,26 @@ for target in new.vmdk new.raw; do
     done
 done
 
-# A target that fails ends the program, though the source has nothing to say for a long time.
-mkfifo pipe
-(ulimit -f 1000; exec "$TESSEL_PROGRAM" convert - new.raw --to raw --size 64M --jobs 4) <pipe 2>"$err" &
-child=$!
-exec 3>pipe
-head -c 20000000 big.raw >&3 || true # the pipe breaks when the program ends, as it should
-for ((i = 0; i < 500; i++)); do
-    kill -0 $child 2>/dev/null || break
-    sleep 0.02
-done
-code=0
-last="convert from a pipe that stays open, with files limited to 1000 KiB"
-kill -0 $child 2>/dev/null && fail "the program still waits for input"
-wait $child || code=$?
-exec 3>&-
-((code == 1)) || fail "the exit code is $code, not 1"
-error_is_one_line
-error_holds 'File too large'
+if posix; then
+    # A target that fails ends the program, though the source has nothing to say for a long time.
+    mkfifo pipe
+    (ulimit -f 1000; exec "$TESSEL_PROGRAM" convert - new.raw --to raw --size 64M --jobs 4) <pipe 2>"$err" &
+    child=$!
+    exec 3>pipe
+    head -c 20000000 big.raw >&3 || true # the pipe breaks when the program ends, as it should
+    for ((i = 0; i < 500; i++)); do
+        kill -0 $child 2>/dev/null || break
+        sleep 0.02
+    done
+    code=0
+    last="convert from a pipe that stays open, with files limited to 1000 KiB"
+    kill -0 $child 2>/dev/null && fail "the program still waits for input"
+    wait $child || code=$?
+    exec 3>&-
+    ((code == 1)) || fail "the exit code is $code, not 1"
+    error_is_one_line
+    error_holds 'File too large'
+fi
 
 # How many jobs there may be.
 refused 2 "convert: --jobs: Value 0 not in range 1 to 64 (see tessel convert --help)" convert big.raw new.vmdk --jobs 0

@@ -3,7 +3,9 @@
 . "$(dirname -- "$0")/lib.sh"
 
 make_image disk.raw
-for name in 'with blanks' 'Größe 磁盘 😀' 'a%20b' 'hash#1' 'what?' "it's" '[brackets]' '-dash' 'dots..' 'plus+&='; do
+others=('what?' 'dots..')
+posix || others=() # which Windows cannot have
+for name in 'with blanks' 'Größe 磁盘 😀' 'a%20b' 'hash#1' "it's" '[brackets]' '-dash' 'plus+&=' "${others[@]}"; do
     mkdir "./$name"
     ok convert --quiet --split=6M -- disk.raw "$name/$name.vmdk"
     ok info --json -- "$name/$name.vmdk"
@@ -30,11 +32,20 @@ refused_name() {
     error_is_one_line
     error_holds "$2"
 }
-refused_name 'quote".vmdk' 'cannot be used for a VMDK file'
-refused_name 'colon:.vmdk' 'cannot be used for a VMDK file'
-refused_name 'back\slash.vmdk' 'cannot be used for a VMDK file'
-refused_name $'line\nbreak.vmdk' 'cannot be used for a VMDK file'
-refused_name $'latin\xe4.vmdk' 'This name cannot be used'
+if posix; then
+    refused_name 'quote".vmdk' 'cannot be used for a VMDK file'
+    refused_name $'line\nbreak.vmdk' 'cannot be used for a VMDK file'
+    refused_name 'colon:.vmdk' 'cannot be used for a VMDK file'
+    refused_name 'back\slash.vmdk' 'cannot be used for a VMDK file'
+    refused_name $'latin\xe4.vmdk' 'This name cannot be used'
+else
+    for name in 'quote".vmdk' $'line\nbreak.vmdk' 'what?.vmdk'; do
+        refused_name "$name" 'This name cannot be used'
+    done
+    for name in colon:.vmdk dots.. 'blank.vmdk ' nul.vmdk Com1.vmdk; do
+        refused_name "$name" 'This name cannot be used: Windows takes it for another one'
+    done
+fi
 [[ -z $(ls -A empty) ]] || fail "nothing should have been made"
 
 # Options may stand before, between and behind the names.

@@ -109,6 +109,7 @@ data 40M 5 >big.raw
 ok convert big.raw big.vmdk
 ok create cut.vmdk --parent big.vmdk
 for limit in 1000 9000 15000; do
+    posix || break
     code=0
     (ulimit -f $limit; exec "$TESSEL_PROGRAM" flatten cut.vmdk) 2>"$err" || code=$?
     last="flatten with files limited to $limit KiB"
@@ -117,7 +118,9 @@ for limit in 1000 9000 15000; do
     [[ $(parent_of cut.vmdk) == big.vmdk ]] || fail "the disk should still be a child"
     check cut.vmdk big.raw
 done
-[[ $(stored cut.vmdk) -gt 0 ]] || fail "the disk should have taken over something"
+if posix; then
+    [[ $(stored cut.vmdk) -gt 0 ]] || fail "the disk should have taken over something"
+fi
 ok flatten cut.vmdk
 rm big.vmdk
 [[ $(parent_of cut.vmdk) == None ]] || fail "the disk should stand alone"

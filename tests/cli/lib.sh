@@ -2,6 +2,7 @@
 # empty folder of its own, which goes when the script ends. Whatever a helper finds wrong ends the script.
 set -euo pipefail
 export LC_ALL=C.UTF-8
+. "${BASH_SOURCE[0]%/*}/../support/systems.sh"
 
 base=$(mktemp -d)
 trap 'rm -rf -- "$base"' EXIT
@@ -29,6 +30,10 @@ run() {
     shift
     last="tessel $*"
     "$TESSEL_PROGRAM" "$@" >"$out" 2>"$err" || code=$?
+    with_slashes "$err"
+    case ${1-} in
+        info | map | space | check | compare | measure) with_slashes "$out" ;;
+    esac
     ((code == wanted)) || fail "the exit code is $code, not $wanted"
 }
 

@@ -36,6 +36,8 @@ exact disk.raw
 exact disk.raw --split
 exact disk.raw --split=2M
 exact disk.raw --split=2M --on-demand
+cp --sparse=never disk.raw written.raw # zeros that are no hole make no file either
+exact written.raw --split=2M --on-demand
 exact disk.raw --size 20M
 exact disk.raw --size 3000000
 data 9M 1 >full.raw

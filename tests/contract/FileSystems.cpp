@@ -13,7 +13,8 @@ namespace {
 
 FileSystemUnderTest makeNative(bool waitForMedium) {
     const auto folder = std::make_shared<CTemporaryFolder>();
-    return {folder, P<IFileSystem>(new CNativeFileSystem(waitForMedium)), folder->getURI()};
+    return {folder, P<IFileSystem>(new CNativeFileSystem(waitForMedium)), folder->getURI(),
+            getStrangeNativeName()};
 }
 
 FileSystemUnderTest makeMemory() {

@@ -15,6 +15,8 @@ struct FileSystemUnderTest {
     std::shared_ptr<void> owner;
     lum::P<lum::IFileSystem> fileSystem;
     lum::CURI folder;
+    /// A name with as many characters that mean something in a URI as the file system lets a name have.
+    const wchar_t* strangeName = L"a#b?c";
 };
 
 /// One of the file systems that keep the contract of IFileSystem.
@@ -24,6 +26,9 @@ struct FileSystemKind {
 };
 
 const std::vector<FileSystemKind>& getFileSystemKinds();
+
+/// See FileSystemUnderTest, for the files of this computer.
+const wchar_t* getStrangeNativeName();
 
 inline void PrintTo(const FileSystemKind& kind, std::ostream* out) {
     *out << kind.name;

@@ -19,6 +19,7 @@ class IFileSystemContract : public ::testing::TestWithParam<FileSystemKind> {
 protected:
     CURI uri(const char* name) const { return m_setUp.folder << String(name); }
     IFileSystem& fileSystem() const { return *m_setUp.fileSystem; }
+    const wchar_t* strangeName() const { return m_setUp.strangeName; }
 
     P<IIOStream> open(const char* name) {
         return fileSystem().openFile(uri(name), IIOStream::Access_ReadWrite);
@@ -100,7 +101,7 @@ TEST_P(IFileSystemContract, EscapesAndDotsDoNotMakeAnotherName) {
 }
 
 TEST_P(IFileSystemContract, NamesMayHoldAnyCharacter) {
-    for (const wchar_t* const name : {L"with blank", L"50%", L"a#b?c", L"\x00e4\x20ac"}) {
+    for (const wchar_t* const name : {L"with blank", L"50%", strangeName(), L"\x00e4\x20ac"}) {
         const CURI file = uri("folder").getParent() << String(name);
         fileSystem().openFile(file, IIOStream::Access_ReadWrite)->write("x", 1);
         EXPECT_TRUE(fileSystem().fileExists(file));

@@ -126,6 +126,16 @@ TEST(CVMDKDescriptor, TextSurvivesARoundTrip) {
         EXPECT_EQ(roundTrip(text), text);
 }
 
+// Also halves of characters, where a wide character is a half.
+TEST(CVMDKDescriptor, AnyWideTextComesBackAsItWas) {
+    const P<COpenDescriptor> descriptor(new COpenDescriptor(bytesOf("name=value\n")));
+    for (const wchar_t* const text : {L"\x00E4\x4E2D", L"\U0001F600 \U0010FFFF", L"\xD83D", L"a\xDE00\xD83D",
+                                      L"\xD83D\xDE00", L"\xFFFF"}) {
+        descriptor->setValue("name", text, false, false);
+        EXPECT_EQ(descriptor->getValue("name"), String(text));
+    }
+}
+
 TEST(CVMDKDescriptor, RoundTripBringsSettingsAndExtentsIntoTheirForm) {
     const struct {
         const char* text;

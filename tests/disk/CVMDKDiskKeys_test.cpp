@@ -2,9 +2,9 @@
 // refused.
 
 #include "DiskTest.h"
+#include "ReferenceCryptography.h"
 #include "tessel/CVMDKSparseExtentFile.h"
 
-#include <openssl/evp.h>
 #include <zlib.h>
 
 using namespace tessel;
@@ -18,37 +18,6 @@ TBuffer<unsigned char> salt(int64 size) {
     TBuffer<unsigned char> bytes(size);
     bytes.fill('s');
     return bytes;
-}
-
-// --- The same by OpenSSL's own means ---
-
-Bytes pbkdf2(const std::string& password, const Bytes& saltBytes, int iterations, int size) {
-    Bytes key(static_cast<std::size_t>(size));
-    EXPECT_EQ(PKCS5_PBKDF2_HMAC(password.data(), static_cast<int>(password.size()), saltBytes.data(),
-                                static_cast<int>(saltBytes.size()), iterations, EVP_sha1(), size, key.data()),
-              1);
-    return key;
-}
-
-Bytes sha256(const Bytes& data) {
-    Bytes digest(32);
-    EXPECT_EQ(EVP_Digest(data.data(), data.size(), digest.data(), nullptr, EVP_sha256(), nullptr), 1);
-    return digest;
-}
-
-Bytes decryptAES256CBC(const Bytes& data, const Bytes& key, const Bytes& iv) {
-    const std::unique_ptr<EVP_CIPHER_CTX, decltype(&EVP_CIPHER_CTX_free)> context(EVP_CIPHER_CTX_new(),
-                                                                                  EVP_CIPHER_CTX_free);
-    Bytes plain(data.size() + 16);
-    int size = 0;
-    int rest = 0;
-    EXPECT_EQ(EVP_DecryptInit_ex(context.get(), EVP_aes_256_cbc(), nullptr, key.data(), iv.data()), 1);
-    EXPECT_EQ(EVP_CIPHER_CTX_set_padding(context.get(), 0), 1);
-    EXPECT_EQ(
-        EVP_DecryptUpdate(context.get(), plain.data(), &size, data.data(), static_cast<int>(data.size())), 1);
-    EXPECT_EQ(EVP_DecryptFinal_ex(context.get(), plain.data() + size, &rest), 1);
-    plain.resize(static_cast<std::size_t>(size + rest));
-    return plain;
 }
 
 /// The IV of a grain: the disk's, with the grain's index in little-endian order over each of its halves.
@@ -94,11 +63,11 @@ protected:
             hexDecode(descriptor.getValue(setting), decoded);
             return toBytes(decoded);
         };
-        const Bytes kek = pbkdf2(password, bytes("lumEncKeyDerivSalt"), 10000, 32);
+        const Bytes kek = reference::pbkdf2(password, bytes("lumEncKeyDerivSalt"), 10000, 32);
         const Bytes iv = bytes("lumEncIV");
-        const Bytes dataKey = decryptAES256CBC(bytes("lumEncEncKey"), kek, iv);
+        const Bytes dataKey = reference::aes256CBC(false, bytes("lumEncEncKey"), kek, iv);
         EXPECT_EQ(dataKey.size(), 32U);
-        EXPECT_EQ(sha256(dataKey), bytes("lumEncKeyHash"));
+        EXPECT_EQ(reference::sha256(dataKey), bytes("lumEncKeyHash"));
         return {dataKey, iv};
     }
     Bytes rawBytes(const String& name, int64 position, int64 size) const {
@@ -149,7 +118,7 @@ TEST_F(CVMDKDiskKeysTest, PasswordCountsAsUTF8) {
     TCryptBuffer<unsigned char> key;
     CVMDKDisk::deriveEncryptKey(key, 32, L"Schl\u00fcssel \u20ac", String(derivation) + "1000", salt(8));
     EXPECT_EQ(Bytes(key.getData(), key.getData() + 32),
-              pbkdf2("Schl\xc3\xbcssel \xe2\x82\xac", Bytes(8, 's'), 1000, 32));
+              reference::pbkdf2("Schl\xc3\xbcssel \xe2\x82\xac", Bytes(8, 's'), 1000, 32));
 }
 
 TEST_F(CVMDKDiskKeysTest, DerivationRefusesWhatIsUnknownOrWeak) {
@@ -192,7 +161,7 @@ TEST_F(CVMDKDiskKeysTest, DerivationRefusesWhatIsUnknownOrWeak) {
 TEST_F(CVMDKDiskKeysTest, DerivationTakesTheLeastThatItMay) {
     TCryptBuffer<unsigned char> key;
     CVMDKDisk::deriveEncryptKey(key, 32, "secret", String(derivation) + "1000", salt(8));
-    EXPECT_EQ(Bytes(key.getData(), key.getData() + 32), pbkdf2("secret", Bytes(8, 's'), 1000, 32));
+    EXPECT_EQ(Bytes(key.getData(), key.getData() + 32), reference::pbkdf2("secret", Bytes(8, 's'), 1000, 32));
 }
 
 // --- What the descriptor holds ---
@@ -216,7 +185,7 @@ TEST_F(CVMDKDiskKeysTest, PlainGrainsAreEncryptedAsOthersDecryptThem) {
         const Bytes stored = rawBytes(file, position, size);
         EXPECT_NE(stored, data);
         const UnwrappedKey key = unwrap("secret");
-        EXPECT_EQ(decryptAES256CBC(stored, key.dataKey, grainIV(key.iv, 100)), data);
+        EXPECT_EQ(reference::aes256CBC(false, stored, key.dataKey, grainIV(key.iv, 100)), data);
     }
 }
 
@@ -232,7 +201,7 @@ TEST_F(CVMDKDiskKeysTest, CompressedGrainsAreEncryptedBehindTheirHead) {
     const UnwrappedKey key = unwrap("secret");
     const std::size_t wholeBlocks = (length + 15) / 16 * 16;
     Bytes stream(stored.begin() + 12, stored.begin() + 12 + static_cast<std::ptrdiff_t>(wholeBlocks));
-    stream = decryptAES256CBC(stream, key.dataKey, grainIV(key.iv, 100));
+    stream = reference::aes256CBC(false, stream, key.dataKey, grainIV(key.iv, 100));
     Bytes inflated(static_cast<std::size_t>(grainSize));
     uLongf inflatedSize = inflated.size();
     EXPECT_EQ(uncompress(inflated.data(), &inflatedSize, stream.data(), length), Z_OK);

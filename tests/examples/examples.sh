@@ -5,12 +5,22 @@
 . "$(dirname -- "$0")/../cli/lib.sh"
 folder=$1
 
+example_program() {
+    local program=("$folder/tessel-example-$1")
+    posix || program=("$TESSEL_SOURCE_DIR/scripts/wine" "${program[0]}.exe")
+    "${program[@]}" "${@:2}"
+}
+
 # example CODE NAME ARGUMENT...: it ends with this exit code, and is silent on standard error when that is 0.
 example() {
     local wanted=$1 name=$2 code=0
     shift 2
     last="$name $*"
-    "$folder/tessel-example-$name" "$@" >"$out" 2>"$err" || code=$?
+    example_program "$name" "$@" >"$out" 2>"$err" || code=$?
+    if ! posix; then
+        with_slashes "$err"
+        sed -i 's/\r$//' "$out" "$err" # they write by C's text streams
+    fi
     ((code == wanted)) || fail "the exit code is $code, not $wanted"
     if ((code == 0)) && [[ -s $err ]]; then
         fail "there should be nothing on standard error"
@@ -38,8 +48,10 @@ example 5 create_disk new.vmdk
 error_is 'There is a file already.'
 example 3 create_disk none/new.vmdk
 error_is 'There is no such folder'
-example 1 create_disk $'\xff.vmdk'
-error_is 'Invalid UTF-8 text (position: 0)'
+if posix; then
+    example 1 create_disk $'\xff.vmdk'
+    error_is 'Invalid UTF-8 text (position: 0)'
+fi
 
 example 0 read_sector new.vmdk
 [[ $(head -n 1 "$out") == "67108864 bytes" ]] || fail "the size is wrong"
@@ -86,13 +98,15 @@ same wanted.raw alone.raw
 ok convert disk.raw split.vmdk --quiet --split=6M
 before=$(find . | sort)
 last="own_file_system split.vmdk"
-"$folder/tessel-example-own_file_system" split.vmdk >"$out" 2>"$err" || fail "it failed"
+example_program own_file_system split.vmdk >"$out" 2>"$err" || fail "it failed"
+posix || sed -i 's/\r$//' "$out" "$err"
 sort -u -o "$out" -- "$out"
 output_is "$(find . -name 'split*' -printf '%P\n' | sort)"
 error_holds 'Nothing is changed here.'
 [[ $(wc -l <"$err") -eq 1 ]] || fail "standard error should be one warning"
 [[ $(find . | sort) == "$before" ]] || fail "other files than before are there"
 
+posix || exit 0 # the last one reads bytes by a stream that Windows takes for text
 example 0 stream_in streamed.vmdk 10485760 <disk.raw
 ok convert streamed.vmdk streamed.raw --quiet --size $image_size
 same disk.raw streamed.raw

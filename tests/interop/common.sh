@@ -3,6 +3,7 @@
 set -euo pipefail
 
 : "${TESSEL_PROGRAM:?the path of the program}"
+. "${BASH_SOURCE[0]%/*}/../support/systems.sh"
 export LC_ALL=C.UTF-8
 
 work=$(mktemp -d)
@@ -113,6 +114,7 @@ verify_refused() {
     shift
     tessel "$@" >refused.out 2>refused.err </dev/null || code=$?
     equal "exit code of $*" 1 "$code"
+    with_slashes refused.err
     [[ ! -s refused.out || $1 == info ]] || fail "$*: standard output: $(head -c 300 refused.out)"
     equal "lines of $*" 1 "$(wc -l <refused.err)"
     [[ $(<refused.err) == "tessel: "*"$message"* ]] || fail "$*: $(<refused.err)"

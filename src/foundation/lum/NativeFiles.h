@@ -5,8 +5,8 @@
 
 namespace lum {
 
-// The files of this computer. Each system implements these in a folder of its own (posix). `path` is a
-// native path, which names no NUL character; `uri` is what errors name.
+// The files of this computer. Each system implements these in a folder of its own (posix, windows). `path` is
+// a native path, which names no NUL character; `uri` is what errors name.
 
 /// See IFileSystem::openFile and the constructor of CNativeFileSystem.
 P<COpenFile> openNativeFile(const String& path, const CURI& uri, IIOStream::Access access,

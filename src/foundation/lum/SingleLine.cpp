@@ -9,7 +9,7 @@ bool isBreakOrTab(wchar_t c) noexcept {
 }
 
 bool isControl(wchar_t c) noexcept {
-    return (c >= 0 && c < L' ') || (c >= L'\x7f' && c <= L'\x9f');
+    return static_cast<char32_t>(c) < U' ' || (c >= L'\x7f' && c <= L'\x9f');
 }
 
 /// Marks that reorder what follows them, with which a file's name could disguise the rest of a line.

@@ -71,6 +71,8 @@ TEST_F(NativePaths, ResolvesPathsFromTheCurrentFolder) {
 TEST_F(NativePaths, KeepsAbsolutePaths) {
     EXPECT_EQ(nativePathToURI("/vm/disk.vmdk"), CURI("file:///vm/disk.vmdk"));
     EXPECT_EQ(uriToNativePath(CURI("file:///vm/a%20b%23.vmdk")), "/vm/a b#.vmdk");
+    EXPECT_EQ(CURI(CWindowsPath("\\sub\\a.vmdk"), true), CURI("file:///sub/a.vmdk"))
+        << "there are no drives here";
 }
 
 TEST_F(NativePaths, RefusesWhatIsNoPathHere) {

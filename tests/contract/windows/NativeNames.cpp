@@ -1,0 +1,10 @@
+#include "../FileSystems.h"
+
+namespace tessel::test {
+
+const wchar_t* getStrangeNativeName() {
+    // "?" is in no name here.
+    return L"a#b;c";
+}
+
+} // namespace tessel::test
