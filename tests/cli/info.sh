@@ -50,9 +50,13 @@ ok create child.vmdk --parent plain.vmdk
 ok info child.vmdk --json
 json_is 'd["parent"]' "{'reference': 'plain.vmdk', 'file': '$PWD/plain.vmdk', 'contentID': '$id', 'outside': False, 'exists': True}"
 mv plain.vmdk elsewhere.vmdk
-ok info child.vmdk --json
+missing="tessel: child.vmdk: Its parent is missing: $PWD/plain.vmdk (tessel rebase child.vmdk NEW_PARENT tells it where the \
+parent is now)"
+run 1 info child.vmdk --json
+error_is "$missing"
 json_is 'd["parent"]["exists"]' False
-ok info child.vmdk
+run 1 info child.vmdk
+error_is "$missing"
 output_holds "$PWD/plain.vmdk  (FILE IS MISSING)"
 
 # A file that is missing although it must be there: what is known is told, and then what is wrong.
