@@ -165,8 +165,10 @@ bool isDeviceName(const std::wstring& name) {
 void verifyIsNoDisguise(const fs::path& path, const std::string& name) {
     if (isDriveName(path))
         return;
+    const std::wstring& whole = path.native();
+    const bool isPrefixed = whole.starts_with(L"\\\\?\\");
     bool isFirst = true;
-    for (const fs::path& part : path.relative_path()) {
+    for (const fs::path& part : fs::path(isPrefixed ? whole.substr(4) : whole)) {
         const std::wstring& text = part.native();
         const bool isDrive = std::exchange(isFirst, false) && text.size() == 2 && text.ends_with(L':');
         if (text == L"." || text == L".." || isDrive)
