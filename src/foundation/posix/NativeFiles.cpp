@@ -14,6 +14,27 @@ namespace lum {
 
 namespace {
 
+namespace fs = std::filesystem;
+
+constexpr const char* triedToFollow = "Cannot follow links";
+
+bool isMissing(const std::error_code& error) noexcept {
+    return error == std::errc::no_such_file_or_directory || error == std::errc::not_a_directory;
+}
+
+/// The path with the links of those folders followed that are there. What others delete between two looks at
+/// it is looked for again: then it is missing, or somebody has made it anew.
+fs::path findRealPath(const fs::path& path, std::error_code& error) {
+    constexpr int mostTries = 1000;
+    fs::path real;
+    for (int i = 0; i < mostTries; ++i) {
+        real = fs::weakly_canonical(path, error);
+        if (!isMissing(error))
+            break;
+    }
+    return real;
+}
+
 bool leadsNowhere(int systemError) noexcept {
     return systemError == ENOENT || systemError == ENOTDIR;
 }
@@ -64,23 +85,23 @@ bool isNativeFileAt(const String& path, const CURI& uri, const COpenFile& file) 
 }
 
 String followNativeLinks(const String& path, const CURI& uri) {
-    namespace fs = std::filesystem;
-    constexpr const char* tried = "Cannot follow links";
     constexpr int mostLinks = 40; // as the system itself
     std::error_code error;
     fs::path file = fs::absolute(path.toUTF8(), error);
     // A link that leads to nothing yet must be followed too: creating the file would create what it names.
     for (int links = 0; !error && fs::is_symlink(fs::symlink_status(file, error)); ++links) {
         if (links == mostLinks)
-            throw makeFileSystemError(tried, ELOOP, makeStreamProps(uri));
-        file = file.parent_path() / fs::read_symlink(file, error);
+            throw makeFileSystemError(triedToFollow, ELOOP, makeStreamProps(uri));
+        const fs::path target = fs::read_symlink(file, error);
+        if (!error)
+            file = file.parent_path() / target;
     }
-    if (error == std::errc::no_such_file_or_directory || error == std::errc::not_a_directory)
+    if (isMissing(error))
         error.clear(); // what is missing holds no links
     if (!error)
-        file = fs::weakly_canonical(file, error);
+        file = findRealPath(file, error);
     if (error)
-        throw makeFileSystemError(tried, error.value(), makeStreamProps(uri));
+        throw makeFileSystemError(triedToFollow, error.value(), makeStreamProps(uri));
     return String::fromUTF8(file.string());
 }
 

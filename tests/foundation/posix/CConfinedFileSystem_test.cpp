@@ -7,7 +7,9 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
+#include <thread>
 
 namespace lum {
 namespace {
@@ -80,6 +82,31 @@ TEST_F(CConfinedNativeFilesTest, FollowsLinksOfWhatDoesNotExistYet) {
     std::filesystem::create_symlink(path("out"), path("in/folder"));
     EXPECT_EQ(m_native->followLinks(uri("in/folder/missing")), m_native->followLinks(uri("out"))
                                                                    << String("missing"));
+}
+
+// As lock files do.
+TEST_F(CConfinedNativeFilesTest, FollowsLinksWhileOthersMakeAndDeleteTheFile) {
+    const CURI expected = m_native->followLinks(uri("in")) << String("lock");
+    std::atomic<bool> isOver = false;
+    std::thread other([&] {
+        while (!isOver) {
+            makeFile(*m_native, uri("in/lock"));
+            m_native->deleteFile(uri("in/lock"), false);
+        }
+    });
+    int right = 0;
+    std::string failure;
+    constexpr int tries = 20000;
+    try {
+        for (int i = 0; i < tries; ++i)
+            right += m_native->followLinks(uri("in/lock")) == expected ? 1 : 0;
+    } catch (const CError& error) {
+        failure = error.getMessage().toUTF8();
+    }
+    isOver = true;
+    other.join();
+    EXPECT_EQ(failure, "");
+    EXPECT_EQ(right, tries);
 }
 
 } // namespace
