@@ -90,8 +90,9 @@ for answer in answers:
     while not seen.endswith(b": "):
         assert select.select([ours], [], [], 60)[0], seen
         seen += os.read(ours, 4096)
+    asked = len(seen)
     os.write(ours, answer.encode() + b"\n")
-    while b"\n" not in seen.rsplit(b": ", 1)[1]:
+    while b"\n" not in seen[asked:]: # the next question may come along with it
         assert select.select([ours], [], [], 60)[0], seen
         seen += os.read(ours, 4096)
     assert answer.encode() not in seen, seen
