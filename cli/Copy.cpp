@@ -56,7 +56,7 @@ public:
         const int64 size = m_reader.getSizeBytes();
         const int64 position = m_reader.getPosition();
         if (position < size)
-            m_sink.writeZeros(position, size - position);
+            writeZeros(position, size - position);
         m_progress.advanceTo(size);
         m_sink.finish(size);
         return m_reader.getSourceBytes();
@@ -111,8 +111,21 @@ private:
         if (piece.isData())
             m_sink.write(piece);
         else
-            m_sink.writeZeros(piece.getPosition(), piece.getSizeBytes());
+            writeZeros(piece.getPosition(), piece.getSizeBytes());
         m_progress.advanceTo(piece.getPosition() + piece.getSizeBytes());
+    }
+
+    /// In a child zeros may have to be stored.
+    void writeZeros(int64 position, int64 sizeBytes) {
+        constexpr int64 most = int64{64} << 20;
+        const int64 end = position + sizeBytes;
+        while (position < end) {
+            throwIfInterrupted();
+            const int64 piece = std::min(end - position, most);
+            m_sink.writeZeros(position, piece);
+            position += piece;
+            m_progress.advanceTo(position);
+        }
     }
 
     ISource& m_source;

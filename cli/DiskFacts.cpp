@@ -16,6 +16,14 @@ namespace fs = std::filesystem;
 
 namespace {
 
+int64 getFileSize(const fs::path& path) {
+    std::error_code error;
+    const std::uintmax_t size = fs::file_size(path, error);
+    if (error)
+        throw CFailure(nameFromPath(path), "Cannot look up file: " + describeSystemError(error));
+    return static_cast<int64>(size);
+}
+
 /// A disk may name a large file as often as it likes.
 void addUp(int64& sum, int64 bytes) {
     sum = bytes > INT64_MAX - sum ? INT64_MAX : sum + bytes;
@@ -35,7 +43,7 @@ UExtentFacts collectExtent(const CVMDKExtentInfo& extent, const CURI& uri, const
     facts.file = nameFromPath(path);
     facts.isThere = fs::is_regular_file(path);
     if (facts.isThere) {
-        facts.fileSizeBytes = static_cast<int64>(fs::file_size(path));
+        facts.fileSizeBytes = getFileSize(path);
         facts.allocatedBytes = getAllocatedSize(path);
     }
     return facts;
@@ -83,7 +91,7 @@ UDiskFacts collectDiskFacts(const std::string& name, IFileSystem* files) {
     collectParent(*descriptor, folder, name, facts);
     if (!facts.isDescriptorEmbedded) {
         facts.allocatedBytes = getAllocatedSize(pathFromURI(uri));
-        facts.fileSizeBytes = static_cast<int64>(fs::file_size(pathFromURI(uri)));
+        facts.fileSizeBytes = getFileSize(pathFromURI(uri));
     }
 
     TArray<P<CVMDKExtentInfo>> extents;

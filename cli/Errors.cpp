@@ -119,7 +119,8 @@ std::string withoutFolder(std::string text, const fs::path& folder) {
     for (const std::string& place :
          {showPaths(uri.toString(true)) + "/", showPaths(uri.toNormalized().toString(true)) + "/",
           nameFromPath(folder / "")})
-        for (std::size_t at = text.find(place); at != std::string::npos; at = text.find(place))
+        for (std::size_t at = text.find(place); !place.empty() && at != std::string::npos;
+             at = text.find(place))
             text.erase(at, place.size());
     return text;
 }

@@ -15,6 +15,11 @@ void writeJson(const Json& json) {
     writeText(json.dump(2, ' ', false, Json::error_handler_t::replace) + "\n");
 }
 
+void writeJsonOfWork(const Json& json) {
+    forgetInterruption();
+    writeJson(json);
+}
+
 std::string formatJsonLine(const Json& json) {
     return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }

@@ -18,6 +18,9 @@ using Json = nlohmann::ordered_json;
 void writeText(const std::string& text);
 /// As indented UTF-8; bytes that are none become U+FFFD.
 void writeJson(const Json& json);
+/// The same for work that is done: an interruption that came too late to stop it does not keep the answer
+/// back.
+void writeJsonOfWork(const Json& json);
 
 /// Text of any length in large writes. What was added last is written by finish().
 class COutputText {

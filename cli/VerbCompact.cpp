@@ -77,7 +77,7 @@ void tellAsJson(const UCompact& verb, int64 before, int64 after) {
     json["oldExtentBytes"] = before;
     json["newExtentBytes"] = after;
     json["disk"] = describeDisk(verb.disk);
-    writeJson(json);
+    writeJsonOfWork(json);
 }
 
 void compact(UCompact& verb) {

@@ -102,7 +102,7 @@ void tellAsJson(const UConvert& verb, Kind kind, int64 sizeBytes, int64 sourceBy
     } else {
         json["allocatedBytes"] = getAllocatedSize(pathFromName(verb.target));
     }
-    writeJson(json);
+    writeJsonOfWork(json);
 }
 
 void convertToRaw(UConvert& verb, ISource& source, Kind sourceKind, int64 size) {

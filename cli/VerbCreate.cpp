@@ -45,7 +45,7 @@ void create(UCreate& verb) {
         Json json;
         json["requestedBytes"] = asked;
         json["disk"] = describeDisk(verb.disk);
-        writeJson(json);
+        writeJsonOfWork(json);
     }
 }
 

@@ -2,6 +2,7 @@
 #include "DiskFacts.h"
 #include "Errors.h"
 #include "Names.h"
+#include "StoredGrain.h"
 #include "Verbs.h"
 #include "lum/CNativeFileSystem.h"
 #include "platform.h"
@@ -25,8 +26,9 @@ struct UFlatten {
 /// Moves what the parents hold into a disk. Interrupted at any point it leaves a child of the same contents.
 class CFlattening {
 public:
-    explicit CFlattening(CVMDKDisk* disk)
-        : m_disk(disk), m_grainSize(disk->getGrainSizeBytes()), m_grain(m_grainSize) {}
+    /// All are borrowed; `parents` are those of the disk, nearest first.
+    CFlattening(CVMDKDisk* disk, const TArray<P<CVMDKDisk>>* parents)
+        : m_disk(disk), m_parents(parents), m_grainSize(disk->getGrainSizeBytes()), m_grain(m_grainSize) {}
 
     /// Bytes that the disk has taken over.
     int64 getMovedBytes() const noexcept { return m_movedBytes; }
@@ -55,10 +57,17 @@ private:
     /// A grain passes as it is stored where all of it is stored like this disk's grains, in one place.
     void moveGrain(int64 grain, const UVMDKGrainRun& run, int64 runEnd) {
         const int64 start = grain * m_grainSize;
-        if (run.isStoredAlike && start >= run.position && runEnd - start >= m_grainSize)
-            m_disk->makeGrainIndependentOfParent(grain);
-        else
+        if (!run.isStoredAlike || start < run.position || runEnd - start < m_grainSize) {
             movePlain(grain);
+            return;
+        }
+        if (m_disk->getCompressed()) {
+            m_disk->seek(start);
+            m_disk->readPreparedGrainData(m_record);
+            const CURI parent = (*m_parents)[static_cast<std::size_t>(run.layer - 1)]->getMainFileURI();
+            verifyIsRecordOf(nameFromPath(pathFromURI(parent)), start, m_record);
+        }
+        m_disk->makeGrainIndependentOfParent(grain);
     }
 
     void movePlain(int64 grain) {
@@ -71,7 +80,9 @@ private:
     }
 
     CVMDKDisk* m_disk;
+    const TArray<P<CVMDKDisk>>* m_parents;
     int64 m_grainSize;
+    TBuffer<unsigned char> m_record;
     TBuffer<unsigned char> m_grain;
     int64 m_movedBytes = 0;
 };
@@ -83,7 +94,7 @@ void tellAsJson(const UFlatten& verb, const TArray<P<CVMDKDisk>>& parents, int64
     for (const auto& parent : parents)
         json["oldParents"].push_back(nameFromPath(pathFromURI(parent->getMainFileURI())));
     json["disk"] = describeDisk(verb.disk);
-    writeJson(json);
+    writeJsonOfWork(json);
 }
 
 void flatten(UFlatten& verb) {
@@ -102,7 +113,7 @@ void flatten(UFlatten& verb) {
                     "by everybody");
     // What the guest sees stays the same, and children of this disk rely on that.
     disk->setContentIDUpdatesEnabled(false);
-    CFlattening flattening(disk.get());
+    CFlattening flattening(disk.get(), &parents);
     {
         CProgress progress(disk->getSizeBytes(), verb.quiet);
         about(verb.disk, [&] { flattening.run(progress); });

@@ -38,7 +38,7 @@ void changePassword(UPasswd& verb) {
         Json json;
         json["parentToChange"] = isParentLeft ? Json(parent) : Json(nullptr);
         json["disk"] = describeDisk(verb.disk);
-        writeJson(json);
+        writeJsonOfWork(json);
     }
 }
 

@@ -51,7 +51,7 @@ void rebase(URebase& verb) {
         Json json;
         json["oldParent"] = oldParent;
         json["disk"] = describeDisk(verb.disk);
-        writeJson(json);
+        writeJsonOfWork(json);
     }
 }
 

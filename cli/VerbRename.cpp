@@ -330,7 +330,7 @@ void tellAsJson(const URename& verb, const URenamePlan& plan, const std::vector<
         add(move.from, move.to);
     json["children"] = children;
     json["disk"] = describeDisk(verb.newName);
-    writeJson(json);
+    writeJsonOfWork(json);
 }
 
 P<CLockFile> lockDisk(IFileSystem* files, const std::string& name) {

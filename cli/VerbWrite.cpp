@@ -64,7 +64,7 @@ void write(UWrite& verb) {
         json["startBytes"] = offset;
         json["sizeBytes"] = position - offset;
         json["disk"] = describeDisk(verb.disk);
-        writeJson(json);
+        writeJsonOfWork(json);
     }
 }
 

@@ -25,6 +25,8 @@ std::vector<std::string> getArguments(int argc, char** argv);
 /// a limit on file sizes become errors of the write.
 void prepareProcess();
 bool isInterrupted() noexcept;
+/// What was asked for so far came too late. A later request to end counts again.
+void forgetInterruption() noexcept;
 /// From now on no memory of the program is written to a file when it crashes. To be called before a password
 /// is read.
 void forbidCoreDumps() noexcept;

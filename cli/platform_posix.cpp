@@ -183,6 +183,14 @@ void forbidCoreDumps() noexcept {
 #endif
 }
 
+void forgetInterruption() noexcept {
+    g_signal = 0;
+    struct pollfd wait = {g_wakePipe[0], POLLIN, 0};
+    char byte = 0;
+    while (g_wakePipe[0] >= 0 && ::poll(&wait, 1, 0) > 0 && ::read(g_wakePipe[0], &byte, 1) > 0) {
+    }
+}
+
 bool isInterrupted() noexcept {
     return g_signal != 0;
 }

@@ -129,6 +129,11 @@ void forbidCoreDumps() noexcept {
     ::SetUnhandledExceptionFilter(endAtOnce);
 }
 
+void forgetInterruption() noexcept {
+    g_exitCode = 0;
+    ::ResetEvent(windows::getInterruptEvent());
+}
+
 bool isInterrupted() noexcept {
     return g_exitCode != 0;
 }

@@ -91,6 +91,23 @@ check child.vmdk two.raw
 ok check child.vmdk
 rm -f ./*.vmdk
 
+# A parent's record that is another grain's is not taken over, where nothing would tell any more.
+ok convert base.raw base.vmdk --quiet --compressed
+python3 - base.vmdk <<'end'
+import struct, sys
+disk = bytearray(open(sys.argv[1], "rb").read())
+number = lambda at: struct.unpack_from("<I", disk, at)[0]
+table = number(number(56) * 512) * 512
+first, second = table + 4 * 0, table + 4 * 1
+disk[first:first + 4], disk[second:second + 4] = disk[second:second + 4], disk[first:first + 4]
+open(sys.argv[1], "wb").write(disk)
+end
+ok create child.vmdk --parent base.vmdk
+refused 1 "$PWD/base.vmdk: The grain at byte 0 holds another grain's record; it stays as it is (tessel check \
+$PWD/base.vmdk tells more)" flatten child.vmdk
+[[ $(parent_of child.vmdk) == base.vmdk ]] || fail "the disk should still be a child"
+rm -f ./*.vmdk
+
 # A parent that has changed since is not taken over, whichever of them it is; the child stays as it is.
 for changed in base middle; do
     rm -f ./*.vmdk

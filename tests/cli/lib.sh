@@ -31,8 +31,8 @@ run() {
     last="tessel $*"
     "$TESSEL_PROGRAM" "$@" >"$out" 2>"$err" || code=$?
     with_slashes "$err"
-    case ${1-} in
-        info | map | space | check | compare | measure) with_slashes "$out" ;;
+    case " $* " in
+        " info "* | " map "* | " space "* | " check "* | " compare "* | " measure "* | *" --json "*) with_slashes "$out" ;;
     esac
     ((code == wanted)) || fail "the exit code is $code, not $wanted"
 }
