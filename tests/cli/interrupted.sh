@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Interrupted at any of its changes to files, no verb leaves anything half-made: either it ends by SIGINT, and what
-# was there before is there as it was, or it is done.
+# Interrupted at one of its changes to files, no verb leaves anything half-made: either it ends by SIGINT, and what was
+# there before is there as it was, or it is done, and answers. Tried are the first changes, the last, and some between.
 #
 #   interrupted.sh KILLER PART    KILLER: the library that interrupts the program at one of its changes; PART: which
 #                                 verbs, those that make files, replace them, or change disks
@@ -54,7 +54,8 @@ holds() {
 each() {
     local begun=$1 is_done=$2 count code interrupted=0 points point before after
     shift 2
-    local input=/dev/null
+    local input=/dev/null answers=0 answer=$base/answer
+    [[ " $* " != *" --json "* ]] || answers=1
     [[ $1 != write && $* != "convert - "* ]] || input=bytes
     reset
     before=$(sums)
@@ -64,7 +65,7 @@ each() {
     count=$(cat -- "$base/count")
     after=$(find . | sort)
     ((count >= 2)) || fail "only $count changes were counted"
-    points=$( (seq 1 4; seq 5 $((count / 4 + 1)) "$count"; echo "$count") |
+    points=$( (seq 1 4; seq 5 $((count / 4 + 1)) "$count"; seq $((count - 3)) "$count") |
         awk -v most="$count" '$1 >= 1 && $1 <= most' | sort -nu)
     for point in $points; do
         reset
@@ -86,8 +87,10 @@ each() {
             fi
             ;;
         0)
+            cp -- "$out" "$answer" # before others write there
             [[ $(find . | sort) == "$after" ]] || fail "other files are there than after the whole work"
             eval "$is_done"
+            [[ $answers == 0 || $(head -c 1 -- "$answer") == "{" ]] || fail "it should answer that it is done"
             ;;
         *) fail "the exit code is $code" ;;
         esac
@@ -141,7 +144,7 @@ makes) # and leaves no file
     each unchanged 'grep -q "^</svg>" new.svg' map plain-child.vmdk --svg new.svg
     ;;
 replaces) # and leaves the old file
-    each unchanged 'same loose.raw old.raw' convert plain-loose.vmdk old.raw --force
+    each unchanged 'same loose.raw old.raw' convert plain-loose.vmdk old.raw --force --json
     each unchanged 'holds other.raw plain.vmdk' convert other.raw plain.vmdk --force
     each unchanged 'holds other.raw packed.vmdk' convert other.raw packed.vmdk --compressed --force
     each unchanged 'holds other.raw split.vmdk' convert other.raw split.vmdk --split=6M --force
@@ -150,11 +153,11 @@ replaces) # and leaves the old file
     ;;
 changes)
     for kind in plain packed split; do
-        each unchanged "holds loose.raw $kind-loose.vmdk" compact $kind-loose.vmdk
-        each unchanged "holds other.raw $kind-child.vmdk" rebase $kind-child.vmdk other/$kind.vmdk
+        each unchanged "holds loose.raw $kind-loose.vmdk" compact $kind-loose.vmdk --json
+        each unchanged "holds other.raw $kind-child.vmdk" rebase $kind-child.vmdk other/$kind.vmdk --json
         each unchanged "holds disk.raw $kind-secret.vmdk --password-file pw2" \
             passwd $kind-secret.vmdk --password-file pw --new-password-file pw2
-        each unchanged 'holds disk.raw new.vmdk' rename $kind.vmdk new.vmdk
+        each unchanged 'holds disk.raw new.vmdk' rename $kind.vmdk new.vmdk --json
         each unchanged 'holds other.raw other/new.vmdk --allow .' rename $kind-child.vmdk other/new.vmdk
     done
     # Stopped between two steps, nothing is lost.
