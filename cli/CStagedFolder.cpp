@@ -5,24 +5,32 @@
 #include "Targets.h"
 #include "platform.h"
 
+#include <optional>
 #include <utility>
 
 namespace tessel::cli {
 
 namespace fs = std::filesystem;
 
-namespace {
-
 /// A row of renamings that can be taken back.
-class CRenamings {
+class CStagedFolder::CRenamings {
 public:
     CRenamings() = default;
     CRenamings(const CRenamings&) = delete;
     CRenamings& operator=(const CRenamings&) = delete;
-    ~CRenamings() {
-        std::error_code ignored;
-        for (auto step = m_steps.rbegin(); step != m_steps.rend(); ++step)
-            fs::rename(step->second, step->first, ignored);
+    /// Takes back what was not kept. Returns the first file that could not get its old name again, or
+    /// nothing.
+    std::optional<fs::path> takeBack() noexcept {
+        std::optional<fs::path> left;
+        for (; !m_steps.empty(); m_steps.pop_back()) {
+            const auto& [from, to] = m_steps.back();
+            try {
+                moveFile(to, from, false);
+            } catch (const std::exception&) {
+                left = to;
+            }
+        }
+        return left;
     }
 
     void move(const fs::path& from, const fs::path& to, bool replace) {
@@ -30,13 +38,10 @@ public:
         moveFile(from, to, replace);
         m_steps.emplace_back(from, to);
     }
-    void keep() noexcept { m_steps.clear(); }
 
 private:
     std::vector<std::pair<fs::path, fs::path>> m_steps;
 };
-
-} // namespace
 
 CStagedFolder::CStagedFolder(const fs::path& targetFolder)
     : m_targetFolder(targetFolder.empty() ? fs::path(".") : targetFolder) {
@@ -56,13 +61,32 @@ CStagedFolder::CStagedFolder(const fs::path& targetFolder)
 
 CStagedFolder::~CStagedFolder() {
     std::error_code ignored;
-    fs::remove_all(m_path, ignored);
+    if (!m_path.empty())
+        fs::remove_all(m_path, ignored);
 }
 
 void CStagedFolder::commit(const std::vector<fs::path>& names, const fs::path& mainFile,
                            const std::vector<fs::path>& obsolete, bool force, bool sync) {
     const bool isOneFile = names.size() == 1 && obsolete.empty();
     CRenamings renamings;
+    try {
+        rename(renamings, names, mainFile, obsolete, force, isOneFile);
+    } catch (...) {
+        if (const std::optional<fs::path> left = renamings.takeBack()) {
+            // The only copy of something: it stays where it is.
+            m_path.clear();
+            tellWarning(nameFromPath(*left) +
+                        ": This file could not be given its old name again and is kept here");
+        }
+        throw;
+    }
+    if (sync)
+        syncFolder(m_targetFolder);
+}
+
+void CStagedFolder::rename(CRenamings& renamings, const std::vector<fs::path>& names,
+                           const fs::path& mainFile, const std::vector<fs::path>& obsolete, bool force,
+                           bool isOneFile) const {
     if (force && !isOneFile) {
         std::vector<fs::path> old = {mainFile};
         old.insert(old.end(), obsolete.begin(), obsolete.end());
@@ -77,9 +101,6 @@ void CStagedFolder::commit(const std::vector<fs::path>& names, const fs::path& m
         if (name != mainFile)
             renamings.move(getPath() / name, m_targetFolder / name, false);
     renamings.move(getPath() / mainFile, m_targetFolder / mainFile, force && isOneFile);
-    renamings.keep();
-    if (sync)
-        syncFolder(m_targetFolder);
 }
 
 } // namespace tessel::cli

@@ -18,12 +18,19 @@ public:
 
     /// Gives the files their names in the target folder, `mainFile` last; files that had the names, and those
     /// of `obsolete`, give way, the main file first, so that no mixture of old and new ever stands under its
-    /// name. When that fails, everything is as before. With `sync` the names are durable.
+    /// name. When that fails, everything is as before; a file that cannot get its old name again stays in the
+    /// folder, and that is told. With `sync` the names are durable.
     /// Throws: CFailure; without `force` also when a file has one of the names.
     void commit(const std::vector<std::filesystem::path>& names, const std::filesystem::path& mainFile,
                 const std::vector<std::filesystem::path>& obsolete, bool force, bool sync);
 
 private:
+    class CRenamings;
+
+    void rename(CRenamings& renamings, const std::vector<std::filesystem::path>& names,
+                const std::filesystem::path& mainFile, const std::vector<std::filesystem::path>& obsolete,
+                bool force, bool isOneFile) const;
+
     std::filesystem::path m_targetFolder;
     std::filesystem::path m_path;
 };

@@ -3,8 +3,8 @@
 // gets a second name, as on a file system that has no such thing, and with TESSEL_NO_LISTS no access control
 // list. Changes are what gives or takes names and, without TESSEL_ONLY_NAMES, what writes at a position; with
 // TESSEL_COUNT_NEW also what may make a file or a folder. A program that ends by itself writes their number
-// into the file TESSEL_COUNT_TO. With TESSEL_SLOW_READS each read at a position takes so many microseconds at
-// least.
+// into the file TESSEL_COUNT_TO. With TESSEL_SLOW_READS each read at a position, or of standard input, takes
+// so many microseconds at least.
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -143,6 +143,13 @@ int mkdir(const char* path, mode_t mode) noexcept {
     static auto* const next = findNext<int(const char*, mode_t)>("mkdir");
     countNew();
     return next(path, mode);
+}
+
+ssize_t read(int file, void* data, size_t size) {
+    static auto* const next = findNext<ssize_t(int, void*, size_t)>("read");
+    if (file == STDIN_FILENO)
+        slowDown();
+    return next(file, data, size);
 }
 
 ssize_t pread(int file, void* data, size_t size, off_t position) {

@@ -8,6 +8,8 @@ export GLIBC_TUNABLES=glibc.cpu.hwcaps=-AVX2,-AVX2_Usable,-AVX512VL,-AVX512BW,-E
 # What nbdkit itself allocates and loses, as it does when it is told to end while a client goes.
 for function in malloc calloc realloc; do
     printf '{\n   nbdkit\n   Memcheck:Leak\n   fun:%s\n   obj:*/nbdkit\n}\n' $function
+    # and its threads that have not ended when it does
+    printf '{\n   threads\n   Memcheck:Leak\n   fun:%s\n   ...\n   fun:pthread_create*\n   obj:*/nbdkit\n}\n' $function
 done >suppressions
 nbdkit=(valgrind --quiet --suppressions="$PWD/suppressions" --leak-check=full --show-leak-kinds=definite,indirect,possible
     --errors-for-leak-kinds=definite,indirect,possible --error-exitcode=99 nbdkit)
