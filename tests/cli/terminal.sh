@@ -112,7 +112,7 @@ import os, pty, select, shutil, subprocess, sys
 def run(line, *options, shares_terminal=False):
     """The exit code, and what is shown on the terminal that standard error is."""
     ours, theirs = pty.openpty()
-    environment = {**os.environ, "LD_PRELOAD": sys.argv[2], "TESSEL_SLOW_READS": "3000" if line.startswith("write") else "40000"}
+    environment = {**os.environ, "LD_PRELOAD": sys.argv[2], "TESSEL_SLOW_READS": "3000" if line.startswith("write") else "20000"}
     with open("base.raw" if line.startswith("write") else os.devnull, "rb") as given:
         child = subprocess.Popen([sys.argv[1], *line.split(), *options], env=environment, stdin=given, stderr=theirs,
                                  stdout=theirs if shares_terminal else subprocess.DEVNULL)
