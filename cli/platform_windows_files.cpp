@@ -18,6 +18,9 @@ namespace {
 
 constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
 
+/// Whoever serves a name that turns out to be no file learns who asks, and cannot act in his place.
+constexpr DWORD guarded = SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION;
+
 /// Paths that are longer need the prefix; the folders among them leave room for a short name.
 constexpr std::size_t longestPlainPath = 240;
 
@@ -47,9 +50,9 @@ private:
 
 /// Anything that has a name, folders too. With `followLinks` false a link is opened itself.
 HANDLE open(const fs::path& path, DWORD access, bool followLinks) {
-    return ::CreateFileW(windows::toLongPath(path).c_str(), access, shareAll, nullptr, OPEN_EXISTING,
-                         FILE_FLAG_BACKUP_SEMANTICS | (followLinks ? 0 : FILE_FLAG_OPEN_REPARSE_POINT),
-                         nullptr);
+    return ::CreateFileW(
+        windows::toLongPath(path).c_str(), access, shareAll, nullptr, OPEN_EXISTING,
+        FILE_FLAG_BACKUP_SEMANTICS | guarded | (followLinks ? 0 : FILE_FLAG_OPEN_REPARSE_POINT), nullptr);
 }
 
 // --- Drives ---
@@ -223,9 +226,15 @@ bool tryMove(const std::wstring& from, const std::wstring& to, DWORD flags) noex
 
 /// What takes the place of a file that is open, though shared for that. The old file goes when it is closed.
 bool tryReplaceOpenFile(const fs::path& from, const fs::path& to) {
-    fs::path aside = from;
-    aside += L"-old";
     const std::wstring old = windows::toLongPath(to);
+    if (const DWORD attributes = ::GetFileAttributesW(old.c_str());
+        attributes == INVALID_FILE_ATTRIBUTES || (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0) {
+        ::SetLastError(ERROR_ACCESS_DENIED);
+        return false;
+    }
+    // Beside it, where it is found should it be left there.
+    fs::path aside = to;
+    aside += L".tessel-old";
     if (!tryMove(old, windows::toLongPath(aside), 0))
         return false;
     if (!tryMove(windows::toLongPath(from), old, 0)) {
@@ -234,6 +243,7 @@ bool tryReplaceOpenFile(const fs::path& from, const fs::path& to) {
         ::SetLastError(error);
         return false;
     }
+    ::SetFileAttributesW(windows::toLongPath(aside).c_str(), FILE_ATTRIBUTE_NORMAL);
     ::DeleteFileW(windows::toLongPath(aside).c_str());
     return true;
 }
@@ -317,7 +327,7 @@ void CRawFile::fail(const char* tried) const {
 CRawFile CRawFile::openForReading(const fs::path& path) {
     const std::wstring name = windows::toLongPath(path);
     const HANDLE handle = ::CreateFileW(name.c_str(), GENERIC_READ, shareAll, nullptr, OPEN_EXISTING,
-                                        FILE_ATTRIBUTE_NORMAL, nullptr);
+                                        FILE_ATTRIBUTE_NORMAL | guarded, nullptr);
     const DWORD error = ::GetLastError();
     CRawFile file(path, reinterpret_cast<std::intptr_t>(handle));
     if (handle == INVALID_HANDLE_VALUE) {
@@ -326,6 +336,9 @@ CRawFile CRawFile::openForReading(const fs::path& path) {
     }
     if (::GetFileType(handle) != FILE_TYPE_DISK)
         throw CFailure(nameFromPath(path), "Cannot open file: Not a regular file");
+    // Of a volume also what lies behind its file system; for others this means nothing.
+    DWORD returned = 0;
+    ::DeviceIoControl(handle, FSCTL_ALLOW_EXTENDED_DASD_IO, nullptr, 0, nullptr, 0, &returned, nullptr);
     return file;
 }
 
@@ -368,6 +381,12 @@ int64 CRawFile::getLength() const {
 }
 
 CRawFile::URegion CRawFile::findData(int64 position, int64 length) const {
+    // What other files have on the medium says nothing of what they hold.
+    BY_HANDLE_FILE_INFORMATION info = {};
+    constexpr DWORD elsewhere = FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_OFFLINE;
+    if (!::GetFileInformationByHandle(handleOf(m_handle), &info) ||
+        (info.dwFileAttributes & FILE_ATTRIBUTE_SPARSE_FILE) == 0 || (info.dwFileAttributes & elsewhere) != 0)
+        return {position, length};
     FILE_ALLOCATED_RANGE_BUFFER asked = {};
     asked.FileOffset.QuadPart = position;
     asked.Length.QuadPart = length - position;
@@ -409,6 +428,7 @@ void CRawFile::write(int64 position, const void* data, int size) {
         at.Offset = static_cast<DWORD>((position + done) & 0xFFFFFFFF);
         at.OffsetHigh = static_cast<DWORD>((position + done) >> 32);
         DWORD put = 0;
+        ::SetLastError(ERROR_WRITE_FAULT);
         if (!::WriteFile(handleOf(m_handle), static_cast<const char*>(data) + done,
                          static_cast<DWORD>(size - done), &put, &at) ||
             put == 0)
@@ -460,7 +480,7 @@ int64 getAllocatedSize(const fs::path& path) {
 }
 
 void moveFile(const fs::path& from, const fs::path& to, bool replace) {
-    const DWORD flags = replace ? MOVEFILE_REPLACE_EXISTING : 0;
+    const DWORD flags = MOVEFILE_WRITE_THROUGH | (replace ? DWORD(MOVEFILE_REPLACE_EXISTING) : 0);
     if (tryMove(windows::toLongPath(from), windows::toLongPath(to), flags))
         return;
     DWORD error = ::GetLastError();

@@ -111,6 +111,8 @@ public:
     /// Returns the error, and the number of bytes that were transferred. Throws: CInterrupted.
     DWORD run(DWORD& size, HANDLE over) {
         throwIfInterrupted();
+        if (over && ::WaitForSingleObject(over, 0) == WAIT_OBJECT_0)
+            throw CInterrupted();
         m_size = size;
         ::SetEvent(m_asked);
         const HANDLE events[] = {m_done, windows::getInterruptEvent(), over};

@@ -34,7 +34,10 @@ private:
 /// `path` is as toSystemPath gives it. Without success GetLastError() has the reason.
 inline CFileHandle openExisting(const wchar_t* path, DWORD access, DWORD flags) noexcept {
     constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-    return CFileHandle(::CreateFileW(path, access, shareAll, nullptr, OPEN_EXISTING, flags, nullptr));
+    // Whoever serves a name that turns out to be no file learns who asks, and cannot act in his place.
+    constexpr DWORD guarded = SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION;
+    return CFileHandle(
+        ::CreateFileW(path, access, shareAll, nullptr, OPEN_EXISTING, flags | guarded, nullptr));
 }
 
 } // namespace lum

@@ -99,9 +99,18 @@ void CWindowsFile::open(const std::wstring& path, IIOStream::Access access) {
     if (!path.ends_with(L'\\')) {
         constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
         const DWORD disposition = m_mayWrite ? OPEN_ALWAYS : OPEN_EXISTING;
-        m_file = CFileHandle(::CreateFileW(path.c_str(), mode, shareAll, nullptr, disposition,
-                                           FILE_ATTRIBUTE_NORMAL, nullptr));
-        error = m_file.isOpen() ? ERROR_SUCCESS : ::GetLastError();
+        // Programs that look at every new file keep it to themselves for a moment. Whoever serves a name that
+        // turns out to be no file learns who asks, and cannot act in his place.
+        constexpr DWORD flags = FILE_ATTRIBUTE_NORMAL | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION;
+        constexpr int mostTries = 20;
+        for (int i = 1;; ++i) {
+            m_file = CFileHandle(
+                ::CreateFileW(path.c_str(), mode, shareAll, nullptr, disposition, flags, nullptr));
+            error = m_file.isOpen() ? DWORD(ERROR_SUCCESS) : ::GetLastError();
+            if (error != ERROR_SHARING_VIOLATION || i == mostTries)
+                break;
+            ::Sleep(50);
+        }
     }
     if (m_file.isOpen())
         return;
