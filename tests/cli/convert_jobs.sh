@@ -118,15 +118,8 @@ done
 
 # A record that is another grain's is not taken over, where nothing would tell any more.
 ok convert big.raw swapped.vmdk --quiet --compressed
-python3 - swapped.vmdk <<'end'
-import struct, sys
-disk = bytearray(open(sys.argv[1], "rb").read())
-number = lambda at: struct.unpack_from("<I", disk, at)[0]
-table = number(number(56) * 512) * 512
-first, second = table + 4 * 5, table + 4 * 9
-disk[first:first + 4], disk[second:second + 4] = disk[second:second + 4], disk[first:first + 4]
-open(sys.argv[1], "wb").write(disk)
-end
+python3 "$TESSEL_SOURCE_DIR/tests/support/spoil.py" swapped.vmdk \
+    'first, second = u(entry(5)), u(entry(9)); p(entry(5), second); p(entry(9), first)'
 for target in new.vmdk new.raw; do
     options=(--quiet)
     [[ $target != *.vmdk ]] || options+=(--compressed)

@@ -93,15 +93,8 @@ rm -f ./*.vmdk
 
 # A parent's record that is another grain's is not taken over, where nothing would tell any more.
 ok convert base.raw base.vmdk --quiet --compressed
-python3 - base.vmdk <<'end'
-import struct, sys
-disk = bytearray(open(sys.argv[1], "rb").read())
-number = lambda at: struct.unpack_from("<I", disk, at)[0]
-table = number(number(56) * 512) * 512
-first, second = table + 4 * 0, table + 4 * 1
-disk[first:first + 4], disk[second:second + 4] = disk[second:second + 4], disk[first:first + 4]
-open(sys.argv[1], "wb").write(disk)
-end
+python3 "$TESSEL_SOURCE_DIR/tests/support/spoil.py" base.vmdk \
+    'first, second = u(entry(0)), u(entry(1)); p(entry(0), second); p(entry(1), first)'
 ok create child.vmdk --parent base.vmdk
 refused 1 "$PWD/base.vmdk: The grain at byte 0 holds another grain's record; it stays as it is (tessel check \
 $PWD/base.vmdk tells more)" flatten child.vmdk
